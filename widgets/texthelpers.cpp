@@ -1,0 +1,35 @@
+#include "texthelpers.h"
+
+#include <QScrollBar>
+#include <QTextBrowser>
+
+unsigned int parseUnsignedInteger(const QString &text, bool *ok)
+{
+    constexpr int kiloShift = 10;
+    constexpr int megaShift = 20;
+    if (text.endsWith(QLatin1String("kb"), Qt::CaseInsensitive))
+        return text.left(text.size() - 2).toUInt(ok, 10) << kiloShift;
+    if (text.endsWith(QLatin1String("mb"), Qt::CaseInsensitive))
+        return text.left(text.size() - 2).toUInt(ok, 10) << megaShift;
+    if (text.startsWith(QLatin1String("0b"), Qt::CaseInsensitive))
+        return text.mid(2).toUInt(ok, 2);
+    if (text.startsWith(QLatin1String("0x"), Qt::CaseInsensitive))
+        return text.mid(2).toUInt(ok, 16);
+    if (text.startsWith(QLatin1Char('0')))
+        return text.toUInt(ok, 8);
+    return text.toUInt(ok, 10);
+}
+
+QString hexlify(const QByteArray &data, bool upper)
+{
+    const QByteArray hex = data.toHex();
+    return QString::fromLatin1(upper ? hex.toUpper() : hex);
+}
+
+void textBrowserScroll(QTextBrowser *browser)
+{
+    if (!browser)
+        return;
+    QScrollBar *bar = browser->verticalScrollBar();
+    bar->setValue(bar->maximum());
+}
