@@ -45,11 +45,12 @@ Settings settingsFromHash(const QHash<QString, QVariant> &settings)
     result.baudRate = static_cast<qint32>(valueOr(settings, QStringLiteral("COM/Baud"), 115200));
 
     const uint parity = valueOr(settings, QStringLiteral("COM/Parity"), QSerialPort::NoParity);
-    const bool parityAccepted = parity == QSerialPort::NoParity || parity == QSerialPort::EvenParity
-                                || parity == QSerialPort::OddParity
-                                || parity == QSerialPort::SpaceParity
-                                || parity == QSerialPort::MarkParity;
-    result.parity = parityAccepted ? static_cast<QSerialPort::Parity>(parity) : QSerialPort::NoParity;
+    const bool parityAccepted =
+        parity == QSerialPort::NoParity || parity == QSerialPort::EvenParity ||
+        parity == QSerialPort::OddParity || parity == QSerialPort::SpaceParity ||
+        parity == QSerialPort::MarkParity;
+    result.parity =
+        parityAccepted ? static_cast<QSerialPort::Parity>(parity) : QSerialPort::NoParity;
 
     const uint bits = valueOr(settings, QStringLiteral("COM/Bits"), QSerialPort::Data8);
     result.dataBits = bits >= QSerialPort::Data5 && bits <= QSerialPort::Data8

@@ -1,0 +1,45 @@
+#pragma once
+
+#include "esputility_global.h"
+
+#include <QObject>
+#include <QSerialPort>
+
+class ESPProtocol;
+
+// Owns the serial line to the chip: opens it, writes SLIP frames, feeds received bytes to the
+// SLIP decoder and reports port errors and an unexpected close.
+class ESPUTILITY_EXPORT ESPCommunicator : public QObject
+{
+    Q_OBJECT
+
+public:
+    explicit ESPCommunicator(QObject *parent = nullptr);
+
+    // Stores the decoder (not owned) and resets it.
+    void setHandler(ESPProtocol *handler);
+    bool open(const QString &portName, unsigned int baud);
+    // A deliberate close never emits disconnected().
+    void close();
+    bool write(const QByteArray &packet);
+    QString dumpInfo() const;
+    bool setBaudrate(unsigned int baud);
+
+    bool isOpen() const { return port.isOpen(); }
+    unsigned int baudrate() const;
+    QString errorString() const { return port.errorString(); }
+
+signals:
+    void error(QSerialPort::SerialPortError error);
+    void disconnected(const QString &reason);
+
+private slots:
+    void port_aboutToClose();
+    void port_readyRead();
+    void port_errorOccurred(QSerialPort::SerialPortError error);
+
+private:
+    QSerialPort port;
+    ESPProtocol *handler = nullptr;
+    bool closingOnError = false;
+};

@@ -1,0 +1,83 @@
+#include "ptypair.h"
+
+#include "serial/qcomport.h"
+
+#include <QElapsedTimer>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <pty.h>
+#include <termios.h>
+#include <unistd.h>
+
+PtyPair::PtyPair()
+{
+    char name[256] = {};
+    termios raw{};
+    cfmakeraw(&raw);
+    if (openpty(&m_master, &m_slave, name, &raw, nullptr) != 0) {
+        m_master = m_slave = -1;
+        return;
+    }
+    m_slavePath = QString::fromLocal8Bit(name);
+    ::fcntl(m_master, F_SETFL, ::fcntl(m_master, F_GETFL) | O_NONBLOCK);
+}
+
+PtyPair::~PtyPair()
+{
+    closeMaster();
+    if (m_slave >= 0)
+        ::close(m_slave);
+}
+
+bool PtyPair::writeMaster(const QByteArray &data)
+{
+    qint64 done = 0;
+    QElapsedTimer timer;
+    timer.start();
+    while (done < data.size() && m_master >= 0 && timer.elapsed() < 5000) {
+        const ssize_t n = ::write(m_master, data.constData() + done, size_t(data.size() - done));
+        if (n > 0)
+            done += n;
+        else
+            ::usleep(1000);
+    }
+    return done == data.size();
+}
+
+QByteArray PtyPair::readMaster(int timeoutMs, int atLeast)
+{
+    QByteArray result;
+    QElapsedTimer timer;
+    timer.start();
+    while (m_master >= 0 && result.size() < atLeast && timer.elapsed() < timeoutMs) {
+        pollfd pfd{m_master, POLLIN, 0};
+        if (::poll(&pfd, 1, 10) > 0 && (pfd.revents & POLLIN)) {
+            char buffer[4096];
+            const ssize_t n = ::read(m_master, buffer, sizeof buffer);
+            if (n > 0)
+                result.append(buffer, int(n));
+        }
+    }
+    return result;
+}
+
+void PtyPair::closeMaster()
+{
+    if (m_master >= 0)
+        ::close(m_master);
+    m_master = -1;
+    // Without the test's own slave descriptor the port's side hangs up like a removed device.
+    if (m_slave >= 0)
+        ::close(m_slave);
+    m_slave = -1;
+}
+
+void PtyPair::publish() const
+{
+    QByteArray list = qgetenv(QComPort::extraPortsVariable);
+    if (!list.isEmpty())
+        list.append(':');
+    list.append(m_slavePath.toLocal8Bit());
+    qputenv(QComPort::extraPortsVariable, list);
+}
