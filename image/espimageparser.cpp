@@ -6,6 +6,7 @@
 #include <QtEndian>
 
 #include <algorithm>
+#include <cstddef>
 #include <limits>
 
 namespace {
@@ -140,7 +141,8 @@ bool ESPImageParser::load(const QString &path, unsigned char mode, unsigned char
 {
     close_image();
     auto *file = new QFile(path, this);
-    if (!file->open(QIODevice::ReadOnly)) {
+    // Unbuffered: a file cut short by someone else must not be served from a stale read-ahead.
+    if (!file->open(QIODevice::ReadOnly | QIODevice::Unbuffered)) {
         delete file;
         return false;
     }
