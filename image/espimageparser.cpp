@@ -34,7 +34,7 @@ struct NamedCode
     unsigned char code;
 };
 
-// Flash sizes in megabits, as other tools name them.
+// Flash sizes named in megabits.
 const NamedCode kMegabitNames[] = {
     {"2m", 1},  {"4m", 0},     {"8m", 2},     {"16m", 3}, {"16m-c1", 5},
     {"32m", 4}, {"32m-c1", 6}, {"32m-c2", 7}, {"64m", 8}, {"128m", 9},
