@@ -82,23 +82,40 @@ bool ElfStubImage::load(const QByteArray &bytes)
     if (!header)
         return fail(QStringLiteral("The ELF header is unreadable: %1").arg(libelfMessage()));
 
-    size_t sectionCount = 0;
-    if (elf_getshdrnum(elf.get(), &sectionCount) != 0)
-        return fail(QStringLiteral("The section table is broken: %1").arg(libelfMessage()));
-    if (sectionCount > 0) {
+    // libelf quietly reports no sections when the table lies outside the file, so the header's
+    // own description of the table is checked first.
+    const bool hasTable = header->e_shoff != 0 || header->e_shnum != 0;
+    if (hasTable) {
         if (header->e_shentsize != sizeof(Elf32_Shdr))
             return fail(QStringLiteral("The section table is broken: entries of %1 bytes instead "
                                        "of %2")
                             .arg(header->e_shentsize)
                             .arg(sizeof(Elf32_Shdr)));
-        const quint64 tableEnd =
-            quint64(header->e_shoff) + quint64(sectionCount) * sizeof(Elf32_Shdr);
-        if (tableEnd > fileSize)
+        if (header->e_shoff < sizeof(Elf32_Ehdr))
+            return fail(QStringLiteral("The section table is broken: it overlaps the ELF header"));
+        const quint64 declaredEnd = quint64(header->e_shoff) +
+                                    quint64(qMax<quint16>(header->e_shnum, 1)) * sizeof(Elf32_Shdr);
+        if (declaredEnd > fileSize)
             return fail(QStringLiteral("The ELF file is truncated: its section table ends at byte "
                                        "%1, the file has %2 bytes")
-                            .arg(tableEnd)
+                            .arg(declaredEnd)
                             .arg(fileSize));
     }
+
+    size_t sectionCount = 0;
+    if (elf_getshdrnum(elf.get(), &sectionCount) != 0)
+        return fail(QStringLiteral("The section table is broken: %1").arg(libelfMessage()));
+    if (header->e_shnum != 0 && sectionCount != header->e_shnum)
+        return fail(QStringLiteral("The section table is broken: %1 sections declared, %2 readable")
+                        .arg(header->e_shnum)
+                        .arg(sectionCount));
+    // With more sections than the header can count, the real count sits in section 0.
+    const quint64 tableEnd = quint64(header->e_shoff) + quint64(sectionCount) * sizeof(Elf32_Shdr);
+    if (tableEnd > fileSize)
+        return fail(QStringLiteral("The ELF file is truncated: its section table ends at byte %1, "
+                                   "the file has %2 bytes")
+                        .arg(tableEnd)
+                        .arg(fileSize));
 
     size_t namesIndex = SHN_UNDEF;
     if (elf_getshdrstrndx(elf.get(), &namesIndex) != 0)
