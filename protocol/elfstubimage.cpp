@@ -78,23 +78,25 @@ bool ElfStubImage::load(const QByteArray &bytes)
         return fail(QStringLiteral("Cannot read the ELF file: %1").arg(libelfMessage()));
     if (elf_kind(elf.get()) != ELF_K_ELF)
         return fail(QStringLiteral("Not an ELF file"));
-    const Elf32_Ehdr *header = elf32_getehdr(elf.get());
-    if (!header)
+    const Elf32_Ehdr *mappedHeader = elf32_getehdr(elf.get());
+    if (!mappedHeader)
         return fail(QStringLiteral("The ELF header is unreadable: %1").arg(libelfMessage()));
+    Elf32_Ehdr header;
+    std::memcpy(&header, mappedHeader, sizeof header);
 
     // libelf quietly reports no sections when the table lies outside the file, so the header's
     // own description of the table is checked first.
-    const bool hasTable = header->e_shoff != 0 || header->e_shnum != 0;
+    const bool hasTable = header.e_shoff != 0 || header.e_shnum != 0;
     if (hasTable) {
-        if (header->e_shentsize != sizeof(Elf32_Shdr))
+        if (header.e_shentsize != sizeof(Elf32_Shdr))
             return fail(QStringLiteral("The section table is broken: entries of %1 bytes instead "
                                        "of %2")
-                            .arg(header->e_shentsize)
+                            .arg(header.e_shentsize)
                             .arg(sizeof(Elf32_Shdr)));
-        if (header->e_shoff < sizeof(Elf32_Ehdr))
+        if (header.e_shoff < sizeof(Elf32_Ehdr))
             return fail(QStringLiteral("The section table is broken: it overlaps the ELF header"));
-        const quint64 declaredEnd = quint64(header->e_shoff) +
-                                    quint64(qMax<quint16>(header->e_shnum, 1)) * sizeof(Elf32_Shdr);
+        const quint64 declaredEnd = quint64(header.e_shoff) +
+                                    quint64(qMax<quint16>(header.e_shnum, 1)) * sizeof(Elf32_Shdr);
         if (declaredEnd > fileSize)
             return fail(QStringLiteral("The ELF file is truncated: its section table ends at byte "
                                        "%1, the file has %2 bytes")
@@ -105,12 +107,12 @@ bool ElfStubImage::load(const QByteArray &bytes)
     size_t sectionCount = 0;
     if (elf_getshdrnum(elf.get(), &sectionCount) != 0)
         return fail(QStringLiteral("The section table is broken: %1").arg(libelfMessage()));
-    if (header->e_shnum != 0 && sectionCount != header->e_shnum)
+    if (header.e_shnum != 0 && sectionCount != header.e_shnum)
         return fail(QStringLiteral("The section table is broken: %1 sections declared, %2 readable")
-                        .arg(header->e_shnum)
+                        .arg(header.e_shnum)
                         .arg(sectionCount));
     // With more sections than the header can count, the real count sits in section 0.
-    const quint64 tableEnd = quint64(header->e_shoff) + quint64(sectionCount) * sizeof(Elf32_Shdr);
+    const quint64 tableEnd = quint64(header.e_shoff) + quint64(sectionCount) * sizeof(Elf32_Shdr);
     if (tableEnd > fileSize)
         return fail(QStringLiteral("The ELF file is truncated: its section table ends at byte %1, "
                                    "the file has %2 bytes")
@@ -129,15 +131,18 @@ bool ElfStubImage::load(const QByteArray &bytes)
     sections.reserve(int(sectionCount > 0 ? sectionCount - 1 : 0));
     for (size_t index = 1; index < sectionCount; ++index) {
         Elf_Scn *scn = elf_getscn(elf.get(), index);
-        const Elf32_Shdr *sectionHeader = scn ? elf32_getshdr(scn) : nullptr;
-        if (!sectionHeader)
+        const Elf32_Shdr *mappedSectionHeader = scn ? elf32_getshdr(scn) : nullptr;
+        if (!mappedSectionHeader)
             return fail(QStringLiteral("The section table is broken: section %1 is unreadable: %2")
                             .arg(index)
                             .arg(libelfMessage()));
+        // libelf may point straight into the file, at any alignment: copy before reading fields.
+        Elf32_Shdr sectionHeader;
+        std::memcpy(&sectionHeader, mappedSectionHeader, sizeof sectionHeader);
 
         Section section;
         if (namesIndex != SHN_UNDEF) {
-            const char *name = elf_strptr(elf.get(), namesIndex, sectionHeader->sh_name);
+            const char *name = elf_strptr(elf.get(), namesIndex, sectionHeader.sh_name);
             if (!name)
                 return fail(QStringLiteral("The section names are broken: section %1 has no "
                                            "readable name: %2")
@@ -146,22 +151,22 @@ bool ElfStubImage::load(const QByteArray &bytes)
             section.name = QString::fromUtf8(name);
         }
         const QString label = sectionLabel(index, section.name);
-        section.address = sectionHeader->sh_addr;
-        section.size = sectionHeader->sh_size;
+        section.address = sectionHeader.sh_addr;
+        section.size = sectionHeader.sh_size;
         if (quint64(section.address) + section.size > (quint64(1) << 32))
             return fail(QStringLiteral("The ELF file is broken: %1 runs past the end of the "
                                        "address space")
                             .arg(label));
 
-        const bool hasFileData = sectionHeader->sh_type != SHT_NOBITS &&
-                                 sectionHeader->sh_type != SHT_NULL && section.size > 0;
+        const bool hasFileData = sectionHeader.sh_type != SHT_NOBITS &&
+                                 sectionHeader.sh_type != SHT_NULL && section.size > 0;
         if (hasFileData) {
-            const quint64 end = quint64(sectionHeader->sh_offset) + section.size;
+            const quint64 end = quint64(sectionHeader.sh_offset) + section.size;
             if (end > fileSize)
                 return fail(QStringLiteral("The ELF file is truncated or broken: %1 lies at bytes "
                                            "%2 to %3, the file has %4 bytes")
                                 .arg(label)
-                                .arg(sectionHeader->sh_offset)
+                                .arg(sectionHeader.sh_offset)
                                 .arg(end)
                                 .arg(fileSize));
             const Elf_Data *data = elf_rawdata(scn, nullptr);
@@ -174,8 +179,8 @@ bool ElfStubImage::load(const QByteArray &bytes)
         sections.append(section);
     }
 
-    m_entry = header->e_entry;
-    m_machine = header->e_machine;
+    m_entry = header.e_entry;
+    m_machine = header.e_machine;
     m_sections = sections;
     m_valid = true;
     return true;

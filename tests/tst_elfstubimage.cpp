@@ -15,7 +15,6 @@
 namespace {
 
 // Offsets within a 32-bit ELF header and section header, for corrupting files on purpose.
-constexpr int HeaderEntry = 24;
 constexpr int HeaderSectionTableOffset = 32;
 constexpr int HeaderSectionEntrySize = 46;
 constexpr int HeaderSectionCount = 48;
@@ -98,6 +97,7 @@ private slots:
     void loadFromDevicePosition();
     void loadFromUnreadableDevice();
     void emptyInput();
+    void oversizedInputRefused();
     void failureClearsPreviousImage();
     void notElf_data();
     void notElf();
@@ -279,6 +279,27 @@ void TestElfStubImage::emptyInput()
     QVERIFY(buffer.open(QIODevice::ReadOnly));
     QVERIFY(!image.load(&buffer));
     QVERIFY(image.errorString().contains("empty"));
+}
+
+void TestElfStubImage::oversizedInputRefused()
+{
+    // A valid loader followed by far more bytes than any loader has: refused, and the device is
+    // not drained beyond the limit.
+    QByteArray bytes = stubBytes(0x20, 0x20);
+    bytes.append(QByteArray(int(ElfStubImage::MaxFileSize), '\0'));
+    ElfStubImage image;
+    QVERIFY(!image.load(bytes));
+    QVERIFY2(image.errorString().contains("too large"), qPrintable(image.errorString()));
+
+    QBuffer buffer(&bytes);
+    QVERIFY(buffer.open(QIODevice::ReadOnly));
+    QVERIFY(!image.load(&buffer));
+    QVERIFY2(image.errorString().contains("too large"), qPrintable(image.errorString()));
+    QCOMPARE(buffer.pos(), ElfStubImage::MaxFileSize + 1);
+
+    // Exactly at the limit is still read.
+    bytes.resize(int(ElfStubImage::MaxFileSize));
+    QVERIFY2(image.load(bytes), qPrintable(image.errorString()));
 }
 
 void TestElfStubImage::failureClearsPreviousImage()
