@@ -1,13 +1,147 @@
 #include "esptool.h"
 
+#include "image/espimageparser.h"
+#include "protocol/elfstubimage.h"
+#include "widgets/texthelpers.h"
+
 #include <QCryptographicHash>
 #include <QFile>
+#include <QtEndian>
+
+#include <cmath>
 
 namespace {
+
+// Time-outs, all in milliseconds.
+constexpr unsigned int defaultTimeoutMs = 3000;
+constexpr unsigned int syncTimeoutMs = 100;
+constexpr unsigned int romMemEndTimeoutMs = 50; // the ROM jumps to the stub right after answering
+constexpr unsigned int eraseChipTimeoutMs = 120000; // a whole-chip erase takes long
+constexpr unsigned int stubGreetingTimeoutMs = 3000;
+constexpr unsigned int baudSwitchPauseMs = 50;
+// Per-size time-outs: milliseconds per 1,000,000 bytes.
+constexpr unsigned int eraseMsPerMegabyte = 30000;
+constexpr unsigned int md5MsPerMegabyte = 8000;
+
+constexpr int syncAttempts = 4;
+constexpr int syncSurplusAnswers = 6;
+
 constexpr unsigned int sectorSize = 4096;
 constexpr unsigned int sectorsPerEraseBlock = 16;
+constexpr unsigned int romFlashBlockSize = 0x400;
+constexpr unsigned int stubFlashBlockSize = 0x4000;
+constexpr unsigned int ramBlockSize = 0x1800;
+constexpr unsigned int readPacketSize = 4096;
+constexpr unsigned int readPacketsInFlight = 64;
+constexpr int headerSize = 8;
+constexpr int dataHeaderSize = 16;
+constexpr int md5Size = 16;
 constexpr qint64 md5ReadChunk = 64 * 1024;
+
+// SPI controller registers.
+constexpr unsigned int SPI_CMD_REG = 0x60000200;
+constexpr unsigned int SPI_USR_REG = 0x6000021C;
+constexpr unsigned int SPI_USR1_REG = 0x60000220;
+constexpr unsigned int SPI_USR2_REG = 0x60000224;
+constexpr unsigned int SPI_W0_REG = 0x60000240;
+constexpr unsigned int SPI_CMD_USR = 0x40000;
+constexpr unsigned int SPI_USR_COMMAND = 0x80000000;
+constexpr unsigned int SPI_USR_MISO = 0x10000000;
+constexpr unsigned int SPI_USR_MOSI = 0x08000000;
+constexpr unsigned int SPI_USR2_8BIT_COMMAND = 0x70000000;
+constexpr int SPI_MOSI_BITLEN_SHIFT = 17;
+constexpr int SPI_MISO_BITLEN_SHIFT = 8;
+constexpr int spiPollReads = 10;
+constexpr unsigned char SPIFLASH_RDID = 0x9F;
+constexpr unsigned char SPIFLASH_STATUS_COMMANDS[] = {0x05, 0x35, 0x15};
+
+constexpr unsigned int EFUSE_WORD0 = 0x3FF00050;
+constexpr unsigned int EFUSE_WORD1 = 0x3FF00054;
+constexpr unsigned int EFUSE_WORD2 = 0x3FF00058;
+constexpr unsigned int EFUSE_WORD3 = 0x3FF0005C;
+
+const QByteArray stubGreeting = QByteArrayLiteral("OHAI");
+
+void appendWord(QByteArray &bytes, quint32 value)
+{
+    char le[4];
+    qToLittleEndian(value, le);
+    bytes.append(le, 4);
+}
+
+QByteArray words(std::initializer_list<quint32> values)
+{
+    QByteArray bytes;
+    bytes.reserve(int(values.size()) * 4);
+    for (const quint32 value : values)
+        appendWord(bytes, value);
+    return bytes;
+}
+
+quint32 wordAt(const QByteArray &bytes, int offset)
+{
+    return qFromLittleEndian<quint32>(bytes.constData() + offset);
+}
+
+QString hex8(quint32 value)
+{
+    return QStringLiteral("%1").arg(value, 8, 16, QLatin1Char('0'));
+}
+
+ESPTool::SPIFLASH_IDENTIFIER knownChip(const char *name, quint16 device, quint16 sectors)
+{
+    ESPTool::SPIFLASH_IDENTIFIER chip;
+    chip.manufacturer = 0xEF;
+    chip.device = device;
+    chip.name = QString::fromLatin1(name);
+    chip.pageSize = 256;
+    chip.sectorSize = 4096;
+    chip.sectorCount = sectors;
+    return chip;
+}
+
 } // namespace
+
+const QVector<ESPTool::SPIFLASH_IDENTIFIER> ESPTool::KNOWN_SPI_CHIPS = {
+    knownChip("W25X05CL", 0x3010, 16),
+    knownChip("W25X10CL", 0x3011, 32),
+    knownChip("W25X20CL", 0x3012, 64),
+    knownChip("W25X40CL", 0x3013, 128),
+    knownChip("W25Q40CL", 0x4013, 128),
+    knownChip("W25Q80DV", 0x4014, 256),
+    knownChip("W25Q16JV", 0x4015, 512),
+    knownChip("W25Q16JV-Q", 0x7015, 512),
+    knownChip("W25Q32FV", 0x4016, 1024),
+    knownChip("W25Q32FV-Q", 0x6016, 1024),
+    knownChip("W25Q32JV-M", 0x7016, 1024),
+    knownChip("W25Q32JW-M", 0x8016, 1024),
+    knownChip("W25Q64FV", 0x4017, 2048),
+    knownChip("W25Q64FV-Q", 0x6017, 2048),
+    knownChip("W25Q128FV", 0x4018, 4096),
+    knownChip("W25Q128FV-Q", 0x6018, 4096),
+    SPIFLASH_IDENTIFIER(), // the list ends with a nameless entry
+};
+
+ESPTool::ESPTool(QObject *parent)
+    : QObject(parent), communicator(this), protocol(this), waitLoop(this), waitTimer(this)
+{
+    communicator.setHandler(&protocol);
+    connect(&communicator, &ESPCommunicator::disconnected, this, &ESPTool::connection_closed);
+    connect(&communicator, &ESPCommunicator::error, this, &ESPTool::connection_error);
+    waitTimer.setSingleShot(true);
+    connect(&waitTimer, &QTimer::timeout, &waitLoop, &QEventLoop::quit);
+    connect(&protocol, &ESPProtocol::packetReady, &waitLoop, &QEventLoop::quit);
+}
+
+ESPTool::~ESPTool()
+{
+    if (waitLoop.isRunning())
+        waitLoop.quit();
+    communicator.close();
+}
+
+// ---------------------------------------------------------------------------------------------
+// Transport and synchronisation
 
 quint8 ESPTool::esp_crc(const QByteArray &data)
 {
@@ -15,6 +149,271 @@ quint8 ESPTool::esp_crc(const QByteArray &data)
     for (const char byte : data)
         crc ^= static_cast<quint8>(byte);
     return crc;
+}
+
+void ESPTool::reportOperationError(int code, const QString &text)
+{
+    failed = true;
+    ++reportCount;
+    emit operationError(code, text);
+}
+
+void ESPTool::reportCommandError(int code)
+{
+    failed = true;
+    ++reportCount;
+    emit commandError(code);
+}
+
+bool ESPTool::esp_command(Opcode op, const QByteArray &payload, bool waitAnswer,
+                          unsigned int timeoutMs)
+{
+    if (op != ESP_NO_COMMAND) {
+        QByteArray packet;
+        packet.reserve(headerSize + payload.size());
+        packet.append(char(0x00));
+        packet.append(char(op));
+        char length[2];
+        qToLittleEndian(quint16(payload.size()), length);
+        packet.append(length, 2);
+        quint32 checksum = 0;
+        const bool dataBlock =
+            op == ESP_FLASH_DATA || op == ESP_MEM_DATA || op == ESP_FLASH_DEFL_DATA;
+        if (dataBlock && payload.size() > dataHeaderSize)
+            checksum = esp_crc(payload.mid(dataHeaderSize));
+        appendWord(packet, checksum);
+        packet.append(payload);
+        if (!communicator.write(packet)) {
+            reportOperationError(SerialWriteFailed, communicator.errorString());
+            return false;
+        }
+    }
+    if (!waitAnswer)
+        return true;
+
+    waitTimer.stop();
+    waitTimer.setInterval(int(timeoutMs));
+    response = getPacket(op);
+    if (response.isEmpty()) {
+        // Exactly one wait: a stray packet that wakes it makes the command fail.
+        waitTimer.start();
+        waitLoop.exec();
+        waitTimer.stop();
+        response = getPacket(op);
+    }
+    if (response.isEmpty()) {
+        reportOperationError(
+            NoAnswer,
+            QStringLiteral("No response for 0x%1 command").arg(uint(op), 2, 16, QLatin1Char('0')));
+        return false;
+    }
+    return true;
+}
+
+QByteArray ESPTool::getPacket(quint8 op)
+{
+    for (;;) {
+        QByteArray packet = protocol.deque();
+        if (op == ESP_RAW_PACKET || packet.isEmpty())
+            return packet;
+        if (packet.size() < headerSize)
+            continue;
+        if (quint8(packet.at(0)) == 0x01 && (op == ESP_NO_COMMAND || quint8(packet.at(1)) == op))
+            return packet;
+    }
+}
+
+QByteArray ESPTool::esp_command_secure(Opcode op, const QByteArray &payload, unsigned int timeoutMs)
+{
+    if (!esp_command(op, payload, true, timeoutMs))
+        return QByteArray();
+    const int size = response.size();
+    const int bodyLength = qFromLittleEndian<quint16>(response.constData() + 2);
+    if (bodyLength < 2 || size - headerSize != bodyLength)
+        return QByteArray();
+    const quint8 status = quint8(response.at(size - 2));
+    if (status == 0) {
+        if (bodyLength < 3)
+            return response.mid(4, 4);
+        return response.mid(headerSize, size - headerSize - 2);
+    }
+    // The ROM puts its error code in the last byte, the stub in the status byte itself.
+    reportCommandError(stubRunning ? status : quint8(response.at(size - 1)));
+    return QByteArray();
+}
+
+void ESPTool::sync()
+{
+    QByteArray frame = QByteArrayLiteral("\x07\x07\x12\x20");
+    frame.append(32, char(0x55));
+
+    int succeeded = -1;
+    for (int attempt = 0; attempt < syncAttempts; ++attempt) {
+        if (esp_command(ESP_SYNC, frame, true, syncTimeoutMs)) {
+            succeeded = attempt;
+            break;
+        }
+        failed = false;
+    }
+    // The ROM answers one synchronisation several times; take the surplus off the line. Only
+    // a success at the last attempt leaves them to the opcode filter of later commands.
+    if (succeeded == syncAttempts - 1)
+        return;
+    for (int i = 0; i < syncSurplusAnswers; ++i)
+        esp_command(ESP_NO_COMMAND, QByteArray(), true, syncTimeoutMs);
+}
+
+bool ESPTool::esp_connect(const QString &portName)
+{
+    failed = false;
+    // A fresh connection talks to the ROM loader: whatever stub ran before is gone.
+    stubRunning = 0;
+    stubImage.reset();
+    constexpr unsigned int syncBaud = 115200;
+    if (!communicator.open(portName, syncBaud))
+        return false;
+    protocol.flush(true);
+    sync();
+    return !failed;
+}
+
+void ESPTool::esp_disconnect()
+{
+    communicator.close();
+}
+
+void ESPTool::connection_closed(const QString &)
+{
+    if (waitLoop.isRunning())
+        waitLoop.quit();
+}
+
+void ESPTool::connection_error(QSerialPort::SerialPortError) {}
+
+void ESPTool::waitForPacket(unsigned int timeoutMs)
+{
+    waitTimer.stop();
+    if (protocol.queuedPackets() > 0)
+        return;
+    waitTimer.setInterval(int(timeoutMs));
+    waitTimer.start();
+    waitLoop.exec();
+    waitTimer.stop();
+}
+
+// ---------------------------------------------------------------------------------------------
+// Registers, RAM and flash downloads
+
+unsigned int ESPTool::read_reg(unsigned int address)
+{
+    const QByteArray result = esp_command_secure(ESP_READ_REG, words({address}), defaultTimeoutMs);
+    if (result.size() != 4) {
+        reportOperationError(
+            MalformedAnswer,
+            QStringLiteral("Invalid reply to the READ_REG command - expected 4 bytes, received %1")
+                .arg(result.size()));
+        return 0xFFFFFFFF;
+    }
+    return wordAt(result, 0);
+}
+
+void ESPTool::write_reg(unsigned int address, unsigned int value, unsigned int mask,
+                        unsigned int delayUs)
+{
+    ESP_WRITE_REG_PKT pkt;
+    pkt.address = address;
+    pkt.value = value;
+    pkt.mask = mask;
+    pkt.delayUs = delayUs;
+    write_reg(pkt);
+}
+
+void ESPTool::write_reg(const ESP_WRITE_REG_PKT &pkt)
+{
+    esp_command_secure(ESP_WRITE_REG, words({pkt.address, pkt.value, pkt.mask, pkt.delayUs}),
+                       defaultTimeoutMs);
+}
+
+void ESPTool::write_ram_prep(unsigned int address, unsigned int size, unsigned int blocks,
+                             unsigned int blockSize)
+{
+    ESP_FLASH_BEGIN_PKT pkt;
+    pkt.size = size;
+    pkt.blocks = blocks;
+    pkt.blockSize = blockSize;
+    pkt.address = address;
+    write_ram_prep(pkt);
+}
+
+void ESPTool::write_ram_prep(const ESP_FLASH_BEGIN_PKT &pkt)
+{
+    if (stubRunning && stubImage) {
+        // A RAM download must not overwrite the stub that answers it.
+        const quint64 begin = pkt.address;
+        const quint64 end = begin + pkt.size;
+        for (const ElfStubImage::Section &section : stubImage->sections()) {
+            const quint64 start = section.address;
+            const quint64 stop = start + section.size;
+            if (begin < stop && start < end) {
+                reportOperationError(
+                    BadRequest,
+                    QStringLiteral("To be written RAM region [0x%1:0x%2] overlaps with already "
+                                   "loaded stub section %3 at [0x%4:0x%5]")
+                        .arg(hex8(pkt.address), hex8(quint32(end)), section.name,
+                             hex8(quint32(start)), hex8(quint32(stop))));
+                return;
+            }
+        }
+    }
+    blockSequence = 0;
+    esp_command_secure(ESP_MEM_BEGIN, words({pkt.size, pkt.blocks, pkt.blockSize, pkt.address}),
+                       defaultTimeoutMs);
+}
+
+void ESPTool::write_ram(const QByteArray &data)
+{
+    QByteArray payload = words({quint32(data.size()), blockSequence++, 0, 0});
+    payload.append(data);
+    esp_command_secure(ESP_MEM_DATA, payload, defaultTimeoutMs);
+}
+
+void ESPTool::write_ram_finish(bool execute, unsigned int entry)
+{
+    const QByteArray payload = words({execute ? 0u : 1u, execute ? entry : 0u});
+    if (stubRunning)
+        esp_command_secure(ESP_MEM_END, payload, defaultTimeoutMs);
+    else
+        esp_command(ESP_MEM_END, payload, true, romMemEndTimeoutMs);
+}
+
+void ESPTool::write_flash_prep(unsigned int offset, unsigned int size)
+{
+    ESP_FLASH_BEGIN_PKT pkt;
+    if (stubRunning) {
+        pkt.blockSize = stubFlashBlockSize;
+        pkt.blocks = (size + stubFlashBlockSize - 1) / stubFlashBlockSize;
+        pkt.size = pkt.blocks * stubFlashBlockSize;
+    } else {
+        pkt.blockSize = romFlashBlockSize;
+        pkt.blocks = (size + romFlashBlockSize - 1) / romFlashBlockSize;
+        pkt.size = get_erase_size(offset, size);
+    }
+    pkt.address = offset;
+    write_flash_prep(pkt);
+}
+
+void ESPTool::write_flash_prep(const ESP_FLASH_BEGIN_PKT &pkt)
+{
+    unsigned int timeoutMs = defaultTimeoutMs;
+    if (!stubImage) {
+        // The product is taken in 32 bits on purpose: it wraps for sizes above 143165 bytes.
+        const quint32 product = pkt.size * eraseMsPerMegabyte;
+        const auto t = static_cast<unsigned int>(product / 1000000.0);
+        timeoutMs = t >= defaultTimeoutMs ? t : defaultTimeoutMs;
+    }
+    esp_command_secure(ESP_FLASH_BEGIN, words({pkt.size, pkt.blocks, pkt.blockSize, pkt.address}),
+                       timeoutMs);
+    blockSequence = 0;
 }
 
 unsigned int ESPTool::get_erase_size(unsigned int offset, unsigned int size)
@@ -27,6 +426,142 @@ unsigned int ESPTool::get_erase_size(unsigned int offset, unsigned int size)
     if (sectors < 2 * head)
         return ((sectors + 1) / 2) * sectorSize;
     return (sectors - head) * sectorSize;
+}
+
+void ESPTool::write_flash(const QByteArray &data)
+{
+    QByteArray payload = words({quint32(data.size()), blockSequence++, 0, 0});
+    payload.append(data);
+    esp_command_secure(ESP_FLASH_DATA, payload, defaultTimeoutMs);
+}
+
+void ESPTool::write_flash_finish(bool reboot)
+{
+    QByteArray payload(4, '\0');
+    payload[0] = reboot ? 0 : 1;
+    if (stubImage)
+        esp_command_secure(ESP_FLASH_END, payload, defaultTimeoutMs);
+    else
+        esp_command(ESP_FLASH_END, payload, false, defaultTimeoutMs);
+}
+
+void ESPTool::change_baudrate(unsigned int baud)
+{
+    if (!stubRunning)
+        return;
+    esp_command(ESP_CHANGE_BAUDRATE, words({baud, communicator.baudrate()}), false, 0);
+    communicator.setBaudrate(baud);
+    // Let the line settle, then drop whatever arrived around the switch.
+    waitTimer.stop();
+    waitTimer.setInterval(int(baudSwitchPauseMs));
+    waitTimer.start();
+    waitLoop.exec();
+    waitTimer.stop();
+    protocol.flush(true);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Flash services
+
+void ESPTool::erase_flash()
+{
+    // The ROM cannot do it; the request still goes out so that the chip's answer is reported.
+    if (!stubRunning)
+        reportOperationError(WrongLoader,
+                             QStringLiteral("Flash erase command is unsupported in ROM loader"));
+    esp_command_secure(ESP_ERASE_FLASH, QByteArray(), eraseChipTimeoutMs);
+}
+
+void ESPTool::erase_flash_region(unsigned int offset, unsigned int size)
+{
+    if (!stubRunning)
+        reportOperationError(WrongLoader,
+                             QStringLiteral("Flash erase command is unsupported in ROM loader"));
+    const unsigned int start = offset / sectorSize * sectorSize;
+    const unsigned int length =
+        (size + offset % sectorSize + sectorSize - 1) / sectorSize * sectorSize;
+    const auto t = static_cast<unsigned int>(quint64(length) * eraseMsPerMegabyte / 1000000.0);
+    esp_command_secure(ESP_ERASE_REGION, words({start, length}),
+                       t >= defaultTimeoutMs ? t : defaultTimeoutMs);
+}
+
+void ESPTool::read_flash(unsigned int offset, unsigned int size, QIODevice *out, QByteArray *digest)
+{
+    if (digest)
+        digest->clear();
+    if (!stubRunning)
+        reportOperationError(WrongLoader,
+                             QStringLiteral("Flash read command is unsupported in ROM loader"));
+    esp_command_secure(ESP_READ_FLASH, words({offset, size, readPacketSize, readPacketsInFlight}),
+                       defaultTimeoutMs);
+    emit operationProgress(int(size), 0);
+
+    unsigned int received = 0;
+    unsigned int packetsLeft = (size + readPacketSize - 1) / readPacketSize;
+    while (received < size) {
+        waitForPacket(defaultTimeoutMs);
+        if (protocol.queuedPackets() == 0) {
+            reportOperationError(
+                NoAnswer,
+                QStringLiteral("The device did not send any flash data (receviced %1 of %2)")
+                    .arg(received)
+                    .arg(size));
+            return;
+        }
+        for (QByteArray packet = protocol.deque(); !packet.isEmpty(); packet = protocol.deque()) {
+            if (packetsLeft != 1 && uint(packet.size()) < readPacketSize) {
+                reportOperationError(
+                    MalformedAnswer,
+                    QStringLiteral("Corrupt data, received 0x%1 of expected 0x%2 bytes")
+                        .arg(hex8(quint32(packet.size())), hex8(readPacketSize)));
+                return;
+            }
+            if (out)
+                out->write(packet);
+            received += uint(packet.size());
+            if (!communicator.write(words({received}))) {
+                reportOperationError(
+                    SerialWriteFailed,
+                    QStringLiteral("Cannot write ack packet: %1").arg(communicator.errorString()));
+                return;
+            }
+            --packetsLeft;
+        }
+        emit operationProgress(int(size), int(received));
+    }
+
+    waitForPacket(defaultTimeoutMs);
+    const QByteArray last = protocol.deque();
+    if (last.size() == md5Size) {
+        if (digest)
+            *digest = last;
+    } else {
+        reportOperationError(
+            MalformedAnswer,
+            QStringLiteral("Digest not received (expected 16 bytes, got %1").arg(last.size()));
+    }
+}
+
+QByteArray ESPTool::get_flash_md5(unsigned int address, unsigned int size)
+{
+    if (!stubRunning) {
+        reportOperationError(WrongLoader,
+                             QStringLiteral("MD5 checksum is not supported by the ROM loader"));
+        return QByteArray();
+    }
+    const auto t =
+        static_cast<unsigned int>(std::floor(size * double(md5MsPerMegabyte) / 1000000.0 + 0.5));
+    QByteArray result = esp_command_secure(ESP_SPI_FLASH_MD5, words({address, size, 0, 0}),
+                                           t >= defaultTimeoutMs ? t : defaultTimeoutMs);
+    if (result.size() == 2 * md5Size)
+        result = QByteArray::fromHex(result);
+    if (result.size() != md5Size) {
+        reportOperationError(
+            MalformedAnswer,
+            QStringLiteral("MD5 reply contains %1 bytes of 16").arg(result.size()));
+        return QByteArray();
+    }
+    return result;
 }
 
 QByteArray ESPTool::get_data_md5(const QByteArray &data)
@@ -56,6 +591,219 @@ QByteArray ESPTool::get_file_md5(const QString &path)
     return get_md5(&file);
 }
 
+void ESPTool::flash_spi_attach(bool hspi)
+{
+    if (hspi) {
+        reportOperationError(BadRequest,
+                             QStringLiteral("ESP8266 does not support HSPI bootloader mode"));
+        return;
+    }
+    if (!stubRunning) {
+        // A flash begin for nothing makes the ROM attach the flash.
+        ESP_FLASH_BEGIN_PKT pkt;
+        pkt.blockSize = romFlashBlockSize;
+        write_flash_prep(pkt);
+        return;
+    }
+    esp_command_secure(ESP_SPI_ATTACH, QByteArray(4, '\0'), defaultTimeoutMs);
+}
+
+void ESPTool::flash_set_params(unsigned int size)
+{
+    if (!stubRunning)
+        return;
+    constexpr quint32 blockSize = 0x10000;
+    constexpr quint32 pageSize = 256;
+    constexpr quint32 statusMask = 0xFFFF;
+    esp_command_secure(ESP_SPI_SET_PARAMS,
+                       words({0, size, blockSize, sectorSize, pageSize, statusMask}),
+                       defaultTimeoutMs);
+}
+
+unsigned int ESPTool::run_spiflash_command(unsigned char command, const QByteArray &data,
+                                           unsigned int readBits)
+{
+    if (readBits > 32) {
+        reportOperationError(BadRequest, QStringLiteral("Reading more than 32 bits back from a SPI "
+                                                        "flash operation is unsupported"));
+        return 0xFFFFFFFF;
+    }
+    if (data.size() > 64) {
+        reportOperationError(BadRequest, QStringLiteral("Writing more than 64 bytes of data with "
+                                                        "one SPI command is unsupported"));
+        return 0xFFFFFFFF;
+    }
+    const unsigned int savedUser = read_reg(SPI_USR_REG);
+    const unsigned int savedUser2 = read_reg(SPI_USR2_REG);
+
+    unsigned int user1 = 0;
+    unsigned int user = SPI_USR_COMMAND;
+    if (!data.isEmpty()) {
+        user1 |= (unsigned(data.size()) * 8 - 1) << SPI_MOSI_BITLEN_SHIFT;
+        user |= SPI_USR_MOSI;
+    }
+    if (readBits > 0) {
+        user1 |= (readBits - 1) << SPI_MISO_BITLEN_SHIFT;
+        user |= SPI_USR_MISO;
+    }
+    write_reg(SPI_USR1_REG, user1, 0xFFFFFFFF, 0);
+    write_reg(SPI_USR_REG, user, 0xFFFFFFFF, 0);
+    write_reg(SPI_USR2_REG, SPI_USR2_8BIT_COMMAND | command, 0xFFFFFFFF, 0);
+    quint32 word0 = 0;
+    if (!data.isEmpty()) {
+        QByteArray first = data.left(4);
+        first.append(4 - first.size(), '\0');
+        word0 = wordAt(first, 0);
+    }
+    write_reg(SPI_W0_REG, word0, 0xFFFFFFFF, 0);
+    write_reg(SPI_CMD_REG, SPI_CMD_USR, 0xFFFFFFFF, 0);
+
+    // Only a command that finishes on the very last poll is reported; one that never finishes
+    // is not. The asymmetry is kept as the tool has always behaved.
+    for (int counter = spiPollReads - 1; counter >= 0; --counter) {
+        if ((read_reg(SPI_CMD_REG) & SPI_CMD_USR) == 0) {
+            if (counter == 0)
+                reportOperationError(NoAnswer,
+                                     QStringLiteral("SPI command did not complete in time"));
+            break;
+        }
+    }
+    const unsigned int result = read_reg(SPI_W0_REG);
+    write_reg(SPI_USR_REG, savedUser, 0xFFFFFFFF, 0);
+    write_reg(SPI_USR2_REG, savedUser2, 0xFFFFFFFF, 0);
+    return result;
+}
+
+unsigned int ESPTool::spiflash_status(int count)
+{
+    unsigned int status = 0xFFFFFF;
+    const int commands = qMin(count, int(sizeof(SPIFLASH_STATUS_COMMANDS)));
+    for (int i = 0; i < commands; ++i) {
+        const unsigned int value =
+            run_spiflash_command(SPIFLASH_STATUS_COMMANDS[i], QByteArray(), 8) & 0xFF;
+        const int shift = 8 * i;
+        status = (status & ~(0xFFu << shift)) | (value << shift);
+    }
+    return status;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Identification
+
+QByteArray ESPTool::get_efuses()
+{
+    QByteArray efuses;
+    for (const unsigned int address : {EFUSE_WORD3, EFUSE_WORD2, EFUSE_WORD1, EFUSE_WORD0}) {
+        char be[4];
+        qToBigEndian(quint32(read_reg(address)), be);
+        efuses.append(be, 4);
+    }
+    return efuses;
+}
+
+QString ESPTool::get_chip_description()
+{
+    const QByteArray efuses = get_efuses();
+    if (efuses.size() != 16)
+        return QStringLiteral("Unknown");
+    const bool esp8285 = (quint8(efuses.at(5)) & 0x01) || (quint8(efuses.at(15)) & 0x10);
+    return esp8285 ? QStringLiteral("ESP8285") : QStringLiteral("ESP8266EX");
+}
+
+unsigned int ESPTool::get_chip_id()
+{
+    const unsigned int word0 = read_reg(EFUSE_WORD0);
+    const unsigned int word1 = read_reg(EFUSE_WORD1);
+    return (word0 >> 24) | ((word1 & 0xFFFFFF) << 8);
+}
+
+QByteArray ESPTool::get_chip_mac()
+{
+    const unsigned int word0 = read_reg(EFUSE_WORD0);
+    const unsigned int word1 = read_reg(EFUSE_WORD1);
+    const unsigned int word3 = read_reg(EFUSE_WORD3);
+    QByteArray mac;
+    if (word3 != 0) {
+        mac.append(char(word3 >> 16)).append(char(word3 >> 8)).append(char(word3));
+    } else {
+        switch ((word1 >> 16) & 0xFF) {
+        case 0:
+            mac = QByteArrayLiteral("\x18\xFE\x34");
+            break;
+        case 1:
+            mac = QByteArrayLiteral("\xAC\xD0\x74");
+            break;
+        default:
+            reportOperationError(BadRequest,
+                                 QStringLiteral("Cannot read MAC - unknown OUI [0x%1, 0x%2, 0x%3]")
+                                     .arg(hex8(word0), hex8(word1), hex8(word3)));
+            return QByteArray();
+        }
+    }
+    mac.append(char(word1 >> 8)).append(char(word1)).append(char(word0 >> 24));
+    return mac;
+}
+
+ESPTool::SPIFLASH_IDENTIFIER ESPTool::get_flash_id()
+{
+    if (!stubRunning) {
+        // A flash begin for nothing makes the ROM attach the flash first.
+        ESP_FLASH_BEGIN_PKT pkt;
+        pkt.blockSize = romFlashBlockSize;
+        write_flash_prep(pkt);
+    }
+    const unsigned int id = run_spiflash_command(SPIFLASH_RDID, QByteArray(), 24);
+    SPIFLASH_IDENTIFIER result;
+    result.manufacturer = quint8(id & 0xFF);
+    result.device = quint16((((id >> 8) & 0xFF) << 8) | ((id >> 16) & 0xFF));
+    result.name = QStringLiteral("NONAME");
+    for (const SPIFLASH_IDENTIFIER &known : KNOWN_SPI_CHIPS) {
+        if (known.name.isEmpty())
+            break;
+        if (known.manufacturer == result.manufacturer && known.device == result.device) {
+            result.name = known.name;
+            result.pageSize = known.pageSize;
+            result.sectorSize = known.sectorSize;
+            result.sectorCount = known.sectorCount;
+            break;
+        }
+    }
+    if (!stubRunning)
+        write_flash_finish(false);
+    return result;
+}
+
+unsigned int ESPTool::SPIFLASH_IDENTIFIER::flashSizeGuess() const
+{
+    if (sectorSize != 0 && sectorCount != 0)
+        return unsigned(sectorSize) * sectorCount;
+    constexpr double minimum = 4096;
+    constexpr double maximum = 0x40000000;
+    const int capacity = device & 0xFF;
+    const double units = std::floor(std::pow(2.0, capacity - 16) + 0.5);
+    const double bytes = units * 65536.0;
+    if (bytes < minimum || bytes > maximum)
+        return 0;
+    return static_cast<unsigned int>(bytes);
+}
+
+QString ESPTool::SPIFLASH_IDENTIFIER::toString() const
+{
+    QString sizeText = QStringLiteral("?K");
+    if (sectorSize != 0 && sectorCount != 0) {
+        sizeText = ESPImageParser::flashSizeString(unsigned(sectorSize) * sectorCount);
+    } else {
+        const unsigned int guess = flashSizeGuess();
+        if (guess != 0)
+            sizeText = ESPImageParser::flashSizeString(guess) + QStringLiteral("(?)");
+    }
+    return QStringLiteral("%1 (0x%2:0x%3) %4")
+        .arg(name)
+        .arg(manufacturer, 2, 16, QLatin1Char('0'))
+        .arg(device, 4, 16, QLatin1Char('0'))
+        .arg(sizeText);
+}
+
 int ESPTool::detect_image_version(const QString &path)
 {
     QFile file(path);
@@ -72,4 +820,197 @@ int ESPTool::detect_image_version(const QString &path)
     default:
         return 0;
     }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Loader stub upload
+
+bool ESPTool::write_loader_stub(const QString &path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) {
+        reportOperationError(
+            BadRequest,
+            QStringLiteral("Cannot read stub data from %1: %2").arg(path, file.errorString()));
+        return false;
+    }
+    return write_loader_stub(&file);
+}
+
+bool ESPTool::uploadStubSection(const QByteArray &data, quint32 address, int total, int *sent)
+{
+    const quint64 reportsBefore = reportCount;
+    const auto size = unsigned(data.size());
+    write_ram_prep(address, size, (size + ramBlockSize - 1) / ramBlockSize, ramBlockSize);
+    emit operationProgress(total, 0);
+    for (unsigned int offset = 0; offset < size && reportCount == reportsBefore;
+         offset += ramBlockSize) {
+        const QByteArray block = data.mid(int(offset), int(qMin(ramBlockSize, size - offset)));
+        write_ram(block);
+        *sent += block.size();
+        emit operationProgress(total, *sent);
+    }
+    return reportCount == reportsBefore;
+}
+
+bool ESPTool::write_loader_stub(QIODevice *device)
+{
+    if (stubRunning == 1) {
+        reportOperationError(WrongLoader, QStringLiteral("Cannot re-load stub"));
+        return false;
+    }
+    stubImage.reset();
+    auto image = std::make_unique<ElfStubImage>();
+    if (!device || !image->load(device->readAll())) {
+        reportOperationError(BadRequest,
+                             QStringLiteral("Invalid flash loader: %1")
+                                 .arg(device ? image->errorString() : QStringLiteral("no data")));
+        return false;
+    }
+    const ElfStubImage::Section *text = image->section(QStringLiteral(".text"));
+    const ElfStubImage::Section *data = image->section(QStringLiteral(".data"));
+    if (!text || !data) {
+        reportOperationError(BadRequest,
+                             QStringLiteral("Invalid flash loader: the %1 section is missing")
+                                 .arg(text ? QStringLiteral(".data") : QStringLiteral(".text")));
+        return false;
+    }
+    stubImage = std::move(image);
+
+    const int total = text->data.size() + data->data.size();
+    int sent = 0;
+    // A transport failure ends the upload: every further block would only wait out its time-out.
+    if (!uploadStubSection(text->data, text->address, total, &sent) ||
+        !uploadStubSection(data->data, data->address, total, &sent))
+        return false;
+    write_ram_finish(true, stubImage->entry());
+    emit operationProgress(total, total);
+
+    waitForPacket(stubGreetingTimeoutMs);
+    if (getPacket(ESP_RAW_PACKET) == stubGreeting) {
+        stubRunning = 1;
+        return true;
+    }
+    reportOperationError(NoAnswer, QStringLiteral("Stub failed to start - OHAI not received"));
+    return false;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Flash file writing
+
+unsigned int ESPTool::flashBlockSize() const
+{
+    return stubRunning ? stubFlashBlockSize : romFlashBlockSize;
+}
+
+unsigned int ESPTool::flashEraseSize(unsigned int address, unsigned int total) const
+{
+    if (stubRunning)
+        return (total + stubFlashBlockSize - 1) / stubFlashBlockSize * stubFlashBlockSize;
+    return get_erase_size(address, total);
+}
+
+bool ESPTool::write_flash_file(const QString &path, bool firmware, unsigned int address,
+                               unsigned char size, unsigned char mode, unsigned char freq)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) {
+        reportOperationError(
+            BadRequest,
+            QStringLiteral("Cannot read data from %1: %2").arg(path, file.errorString()));
+        return false;
+    }
+    return write_flash_file(&file, path, firmware, address, size, mode, freq);
+}
+
+bool ESPTool::write_flash_file(QIODevice *device, const QString &name, bool firmware,
+                               unsigned int address, unsigned char size, unsigned char mode,
+                               unsigned char freq)
+{
+    const quint64 flashSize = ESPImageParser::flash_size_bytes(size);
+    std::unique_ptr<ESPImageParser> parser;
+    QByteArray expected;
+    unsigned int total = 0;
+    if (firmware) {
+        parser = std::make_unique<ESPImageParser>();
+        if (!device || !parser->load(device, mode, size, freq)) {
+            reportOperationError(BadRequest, QStringLiteral("Cannot read firmware from %1: %2")
+                                                 .arg(name, device ? device->errorString()
+                                                                   : QStringLiteral("no device")));
+            return false;
+        }
+        total = parser->file_size();
+        if (quint64(total) + address > flashSize) {
+            reportOperationError(
+                BadRequest, QStringLiteral("firmware %1 (size %2 @ %3) will not fit in flash %4")
+                                .arg(name)
+                                .arg(total)
+                                .arg(address)
+                                .arg(flashSize));
+            return false;
+        }
+        expected = parser->md5();
+    } else {
+        if (!device || !device->seek(0)) {
+            reportOperationError(BadRequest, QStringLiteral("Cannot read data from %1: %2")
+                                                 .arg(name, device ? device->errorString()
+                                                                   : QStringLiteral("no device")));
+            return false;
+        }
+        expected = get_md5(device);
+        device->seek(0);
+        total = unsigned(qMax<qint64>(device->size(), 0));
+        if (quint64(total) + address > flashSize) {
+            reportOperationError(
+                BadRequest, QStringLiteral("Data file %1 (size %2 @ %3) will not fit in flash %4")
+                                .arg(name)
+                                .arg(total)
+                                .arg(address)
+                                .arg(flashSize));
+            return false;
+        }
+    }
+
+    emit operationProgress(int(total), 0);
+    const unsigned int blockSize = flashBlockSize();
+    ESP_FLASH_BEGIN_PKT begin;
+    begin.size = flashEraseSize(address, total);
+    begin.blocks = (total + blockSize - 1) / blockSize;
+    begin.blockSize = blockSize;
+    begin.address = address;
+    const quint64 reportsBefore = reportCount;
+    write_flash_prep(begin);
+
+    // The first failure ends the transfer: every further block would only wait out its time-out.
+    int written = 0;
+    if (firmware) {
+        parser->prepare_read();
+        while (reportCount == reportsBefore && !device->atEnd()) {
+            write_flash(parser->get_block(blockSize));
+            ++written;
+            emit operationProgress(int(total), int(quint64(written) * blockSize));
+        }
+    } else {
+        while (reportCount == reportsBefore) {
+            QByteArray block = device->read(blockSize);
+            if (block.isEmpty())
+                break;
+            block.append(int(blockSize) - block.size(), char(0xFF));
+            write_flash(block);
+            ++written;
+            emit operationProgress(int(total), int(quint64(written) * blockSize));
+        }
+    }
+    parser.reset();
+    if (reportCount != reportsBefore)
+        return false;
+
+    const QByteArray actual = get_flash_md5(address, total);
+    if (actual != expected) {
+        reportOperationError(
+            BadRequest, QStringLiteral("Flashing failed: incorrect MD5 (saved %1 vs returned %2)")
+                            .arg(hexlify(expected, true), hexlify(actual, true)));
+        return false;
+    }
+    return true;
 }

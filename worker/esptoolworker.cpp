@@ -1,0 +1,303 @@
+#include "esptoolworker.h"
+
+#include "image/espimageparser.h"
+#include "protocol/esptool.h"
+#include "widgets/texthelpers.h"
+
+#include <QFile>
+
+namespace {
+
+bool isDescriptor(const QVariant &value)
+{
+    return value.userType() == qMetaTypeId<IODeviceDescriptor>();
+}
+
+bool isUInt(const QVariant &value)
+{
+    return value.canConvert<uint>();
+}
+
+} // namespace
+
+QString gFileDescrString(const QVariant &file)
+{
+    if (isDescriptor(file))
+        return file.value<IODeviceDescriptor>().description;
+    return file.toString();
+}
+
+ESPToolWorker::ESPToolWorker(QObject *parent) : QObject(parent), tool(new ESPTool(this))
+{
+    qRegisterMetaType<IODeviceDescriptor>("IODeviceDescriptor");
+    connect(tool, &ESPTool::commandError, this, &ESPToolWorker::tool_cmd_error);
+    connect(tool, &ESPTool::operationError, this, &ESPToolWorker::tool_op_error);
+    connect(tool, &ESPTool::operationProgress, this, &ESPToolWorker::progress);
+}
+
+QString ESPToolWorker::operationName(int cmd)
+{
+    switch (unsigned(cmd)) {
+    case Connect:
+        return tr("connect");
+    case Disconnect:
+        return tr("disconnect");
+    case LoadStub:
+        return tr("load stub");
+    case GetInfo:
+        return tr("get info");
+    case WriteFirmware:
+        return tr("write firmware");
+    case WriteData:
+        return tr("write data");
+    case ReadData:
+        return tr("read data");
+    case EraseFlash:
+        return tr("erase flash");
+    case FlashMd5:
+        return tr("flash md5");
+    default:
+        return tr("unknown");
+    }
+}
+
+void ESPToolWorker::execute(int cmd, const QVariantList &params)
+{
+    pending.append({cmd, params});
+    if (busy)
+        return;
+    busy = true;
+    while (!pending.isEmpty()) {
+        const PendingCommand next = pending.takeFirst();
+        run(next.cmd, next.params);
+    }
+    busy = false;
+}
+
+void ESPToolWorker::run(int cmd, const QVariantList &params)
+{
+    switch (unsigned(cmd)) {
+    case Connect:
+        doConnect(params);
+        return;
+    case Disconnect:
+        tool->esp_disconnect();
+        emit finished(!failed, cmd, {});
+        return;
+    case LoadStub:
+        doLoadStub(params);
+        return;
+    case GetInfo:
+        doGetInfo();
+        return;
+    case WriteFirmware:
+        doWriteFirmware(params);
+        return;
+    case WriteData:
+        doWriteData(params);
+        return;
+    case ReadData:
+        doReadData(params);
+        return;
+    case EraseFlash:
+        doEraseFlash(params);
+        return;
+    case FlashMd5:
+        doFlashMd5(params);
+        return;
+    default:
+        emit error(QStringLiteral("Unknown command code %1").arg(cmd));
+        emit finished(false, cmd, {});
+        return;
+    }
+}
+
+void ESPToolWorker::report(const QString &text)
+{
+    if (connecting) {
+        if (connectError.isEmpty())
+            connectError = text;
+        return;
+    }
+    if (failed)
+        return;
+    failed = true;
+    emit error(text);
+}
+
+void ESPToolWorker::tool_cmd_error(int code)
+{
+    report(QStringLiteral("Command failed: %1").arg(code));
+}
+
+void ESPToolWorker::tool_op_error(int code, const QString &descr)
+{
+    report(QStringLiteral("esptool failed: %1 (%2)").arg(descr).arg(code));
+}
+
+void ESPToolWorker::doConnect(const QVariantList &params)
+{
+    if (params.size() != 1) {
+        emit error(QStringLiteral("Invalid command: provide a port name for the 'connect' cmd"));
+        emit finished(false, Connect, {});
+        return;
+    }
+    connecting = true;
+    connectError.clear();
+    const bool connected = tool->esp_connect(params.at(0).toString());
+    connecting = false;
+    if (connected) {
+        failed = false;
+        emit finished(true, Connect, {});
+        return;
+    }
+    if (!connectError.isEmpty())
+        emit error(connectError);
+    emit finished(false, Connect, {});
+}
+
+void ESPToolWorker::doLoadStub(const QVariantList &params)
+{
+    if (params.size() != 1) {
+        emit error(QStringLiteral("Invalid command: provide a stub file for the 'load_stub' cmd"));
+        emit finished(false, LoadStub, {});
+        return;
+    }
+    const QVariant &stub = params.at(0);
+    const bool loaded = isDescriptor(stub)
+                            ? tool->write_loader_stub(stub.value<IODeviceDescriptor>().device)
+                            : tool->write_loader_stub(stub.toString());
+    emit finished(loaded && !failed, LoadStub, {});
+}
+
+void ESPToolWorker::doGetInfo()
+{
+    QVariantList results;
+    results << tool->get_chip_description();
+    results << QStringLiteral("%1").arg(tool->get_chip_id(), 8, 16, QLatin1Char('0'));
+    results << QString::fromLatin1(tool->get_chip_mac().toHex().toUpper());
+    const ESPTool::SPIFLASH_IDENTIFIER flash = tool->get_flash_id();
+    results << flash.toString();
+    results << flash.flashSizeGuess();
+    emit finished(!failed, GetInfo, results);
+}
+
+bool ESPToolWorker::writeFile(const QVariant &file, bool firmware, unsigned int address,
+                              unsigned char size, unsigned char mode, unsigned char freq)
+{
+    if (isDescriptor(file)) {
+        const IODeviceDescriptor descriptor = file.value<IODeviceDescriptor>();
+        return tool->write_flash_file(descriptor.device, descriptor.description, firmware, address,
+                                      size, mode, freq);
+    }
+    return tool->write_flash_file(file.toString(), firmware, address, size, mode, freq);
+}
+
+void ESPToolWorker::doWriteFirmware(const QVariantList &params)
+{
+    if (params.size() != 5 || !isUInt(params.at(1))) {
+        emit error(QStringLiteral("Invalid command: provide a file, an integer address, and flash "
+                                  "memory size/mode/frequency for the 'write_fw' cmd"));
+        emit finished(false, WriteFirmware, {});
+        return;
+    }
+    const QString sizeText = params.at(2).toString();
+    const QString modeText = params.at(3).toString();
+    const QString freqText = params.at(4).toString();
+    const unsigned char size = ESPImageParser::fs_fromString(sizeText);
+    const unsigned char mode = ESPImageParser::fm_fromString(modeText);
+    const unsigned char freq = ESPImageParser::ff_fromString(freqText);
+    if (size == 0xFF || mode == 0xFF || freq == 0xFF) {
+        // A warning only: the unrecognised codes keep the image's own values.
+        emit error(QStringLiteral("Invalid parameters: flash memory size (%1), mode (%2), or "
+                                  "frequency (%3) is invalid")
+                       .arg(sizeText, modeText, freqText));
+    }
+    writeFile(params.at(0), true, params.at(1).toUInt(), size, mode, freq);
+    emit finished(!failed, WriteFirmware, {});
+}
+
+void ESPToolWorker::doWriteData(const QVariantList &params)
+{
+    if (params.size() != 3 || !isUInt(params.at(1))) {
+        emit error(QStringLiteral("Invalid command: provide a file, an integer address, and flash "
+                                  "memory size for the 'write_data' cmd"));
+        emit finished(false, WriteData, {});
+        return;
+    }
+    const unsigned char size = ESPImageParser::fs_fromString(params.at(2).toString());
+    writeFile(params.at(0), false, params.at(1).toUInt(), size, 0xFF, 0xFF);
+    emit finished(!failed, WriteData, {});
+}
+
+void ESPToolWorker::doReadData(const QVariantList &params)
+{
+    if (params.size() != 3 || !params.at(0).canConvert<QString>() || !isUInt(params.at(1)) ||
+        !isUInt(params.at(2))) {
+        emit error(QStringLiteral("Invalid command: provide a file, an integer address and size "
+                                  "for the 'read_data' cmd"));
+        emit finished(false, ReadData, {});
+        return;
+    }
+    const QString path = params.at(0).toString();
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
+        emit error(QStringLiteral("Invalid parameters: cannot write to %1 (%2)")
+                       .arg(path, file.errorString()));
+        emit finished(false, ReadData, {});
+        return;
+    }
+    QByteArray chipDigest;
+    tool->read_flash(params.at(1).toUInt(), params.at(2).toUInt(), &file, &chipDigest);
+    file.flush();
+    file.close();
+    QByteArray fileDigest;
+    if (file.open(QIODevice::ReadOnly))
+        fileDigest = ESPTool::get_md5(&file);
+
+    QVariantList results;
+    if (chipDigest.size() == fileDigest.size() && chipDigest == fileDigest)
+        results << chipDigest;
+    else
+        emit error(
+            QStringLiteral("Error reading data: MD5 digest did not match the received data"));
+    emit finished(!failed, ReadData, results);
+}
+
+void ESPToolWorker::doEraseFlash(const QVariantList &params)
+{
+    bool whole = false;
+    if (params.size() == 1) {
+        bool ok = false;
+        whole = params.at(0).toUInt(&ok) == wholeChipErase && ok;
+    }
+    if (whole) {
+        tool->erase_flash();
+    } else if (params.size() == 2 && isUInt(params.at(0)) && isUInt(params.at(1))) {
+        tool->erase_flash_region(params.at(0).toUInt(), params.at(1).toUInt());
+    } else {
+        emit error(
+            QStringLiteral("Invalid command: provide an address and size, or make a 911 call."));
+        emit finished(false, EraseFlash, {});
+        return;
+    }
+    emit finished(!failed, EraseFlash, {});
+}
+
+void ESPToolWorker::doFlashMd5(const QVariantList &params)
+{
+    if (params.size() < 2 || !isUInt(params.at(0)) || !isUInt(params.at(1))) {
+        emit error(QStringLiteral("Invalid command: provide an address and size"));
+        emit finished(false, FlashMd5, {});
+        return;
+    }
+    const QByteArray digest = tool->get_flash_md5(params.at(0).toUInt(), params.at(1).toUInt());
+    QVariantList results;
+    if (!digest.isEmpty()) {
+        results << hexlify(digest, true);
+        // The optional third item tags which region the answer belongs to.
+        if (params.size() > 2)
+            results << params.at(2);
+    }
+    emit finished(!failed, FlashMd5, results);
+}
