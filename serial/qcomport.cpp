@@ -3,17 +3,33 @@
 #include <QFileInfo>
 #include <QSerialPortInfo>
 
+#include <algorithm>
+
 namespace {
 
-QStringList extraPorts()
+QVector<QComPort::PortEntry> extraPortEntries()
 {
-    QStringList ports;
+    QVector<QComPort::PortEntry> ports;
     const QString list = QString::fromLocal8Bit(qgetenv(QComPort::extraPortsVariable));
-    for (const QString &path : list.split(QLatin1Char(':'), Qt::SkipEmptyParts)) {
-        if (QFileInfo::exists(path) && !ports.contains(path))
-            ports.append(path);
+    for (const QString &item : list.split(QLatin1Char(':'), Qt::SkipEmptyParts)) {
+        const int separator = item.indexOf(QLatin1Char('='));
+        QComPort::PortEntry entry;
+        entry.name = separator < 0 ? item : item.left(separator);
+        entry.serialNumber = separator < 0 ? QString() : item.mid(separator + 1);
+        const bool listed = std::any_of(ports.cbegin(), ports.cend(), [&](const auto &known) {
+            return known.name == entry.name;
+        });
+        if (QFileInfo::exists(entry.name) && !listed)
+            ports.append(entry);
     }
     return ports;
+}
+
+bool isExtraPort(const QString &name)
+{
+    const auto extras = extraPortEntries();
+    return std::any_of(extras.cbegin(), extras.cend(),
+                       [&](const auto &entry) { return entry.name == name; });
 }
 
 uint valueOr(const QHash<QString, QVariant> &settings, const QString &key, uint fallback)
@@ -26,16 +42,27 @@ uint valueOr(const QHash<QString, QVariant> &settings, const QString &key, uint 
 
 namespace QComPort {
 
+QVector<PortEntry> availablePortEntries()
+{
+    QVector<PortEntry> entries;
+    const auto infos = QSerialPortInfo::availablePorts();
+    for (const QSerialPortInfo &info : infos)
+        entries.append({info.portName(), info.serialNumber()});
+    for (const PortEntry &extra : extraPortEntries()) {
+        const bool listed = std::any_of(entries.cbegin(), entries.cend(), [&](const auto &known) {
+            return known.name == extra.name;
+        });
+        if (!listed)
+            entries.append(extra);
+    }
+    return entries;
+}
+
 QStringList availableComPorts()
 {
     QStringList names;
-    const auto infos = QSerialPortInfo::availablePorts();
-    for (const QSerialPortInfo &info : infos)
-        names.append(info.portName());
-    for (const QString &path : extraPorts()) {
-        if (!names.contains(path))
-            names.append(path);
-    }
+    for (const PortEntry &entry : availablePortEntries())
+        names.append(entry.name);
     return names;
 }
 
@@ -83,7 +110,7 @@ bool setupComPortFromHash(const QString &portName, const QHash<QString, QVariant
     }
     // Extra ports are unknown to the enumeration (a pseudo-terminal has no port info), so they
     // are opened by name.
-    if (!found && extraPorts().contains(portName)) {
+    if (!found && isExtraPort(portName)) {
         port.setPortName(portName);
         found = true;
     }

@@ -7,6 +7,7 @@
 #include <QString>
 #include <QStringList>
 #include <QVariant>
+#include <QVector>
 
 // Serial port discovery and set-up from a settings table whose keys are "COM/Baud",
 // "COM/Parity", "COM/Bits", "COM/FlowCtrl" and "COM/StopBits".
@@ -23,10 +24,19 @@ struct Settings
 };
 
 // Environment variable naming extra device paths (':'-separated) that the system enumeration
-// does not list: pseudo-terminals (the virtual chip) and /dev/serial/by-id links.
+// does not list: pseudo-terminals (the virtual chip) and /dev/serial/by-id links. An entry may
+// carry a USB serial number for the port as "path=SERIAL".
 constexpr const char *extraPortsVariable = "ESP_UTILITY_EXTRA_PORTS";
 
-// Names of the enumerated ports in enumeration order, then the extra paths that exist.
+struct PortEntry
+{
+    QString name;
+    QString serialNumber;
+};
+
+// The enumerated ports in enumeration order, then the extra paths that exist.
+ESPUTILITY_EXPORT QVector<PortEntry> availablePortEntries();
+// Their names.
 ESPUTILITY_EXPORT QStringList availableComPorts();
 
 // Maps a settings table to port settings; absent keys take their defaults and refused values

@@ -18,6 +18,7 @@ private slots:
     void unknownPortLeavesPortUntouched_data();
     void unknownPortLeavesPortUntouched();
     void extraPortsListedOnlyWhenPresent();
+    void extraPortsCarrySerialNumbers();
 };
 
 void TestQComPort::mapping_data()
@@ -145,6 +146,31 @@ void TestQComPort::extraPortsListedOnlyWhenPresent()
     QCOMPARE(ports.count(pty.slavePath()), 1);
     QVERIFY(!ports.contains(QStringLiteral("/dev/does-not-exist")));
     QCOMPARE(ports.last(), pty.slavePath());
+}
+
+void TestQComPort::extraPortsCarrySerialNumbers()
+{
+    PtyPair first;
+    PtyPair second;
+    QVERIFY(first.isValid() && second.isValid());
+    const QByteArray saved = qgetenv(QComPort::extraPortsVariable);
+    qputenv(QComPort::extraPortsVariable,
+            first.slavePath().toLocal8Bit() + "=SN-1:" + second.slavePath().toLocal8Bit());
+    const auto entries = QComPort::availablePortEntries();
+    qputenv(QComPort::extraPortsVariable, saved);
+
+    QCOMPARE(entries.size() >= 2, true);
+    QCOMPARE(entries.at(entries.size() - 2).name, first.slavePath());
+    QCOMPARE(entries.at(entries.size() - 2).serialNumber, QStringLiteral("SN-1"));
+    QCOMPARE(entries.last().name, second.slavePath());
+    QVERIFY(entries.last().serialNumber.isEmpty());
+
+    // A port given with a serial number still opens by its path.
+    qputenv(QComPort::extraPortsVariable, first.slavePath().toLocal8Bit() + "=SN-1");
+    QSerialPort port;
+    const bool opened = QComPort::setupComPortFromHash(first.slavePath(), Settings{}, port);
+    qputenv(QComPort::extraPortsVariable, saved);
+    QVERIFY(opened);
 }
 
 QTEST_GUILESS_MAIN(TestQComPort)
