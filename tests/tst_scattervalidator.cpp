@@ -26,7 +26,7 @@ QJsonObject section(const QString &type, const QString &address, const QString &
 }
 
 QJsonObject flashOptions(const QString &mode = "dio", const QString &size = "4MB",
-                            const QString &frequency = "40m")
+                         const QString &frequency = "40m")
 {
     return QJsonObject{
         {"flash", QJsonObject{{"mode", mode}, {"size", size}, {"frequency", frequency}}}};
