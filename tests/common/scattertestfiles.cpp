@@ -22,7 +22,7 @@ QString writeTestFile(const QDir &dir, const QString &name, const QByteArray &by
 }
 
 bool writeTestZip(const QString &path, const QString &comment, const ZipEntries &entries,
-                  const QByteArray *password)
+                  const QByteArray *password, bool stored)
 {
     QuaZip zip(path);
     zip.setCommentCodec("UTF-8");
@@ -32,7 +32,7 @@ bool writeTestZip(const QString &path, const QString &comment, const ZipEntries 
     for (const auto &entry : entries) {
         QuaZipFile file(&zip);
         if (!file.open(QIODevice::WriteOnly, QuaZipNewInfo(entry.first),
-                       password ? password->constData() : nullptr))
+                       password ? password->constData() : nullptr, 0, stored ? 0 : Z_DEFLATED))
             return false;
         if (file.write(entry.second) != entry.second.size())
             return false;

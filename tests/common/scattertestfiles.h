@@ -13,9 +13,9 @@ using ZipEntries = QVector<QPair<QString, QByteArray>>;
 QString writeTestFile(const QDir &dir, const QString &name, const QByteArray &bytes);
 
 // Writes a zip with the archive code directly, independent of the package writer. A null
-// password leaves the entries unprotected.
+// password leaves the entries unprotected; stored skips compression.
 bool writeTestZip(const QString &path, const QString &comment, const ZipEntries &entries,
-                  const QByteArray *password);
+                  const QByteArray *password, bool stored = false);
 
 // Upper-case hexadecimal MD5, as scatter documents carry it.
 QString md5Hex(const QByteArray &data);
