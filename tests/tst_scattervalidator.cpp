@@ -399,6 +399,26 @@ private slots:
         QCOMPARE(second.source, path("will-be-read.img"));
     }
 
+    void wizardObjectWithoutScatterFile()
+    {
+        // What the scatter composer hands over: sections only, no chip, no stub, no file yet.
+        QJsonObject region{{"type", "application"},
+                           {"address", "0x00010000"},
+                           {"size", "4096"},
+                           {"file", "region1.img"}};
+        QJsonObject document{{"sections", QJsonArray{region}}};
+        FakeScatterPrompts prompts;
+        ScatterValidator validator(chipDescription, m_stubPath, &prompts);
+        QString error;
+        QVERIFY2(validator.parseScatterObject(document, false, QFileInfo(), &error),
+                 qPrintable(error));
+        QVERIFY(prompts.calls.isEmpty()); // the loader field already names an existing file
+        QCOMPARE(document.value("chip").toString(), chipDescription);
+        QCOMPARE(validator.rows().size(), 1);
+        QCOMPARE(validator.rows().at(0).endAddressText(), QString("0x00011000"));
+        QVERIFY(QFileInfo(validator.rows().at(0).source).isAbsolute());
+    }
+
     void address_data()
     {
         QTest::addColumn<QJsonValue>("address");
