@@ -1,0 +1,175 @@
+#include "flasher/esppackage.h"
+
+#include <QCryptographicHash>
+#include <QVector>
+
+#include <quazip.h>
+#include <quazipfile.h>
+#include <quazipfileinfo.h>
+
+const char *const EspPackage::stubEntryName = "esp8266_loader_stub.elf";
+const char *const EspPackage::scatterEntryName = "scatter.txt";
+
+namespace {
+
+// The package salt: part of the package format. Changing any byte makes every existing package
+// unreadable, so these stay as they are.
+const QVector<QByteArray> &packageSalt()
+{
+    static const QVector<QByteArray> salt{
+        QByteArrayLiteral("\x89\x02\x2e\x37\x7b\x67\x5f\xf0\x5b\xc4\x9d\xb5\x78\x53\x33\x91\x3f"
+                          "\x3d\xf7\x63\xee\xd6\xaf"),
+        QByteArrayLiteral("\x14\x0d\x51\x9a\xdb\xa7\x41\x80\xe6\xf5"),
+        QByteArrayLiteral("\x6f\x46\xe4\xf9\x8e\x7e\x46\x53\x3f\x24\xcc\x41\xbf\x6e\x48\x8f\x56"
+                          "\x7c"),
+        QByteArrayLiteral("\x6d\xf6\xab\x0f\xc9\x1a\xe3\xa0\x6b\x81\x7e\xf2\x05"),
+        QByteArrayLiteral("\x24\x6e\xed\x09\x04\x61\x88\x63\xb0\x61"),
+        QByteArrayLiteral("\xdb\xf5\x1c\x7a\x24\xdb\xd7\x39"),
+        QByteArrayLiteral("\x0b\x89\x69\x57\xa1\x99\x1b\xd2\x89\xce\x5c\x74\x90\xb7\xa5"),
+        QByteArrayLiteral("\xcb\xa0\xc4\xca\x84\xd0\xa9\xf8\x6c\x8c"),
+        QByteArrayLiteral("\x6d\x57\xf8\xf9\x51\xf3"),
+        QByteArrayLiteral("\x74\xa1\xa6\x74\x9e\x5c\xe7\x0e\x26\x19\xdf\x6e\xb3\x25\x6a\x09"),
+        QByteArrayLiteral("\xc0\x3c\xaa\x59\x7e\x3a\xb1\x9a\x0c\x2f\x50\x1c\xc9"),
+        QByteArrayLiteral("\x02\x1c\xc9\xdd\x53\xf4\xa9"),
+        QByteArrayLiteral("\x01\xbc\xe2\x03\xd7\xa8\x25\x61\x95"),
+        QByteArrayLiteral("\xfd\x65\x05\xc0\xa0\x40\x96\xcf\x21\xa0\xa5\x27\x50\xba\x26\x6c"),
+        QByteArrayLiteral("\x94\x35\x1d\x40\xca\xad\x58\xd1\xb3\x71\x3b\x39\x81\xfa\x1b\x0e\xa7"
+                          "\xea\x2f"),
+        QByteArrayLiteral("\x1c\x61\xfb\x32\xe1\xad\x4f\xda\x76\x02\x75\x1b\x5d"),
+    };
+    return salt;
+}
+
+// Bit 0 of the general purpose flags: the entry is encrypted.
+constexpr quint16 encryptedEntryFlag = 0x0001;
+// Largest entry read into memory, in bytes: far above any ESP8266 flash (16 MiB), low enough
+// that a forged size field cannot make us allocate without bound.
+constexpr quint64 maxEntryBytes = 64u * 1024u * 1024u;
+
+} // namespace
+
+QByteArray EspPackage::password(const QString &comment)
+{
+    QCryptographicHash hash(QCryptographicHash::Sha3_512);
+    hash.addData(comment.toUtf8());
+    for (const QByteArray &piece : packageSalt())
+        hash.addData(piece);
+    QByteArray digest = hash.result();
+    // The password is used as a C string by the archive code: it ends at the first zero byte.
+    const int zero = digest.indexOf('\0');
+    if (zero >= 0)
+        digest.truncate(zero);
+    return digest;
+}
+
+EspPackage::EspPackage(const QString &path) : m_path(path) {}
+
+EspPackage::~EspPackage()
+{
+    close();
+}
+
+bool EspPackage::open()
+{
+    close();
+    m_zip = std::make_unique<QuaZip>(m_path);
+    m_zip->setCommentCodec("UTF-8");
+    if (!m_zip->open(QuaZip::mdUnzip)) {
+        m_zipError = m_zip->getZipError();
+        m_zip.reset();
+        return false;
+    }
+    m_zipError = UNZ_OK;
+    m_password = password(comment());
+    return true;
+}
+
+void EspPackage::close()
+{
+    if (m_zip && m_zip->isOpen())
+        m_zip->close();
+    m_zip.reset();
+}
+
+bool EspPackage::isOpen() const
+{
+    return m_zip && m_zip->isOpen();
+}
+
+QString EspPackage::comment() const
+{
+    return isOpen() ? m_zip->getComment() : QString();
+}
+
+QStringList EspPackage::entryNames() const
+{
+    return isOpen() ? m_zip->getFileNameList() : QStringList();
+}
+
+bool EspPackage::contains(const QString &name) const
+{
+    return entryNames().contains(name);
+}
+
+qint64 EspPackage::uncompressedSize(const QString &name) const
+{
+    if (!isOpen())
+        return -1;
+    const QList<QuaZipFileInfo64> infos = m_zip->getFileInfoList64();
+    for (const QuaZipFileInfo64 &info : infos) {
+        if (info.name == name)
+            return static_cast<qint64>(info.uncompressedSize);
+    }
+    return -1;
+}
+
+EspPackage::EntryStatus EspPackage::readEntry(const QString &name, QByteArray *data)
+{
+    QByteArray bytes;
+    if (data)
+        data->clear();
+    if (!isOpen()) {
+        m_zipError = UNZ_PARAMERROR;
+        return EntryStatus::CannotOpen;
+    }
+    if (!m_zip->setCurrentFile(name, QuaZip::csSensitive)) {
+        m_zipError = m_zip->getZipError();
+        return EntryStatus::NotFound;
+    }
+    QuaZipFileInfo64 info;
+    if (!m_zip->getCurrentFileInfo(&info)) {
+        m_zipError = m_zip->getZipError();
+        return EntryStatus::CannotOpen;
+    }
+    // An unprotected entry would be "decrypted" into garbage: it does not belong to a package.
+    if (!(info.flags & encryptedEntryFlag)) {
+        m_zipError = UNZ_BADZIPFILE;
+        return EntryStatus::Corrupt;
+    }
+
+    if (info.uncompressedSize > maxEntryBytes) {
+        m_zipError = UNZ_BADZIPFILE;
+        return EntryStatus::Corrupt;
+    }
+
+    QuaZipFile entry(m_zip.get());
+    if (!entry.open(QIODevice::ReadOnly, m_password.constData())) {
+        m_zipError = entry.getZipError() != UNZ_OK ? entry.getZipError() : m_zip->getZipError();
+        return EntryStatus::CannotOpen;
+    }
+    bytes = entry.readAll();
+    const int readError = entry.getZipError();
+    entry.close();
+    // A wrong password yields bytes that fail inflation or the CRC check at close.
+    const int closeError = entry.getZipError();
+    if (readError != UNZ_OK || closeError != UNZ_OK ||
+        static_cast<quint64>(bytes.size()) != info.uncompressedSize) {
+        m_zipError =
+            readError != UNZ_OK ? readError : (closeError != UNZ_OK ? closeError : UNZ_BADZIPFILE);
+        return EntryStatus::Corrupt;
+    }
+    m_zipError = UNZ_OK;
+    if (data)
+        *data = bytes;
+    return EntryStatus::Ok;
+}

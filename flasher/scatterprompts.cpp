@@ -1,0 +1,4 @@
+#include "flasher/scatterprompts.h"
+
+// Anchors the interface's type information in the library.
+ScatterPrompts::~ScatterPrompts() = default;

@@ -1,0 +1,316 @@
+#include "flasher/scattervalidator.h"
+
+#include "flasher/esppackage.h"
+#include "flasher/scatterprompts.h"
+#include "flasher/scatterwriter.h"
+#include "protocol/esptool.h"
+#include "widgets/texthelpers.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonObject>
+
+namespace {
+
+const char *const firmwareTypeKey = QT_TRANSLATE_NOOP("ESPFlasher", "Firmware");
+const char *const applicationTypeKey = QT_TRANSLATE_NOOP("ESPFlasher", "Application");
+
+bool fail(QString *error, const QString &message)
+{
+    if (error)
+        *error = message;
+    return false;
+}
+
+QString loaderMissingMessage()
+{
+    return QCoreApplication::translate("ESPFlasher", "The mandatory flash loader file is missing");
+}
+
+} // namespace
+
+// Where a section's bytes come from: loose files beside the scatter file, or package entries.
+class ScatterValidator::SectionFiles
+{
+public:
+    virtual ~SectionFiles() = default;
+    // What the row's source and the messages name: an absolute path or an entry name.
+    virtual QString source(const QString &file) const = 0;
+    virtual bool exists(const QString &file) const = 0;
+    virtual bool checksums() const = 0;
+    virtual bool digest(const QString &file, QByteArray *md5, QString *error) = 0;
+    virtual qint64 size(const QString &file) const = 0;
+};
+
+class ScatterValidator::LooseFiles : public ScatterValidator::SectionFiles
+{
+public:
+    LooseFiles(const QDir &dir, bool strict) : m_dir(dir), m_strict(strict) {}
+    QString source(const QString &file) const override { return m_dir.absoluteFilePath(file); }
+    bool exists(const QString &file) const override
+    {
+        return !m_strict || QFileInfo(source(file)).isFile();
+    }
+    bool checksums() const override { return m_strict; }
+    bool digest(const QString &file, QByteArray *md5, QString *error) override
+    {
+        *md5 = ESPTool::get_file_md5(source(file));
+        if (md5->isEmpty()) {
+            return fail(error, QCoreApplication::translate("ESPFlasher", "File %1 cannot be read")
+                                   .arg(source(file)));
+        }
+        return true;
+    }
+    qint64 size(const QString &file) const override { return QFileInfo(source(file)).size(); }
+
+private:
+    QDir m_dir;
+    bool m_strict;
+};
+
+class ScatterValidator::PackageFiles : public ScatterValidator::SectionFiles
+{
+public:
+    explicit PackageFiles(EspPackage &package) : m_package(package) {}
+    QString source(const QString &file) const override { return file; }
+    bool exists(const QString &file) const override { return m_package.contains(file); }
+    bool checksums() const override { return true; }
+    bool digest(const QString &file, QByteArray *md5, QString *error) override
+    {
+        QByteArray data;
+        switch (m_package.readEntry(file, &data)) {
+        case EspPackage::EntryStatus::Ok:
+            *md5 = ESPTool::get_data_md5(data);
+            return true;
+        case EspPackage::EntryStatus::NotFound:
+            return fail(error, QCoreApplication::translate(
+                                   "ESPFlasher", "The package is corrupted (near file %1)")
+                                   .arg(file));
+        case EspPackage::EntryStatus::CannotOpen:
+        case EspPackage::EntryStatus::Corrupt:
+            break;
+        }
+        return fail(error, QCoreApplication::translate(
+                               "ESPFlasher", "File %1 within the package cannot be read (%2)")
+                               .arg(file)
+                               .arg(m_package.zipError()));
+    }
+    qint64 size(const QString &file) const override
+    {
+        return qMax<qint64>(0, m_package.uncompressedSize(file));
+    }
+
+private:
+    EspPackage &m_package;
+};
+
+ScatterValidator::ScatterValidator(const QString &chipDescription, const QString &loaderText,
+                                   ScatterPrompts *prompts)
+    : m_chipDescription(chipDescription), m_loaderText(loaderText), m_prompts(prompts)
+{}
+
+QString ScatterValidator::promptTitle()
+{
+    return QCoreApplication::translate("ESPFlasher", "Parse scatter file");
+}
+
+void ScatterValidator::reset()
+{
+    m_tableRebuilt = false;
+    m_rows.clear();
+}
+
+bool ScatterValidator::parseScatterObject(QJsonObject &scatter, bool strict,
+                                          const QFileInfo &scatterFile, QString *error)
+{
+    reset();
+    if (!checkChip(scatter, strict, error))
+        return false;
+    if (!checkLooseLoader(scatter, strict, scatterFile, error))
+        return false;
+    LooseFiles files(scatterFile.absoluteDir(), strict);
+    return parseSections(scatter, strict, files, error);
+}
+
+bool ScatterValidator::parseScatterPack(const QJsonObject &scatter, EspPackage &package,
+                                        QString *error)
+{
+    reset();
+    QJsonObject document = scatter;
+    if (!checkChip(document, true, error))
+        return false;
+    const QString stub = scatter.value(QLatin1String("stub")).toString();
+    if (!package.contains(stub))
+        return fail(error, loaderMissingMessage());
+    m_loaderText = stub;
+    PackageFiles files(package);
+    return parseSections(scatter, true, files, error);
+}
+
+bool ScatterValidator::checkChip(QJsonObject &scatter, bool strict, QString *error) const
+{
+    const QString chip = scatter.value(QLatin1String("chip")).toString();
+    if (scatter.contains(QLatin1String("chip")) &&
+        chip == ScatterWriter::chipName(m_chipDescription))
+        return true;
+    if (strict) {
+        return fail(error,
+                    QCoreApplication::translate(
+                        "ESPFlasher", "This scatter file belongs to a different chip (%1 vs %2)")
+                        .arg(chip, m_chipDescription));
+    }
+    // A template read from another chip is adopted by the connected one.
+    scatter.insert(QStringLiteral("chip"), m_chipDescription);
+    return true;
+}
+
+bool ScatterValidator::checkLooseLoader(const QJsonObject &scatter, bool strict,
+                                        const QFileInfo &scatterFile, QString *error)
+{
+    const QString stubPath =
+        scatterFile.absoluteDir().absoluteFilePath(scatter.value(QLatin1String("stub")).toString());
+    if (scatter.contains(QLatin1String("stub")) && QFileInfo(stubPath).isFile()) {
+        m_loaderText = stubPath;
+        return true;
+    }
+    if (!m_loaderText.isEmpty() && QFileInfo(m_loaderText).isFile())
+        return true;
+    if (strict) {
+        const QString question =
+            QCoreApplication::translate("ESPFlasher",
+                                        "This scatter file does not specify a flash loader, but "
+                                        "should. Or the flash loader file (%1) is missing")
+                .arg(stubPath);
+        if (!m_prompts || !m_prompts->confirmMissingLoader(question, stubPath))
+            return fail(error, loaderMissingMessage());
+    }
+    const QString chosen = m_prompts ? m_prompts->chooseLoader() : QString();
+    if (!chosen.isEmpty())
+        m_loaderText = chosen;
+    // Only emptiness is checked here: a stale loader path left in the field is accepted.
+    if (m_loaderText.isEmpty())
+        return fail(error, loaderMissingMessage());
+    return true;
+}
+
+bool ScatterValidator::parseSections(const QJsonObject &scatter, bool strict, SectionFiles &files,
+                                     QString *error)
+{
+    const QJsonArray sections = scatter.value(QLatin1String("sections")).toArray();
+    if (sections.isEmpty()) {
+        return fail(error, QCoreApplication::translate(
+                               "ESPFlasher",
+                               "This scatter file is invalid (no section definitions present)"));
+    }
+    m_tableRebuilt = true;
+    m_rows = QVector<ScatterSection>(sections.size());
+
+    for (int index = 0; index < sections.size(); ++index) {
+        const QJsonObject section = sections.at(index).toObject();
+        const QString type = section.value(QLatin1String("type")).toString();
+        const QString file = section.value(QLatin1String("file")).toString();
+        const QString addressText = section.value(QLatin1String("address")).toString();
+
+        if (!files.exists(file)) {
+            return fail(error,
+                        QCoreApplication::translate("ESPFlasher", "File %1 (%2) does not exist")
+                            .arg(file, type));
+        }
+        bool addressOk = false;
+        const quint32 address = parseUnsignedInteger(addressText, &addressOk);
+        if (!addressOk) {
+            // The first placeholder takes the type: that is how this message has always read.
+            return fail(
+                error, QCoreApplication::translate("ESPFlasher", "Section %1 address %2 is invalid")
+                           .arg(type, addressText));
+        }
+
+        ScatterSection row;
+        row.hasCells = true;
+        row.file = file;
+        row.source = files.source(file);
+        row.startAddress = address;
+        if (type == QLatin1String("firmware")) {
+            row.typeKey = QString::fromLatin1(firmwareTypeKey);
+            if (strict) {
+                row.kind = ScatterSection::Firmware;
+                row.kindSet = true;
+                const QJsonValue options = section.value(QLatin1String("options"));
+                const QJsonObject flash =
+                    options.toObject().value(QLatin1String("flash")).toObject();
+                row.flashMode = flash.value(QLatin1String("mode")).toString();
+                row.flashSize = flash.value(QLatin1String("size")).toString();
+                row.flashFrequency = flash.value(QLatin1String("frequency")).toString();
+                if (!options.isObject() || row.flashMode.isEmpty() || row.flashSize.isEmpty() ||
+                    row.flashFrequency.isEmpty()) {
+                    return fail(error, QCoreApplication::translate(
+                                           "ESPFlasher", "Mandatory firmware options are missing"));
+                }
+            }
+        } else if (type == QLatin1String("application")) {
+            row.typeKey = QString::fromLatin1(applicationTypeKey);
+            row.kind = ScatterSection::Application;
+            row.kindSet = true;
+        } else {
+            if (m_prompts) {
+                m_prompts->notice(
+                    QCoreApplication::translate("ESPFlasher", "Skip unknown scatter section %1")
+                        .arg(type));
+            }
+            // The table shrinks, but later sections keep their document index as row number.
+            m_rows.removeLast();
+            continue;
+        }
+
+        if (files.checksums() && !verifyChecksum(section, row.source, files, &row, error))
+            return false;
+
+        const quint32 length =
+            section.contains(QLatin1String("size"))
+                ? parseUnsignedInteger(section.value(QLatin1String("size")).toString())
+                : static_cast<quint32>(files.size(file));
+        row.endAddress = address + length;
+        // A row beyond the shortened table is dropped, as the table ignores such cells.
+        if (index < m_rows.size())
+            m_rows[index] = row;
+    }
+    return true;
+}
+
+bool ScatterValidator::verifyChecksum(const QJsonObject &section, const QString &source,
+                                      SectionFiles &files, ScatterSection *row, QString *error)
+{
+    const QString file = section.value(QLatin1String("file")).toString();
+    QByteArray digest;
+    if (!files.digest(file, &digest, error))
+        return false;
+    const QString computed = hexlify(digest, true);
+    const QString saved = section.value(QLatin1String("md5")).toString();
+
+    if (section.contains(QLatin1String("md5"))) {
+        if (saved.compare(computed, Qt::CaseInsensitive) != 0) {
+            return fail(error, QCoreApplication::translate(
+                                   "ESPFlasher", "The data within the package is corrupted (saved "
+                                                 "md5 %1 does not match the computed one %2 for "
+                                                 "file %3)")
+                                   .arg(saved, computed, source));
+        }
+    } else {
+        const QString question =
+            QCoreApplication::translate(
+                "ESPFlasher", "Section %1 is missing an md5 checksum. Proceed?<br>Current md5: %2")
+                .arg(source, computed);
+        if (!m_prompts || !m_prompts->confirmMissingChecksum(question, source, computed)) {
+            return fail(
+                error,
+                QCoreApplication::translate("ESPFlasher", "No saved checksum for %1").arg(source));
+        }
+        // The placeholder stays unfilled: this line has always been logged like that.
+        m_prompts->notice(QCoreApplication::translate(
+            "ESPFlasher", "Proceeding without checksum verification for %1 as per users request"));
+    }
+    row->md5 = saved;
+    return true;
+}
