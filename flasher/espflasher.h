@@ -1,0 +1,138 @@
+#pragma once
+
+#include "esputility_global.h"
+#include "flasher/scatterprompts.h"
+#include "flasher/scattersection.h"
+
+#include <QDialog>
+#include <QJsonObject>
+#include <QString>
+#include <QStringList>
+#include <QThread>
+#include <QVariantList>
+
+#include <memory>
+
+class EspPackage;
+class ESPToolWorker;
+class QFileInfo;
+class QIODevice;
+class QProgressDialog;
+class Ui_ESPFlasher;
+
+// The main window of the utility: connects to a board through the operation worker, loads
+// scatter files and packages into the scatter table and runs the flash operations on it.
+// Scatter and package rules live in the widget-free layer (ScatterValidator, ScatterLoader,
+// EspPackageWriter); the dialog asks its questions, fills the table and keeps the log.
+class ESPUTILITY_EXPORT ESPFlasher : public QDialog, private ScatterPrompts
+{
+    Q_OBJECT
+
+public:
+    enum RUN_MODE : qint32 {
+        // Identify, ask for a package, flash it, report in a box that closes itself, and close
+        // with accept (success) or reject (failure) so that the host learns the outcome.
+        RUN_MODE_UPGRADE = 0,
+        // The interactive tool; any value other than 0 behaves like this one.
+        RUN_MODE_STANDALONE = 1,
+    };
+
+    explicit ESPFlasher(RUN_MODE mode, QWidget *parent = nullptr);
+    ~ESPFlasher() override;
+
+    // Connects to the port whose USB serial number is `serial`. Several matches: in the
+    // upgrade mode the user picks one, otherwise nothing happens. True when a connect command
+    // was issued.
+    bool autoconnect(const QString &serial);
+    // Preselects the first port whose USB serial number is `serial`, if any.
+    void guess(const QString &serial);
+    // Names of all ports with exactly this USB serial number, in enumeration order.
+    QStringList portsForSerial(const QString &serial) const;
+
+    // Validates a loose scatter document into the scatter table; relative paths resolve
+    // against scatterFile's directory. Not strict: a template for reading flash (no file and
+    // checksum checks, a foreign chip is adopted into the document).
+    bool parseScatterObject(QJsonObject &scatter, bool strict, const QFileInfo &scatterFile,
+                            QString *error);
+    // Validates the document of the open package into the scatter table.
+    bool parseScatterPack(const QJsonObject &scatter, QString *error);
+    // Rebuilds the per-row erase and verify menus and enables the operation buttons.
+    void parseFinish();
+    // Checks the rows of the kinds to write; asks which ones when both kinds are present.
+    bool autoSelectByType();
+    // Flash size text for application writes: the first firmware row's, else the size
+    // detected from the chip's flash ID; empty when neither is known.
+    QString getScatterFlashSize();
+
+    // Closes the package entry handed to the worker, then the package itself.
+    void close_pack();
+    // Closes only the package entry handed to the worker.
+    void close_zip_file();
+
+private slots:
+    void on_comPortScanTool_clicked();
+    void on_comPortConnect_clicked();
+    bool on_scatterSelTool_clicked();
+    void on_stubSelTool_clicked();
+    void on_flashTool_clicked();
+    void on_readTool_clicked();
+    void on_eraseTool_clicked();
+    void on_verifyTool_clicked();
+    void on_zipTool_clicked();
+    void worker_error(const QString &reason);
+    void worker_progress(int total, int current);
+    void worker_finished(bool result, int command, const QVariantList &results);
+    void scatterTableHeaderClickHandler(int index);
+    void eraseActionHandler();
+    void md5ActionHandler();
+
+private:
+    // Log colours: success and progress, notices and skips, errors.
+    enum class LogColour { Success, Notice, Error };
+
+    // Operations that a successful "load stub" continues with.
+    enum Operation { OperationNone = 0, OperationReading = 1, OperationFlashing = 2 };
+
+    // ScatterPrompts: the validators' questions, answered with message boxes and the log.
+    bool confirmMissingLoader(const QString &question, const QString &loaderPath) override;
+    QString chooseLoader() override;
+    bool confirmMissingChecksum(const QString &question, const QString &path,
+                                const QString &md5) override;
+    void notice(const QString &text) override;
+
+    void log(LogColour colour, const QString &text);
+    void queueCommand(int command, const QVariantList &params = QVariantList());
+    void startConnect(const QString &port);
+
+    void commandFailed(int command);
+    void connected();
+    void disconnected();
+    void chipIdentified(const QVariantList &results);
+
+    // In the upgrade mode: shows the outcome in a box that closes itself, then closes the tool.
+    void scheduleAutoClose(bool success, const QString &message);
+
+    void fillScatterTable(const QVector<ScatterSection> &rows);
+    void clearScatterTable();
+    bool loadScatter(const QString &path);
+    QVector<ScatterSection> scatterRows() const;
+    ScatterSection scatterRow(int row) const;
+    QString scatterDirectory() const;
+
+    std::unique_ptr<Ui_ESPFlasher> ui;
+    QThread workerThread;
+    ESPToolWorker *worker = nullptr;
+    // Shown while a caller waits for the loader stub; exists only during that wait.
+    QProgressDialog *stubWaitDialog = nullptr;
+    // The open package; null while a loose scatter file (or nothing) is loaded.
+    std::unique_ptr<EspPackage> zip;
+    // The package entry copied into memory for the worker; non-null while the worker uses it.
+    std::unique_ptr<QIODevice> packageFile;
+    bool stubLoaded = false;
+    RUN_MODE runMode;
+    qint32 operation = OperationFlashing;
+    // Scatter table row in work; -1 while the stub loads so that its result starts at row 0.
+    qint32 sectionIndex = 0;
+    // Flash size in bytes guessed from the chip's flash ID; 0 when unknown.
+    quint32 detectedFlashSize = 0;
+};
