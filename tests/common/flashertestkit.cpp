@@ -2,7 +2,9 @@
 
 #include "scattertestfiles.h"
 
+#include <QCoreApplication>
 #include <QJsonDocument>
+#include <QSettings>
 #include <QTextBlock>
 #include <QTextBrowser>
 #include <QTextDocument>
@@ -37,6 +39,21 @@ QStringList logStrings(QWidget *flasher)
 QString line(const char *colour, const QString &text)
 {
     return QLatin1String(colour) + QLatin1Char('|') + text;
+}
+
+bool selectScatter(QObject *flasher)
+{
+    bool result = false;
+    QMetaObject::invokeMethod(flasher, "on_scatterSelTool_clicked", Qt::DirectConnection,
+                              Q_RETURN_ARG(bool, result));
+    return result;
+}
+
+void isolateSettings(const QString &directory)
+{
+    QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, directory);
+    QSettings::setPath(QSettings::IniFormat, QSettings::UserScope, directory);
+    QCoreApplication::setOrganizationName(QStringLiteral("esp-utility-tests"));
 }
 
 bool deliverFinished(QObject *flasher, bool result, int command, const QVariantList &results)

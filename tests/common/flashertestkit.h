@@ -38,6 +38,12 @@ QVector<LogLine> logLines(QWidget *flasher);
 QStringList logStrings(QWidget *flasher);
 QString line(const char *colour, const QString &text);
 
+// Runs the dialog's scatter chooser (on_scatterSelTool_clicked) and returns its result.
+bool selectScatter(QObject *flasher);
+// Points the default QSettings of this process at a directory of its own, so tests neither
+// read nor change the user's settings.
+void isolateSettings(const QString &directory);
+
 // Calls the dialog's worker_finished slot, as the worker's queued signal does.
 bool deliverFinished(QObject *flasher, bool result, int command,
                      const QVariantList &results = QVariantList());

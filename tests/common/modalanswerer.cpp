@@ -5,6 +5,7 @@
 #include <QDialog>
 #include <QFileDialog>
 #include <QInputDialog>
+#include <QLineEdit>
 #include <QPushButton>
 
 namespace {
@@ -44,6 +45,9 @@ void ModalAnswerer::answerFile(const QString &path)
             return;
         }
         dialog->selectFile(path);
+        // selectFile() leaves the name field alone while it has the focus: type it in.
+        if (auto *name = dialog->findChild<QLineEdit *>(QStringLiteral("fileNameEdit")))
+            name->setText(path);
         // QFileDialog hides accept(); the dialog's own override still runs.
         static_cast<QDialog *>(dialog)->accept();
     });
