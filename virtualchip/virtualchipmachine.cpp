@@ -651,8 +651,13 @@ void VirtualChipMachine::checkVanish(qint64 now)
 {
     if (!m_vanishPending || !m_tx.empty() || !m_scheduled.empty())
         return;
-    if (m_vanishDeadlineNs < 0)
+    if (m_vanishDeadlineNs < 0) {
         m_vanishDeadlineNs = now + vanishGraceNs;
+        // Written bytes reach the host's queue a moment after write() returns.
+        m_vanishEarliestNs = now + vanishSettleNs;
+    }
+    if (now < m_vanishEarliestNs)
+        return;
     // Vanish once the host has read the last answers (or gave up reading them).
     int unread = 0;
     if (ioctl(m_slave, FIONREAD, &unread) != 0 || unread == 0 || now >= m_vanishDeadlineNs)

@@ -75,6 +75,7 @@ private:
     static constexpr qint64 txQuantumNs = 2000000;     // throttled writes run ahead by 2 ms
     static constexpr qint64 vanishGraceNs = 200000000; // answers get 200 ms to be read
     static constexpr qint64 vanishPollNs = 5000000;    // 5 ms between delivery checks
+    static constexpr qint64 vanishSettleNs = 30000000; // 30 ms for written bytes to arrive
     static constexpr int readChunkSize = 16384;        // bytes per read() from the terminal
     static constexpr int maxFramesPerWrite = 64;       // frames gathered into one writev()
 
@@ -118,6 +119,7 @@ private:
     bool m_vanishRequested = false;
     bool m_vanishPending = false;
     qint64 m_vanishDeadlineNs = 0;
+    qint64 m_vanishEarliestNs = 0;
     QString m_path;
     QString m_error;
 

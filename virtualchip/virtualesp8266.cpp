@@ -14,10 +14,7 @@ constexpr quint32 customOuiFiller = 0x40000000;
 
 } // namespace
 
-VirtualEsp8266::VirtualEsp8266()
-    : VirtualEsp8266(Config())
-{
-}
+VirtualEsp8266::VirtualEsp8266() : VirtualEsp8266(Config()) {}
 
 VirtualEsp8266::VirtualEsp8266(const Config &config)
     : m_machine(std::make_unique<VirtualChipMachine>(config))
