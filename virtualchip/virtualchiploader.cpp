@@ -627,14 +627,23 @@ qint64 VirtualChipLoader::programTime(quint32 length) const
 
 qint64 VirtualChipLoader::chargeStubErase(quint32 offset, quint32 end)
 {
+    // Like the real loader, erase ahead in whole 64 KiB blocks where the range covers them.
     FlashSession &session = m_flashWrite;
-    const quint32 from =
-        qMax(session.eraseChargedTo, offset - offset % VirtualNorFlash::sectorSize);
-    const quint32 to = qMin(end, session.eraseEnd);
-    if (to <= session.eraseChargedTo || to <= from)
-        return 0;
-    session.eraseChargedTo = to;
-    return scaledEraseTime(VirtualNorFlash::eraseTimeUs(from, to - from));
+    const quint32 target = qMin(end, session.eraseEnd);
+    quint64 position = qMax(session.eraseChargedTo, offset - offset % VirtualNorFlash::sectorSize);
+    qint64 nominalUs = 0;
+    while (position < target) {
+        const quint64 blockEnd = position + VirtualNorFlash::blockSize;
+        if (position % VirtualNorFlash::blockSize == 0 && blockEnd <= session.eraseEnd) {
+            nominalUs += VirtualNorFlash::blockEraseUs;
+            position = blockEnd;
+        } else {
+            nominalUs += VirtualNorFlash::sectorEraseUs;
+            position += VirtualNorFlash::sectorSize;
+        }
+    }
+    session.eraseChargedTo = quint32(qMax<quint64>(session.eraseChargedTo, position));
+    return scaledEraseTime(nominalUs);
 }
 
 QByteArray *VirtualChipLoader::ramFor(quint32 address, quint32 size, quint32 *base)
