@@ -99,6 +99,8 @@ private slots:
     void spiCommands();
     void writeRegMaskAndPlainRegisters();
     void commandLogAndCounters();
+    void malformedFramingIgnored();
+    void vanishFromObserver();
     void reopenedPortStillAnswers();
     void invalidConfigRefused_data();
     void invalidConfigRefused();
@@ -632,6 +634,44 @@ void TestVirtualChip::commandLogAndCounters()
     m_chip->clearCounters();
     QVERIFY(m_chip->commandLog().isEmpty());
     QCOMPARE(m_chip->counters().framesSent, 0);
+}
+
+void TestVirtualChip::malformedFramingIgnored()
+{
+    QVERIFY(startChip());
+    // Line noise before a frame, a frame with an invalid escape, a header-less scrap, an answer
+    // instead of a request and a request whose length field lies: none of them is answered.
+    QVERIFY(
+        m_client.writeRaw(QByteArray::fromHex("55aa00") + QByteArray::fromHex("c0000a0400db01c0")));
+    QVERIFY(m_client.sendPacket(QByteArray::fromHex("000a04")));
+    QVERIFY(m_client.sendPacket(QByteArray::fromHex("010a0400000000005000f03f")));
+    QVERIFY(!m_client.readFrame(silenceMs).size());
+    QVERIFY(m_chip->commandLog().isEmpty());
+    QVERIFY(m_client.sendPacket(QByteArray::fromHex("000a0800000000005000f03f")));
+    const W::Answer lying = m_client.readAnswer();
+    QCOMPARE(lying.opcode, opReadReg);
+    QCOMPARE(lying.error(), quint8(0x05));
+    // Escaped bytes inside a request are taken apart correctly: 0xC0 and 0xDB in the address.
+    QCOMPARE(m_client.command(0x09, W::words({0x6000C0DB, 0xDBC0, 0xFFFFFFFF, 0})).status(),
+             quint8(0));
+    QCOMPARE(m_client.readReg(0x6000C0DB), 0xDBC0u);
+}
+
+void TestVirtualChip::vanishFromObserver()
+{
+    VirtualEsp8266::Config config;
+    m_chip = std::make_unique<VirtualEsp8266>(config);
+    VirtualEsp8266 *chip = m_chip.get();
+    m_chip->setCommandObserver([chip](const VirtualEsp8266::CommandRecord &record) {
+        if (record.opcode == opSync)
+            chip->vanishNow();
+    });
+    QVERIFY(m_chip->start());
+    QVERIFY(m_client.open(m_chip->devicePath()));
+    QVERIFY(m_client.readReg(efuse0) != 0xFFFFFFFF);
+    QVERIFY(m_client.sendCommand(opSync, W::syncPayload()));
+    QVERIFY(m_client.waitForHangUp(2000));
+    QVERIFY(m_chip->vanished());
 }
 
 void TestVirtualChip::reopenedPortStillAnswers()

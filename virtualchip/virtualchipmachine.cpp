@@ -322,7 +322,8 @@ void VirtualChipMachine::disarmFaults()
 void VirtualChipMachine::vanishNow()
 {
     std::unique_lock<std::mutex> lock(m_mutex);
-    if (!m_running) {
+    // Not running, or called by the command observer on the chip thread (which is not waiting).
+    if (!m_running || std::this_thread::get_id() == m_thread.get_id()) {
         closeTerminal();
         return;
     }

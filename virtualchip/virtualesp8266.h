@@ -202,7 +202,7 @@ public:
     Counters counters() const;
     void clearCounters();
     // Called on the chip thread after each received command was handled (not under the chip's
-    // lock, so it may call the accessors). Set before start().
+    // lock, so it may call the accessors, the fault methods and reset(), but not stop()).
     void setCommandObserver(std::function<void(const CommandRecord &)> observer);
 
     // Faults. Each is counted from the moment it is armed; arming again replaces the previous
