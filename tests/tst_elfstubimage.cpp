@@ -666,7 +666,7 @@ void TestElfStubImage::generatedStubLayout()
     QVERIFY(data->size >= 0x100 && data->size < 0x1800);
     QCOMPARE(text->data.size(), int(text->size));
     QCOMPARE(data->data.size(), int(data->size));
-    QCOMPARE(image.entry(), 0x4010E004u);
+    QCOMPARE(image.entry(), 0x4010C004u);
     QVERIFY(image.entry() >= text->address && image.entry() < text->address + text->size);
     QVERIFY(text->data.startsWith(VirtualLoaderStub::textIdentification()));
     QVERIFY(data->data.startsWith(VirtualLoaderStub::dataIdentification()));

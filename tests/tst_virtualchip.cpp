@@ -81,6 +81,7 @@ private slots:
     void romEraseArithmetic();
     void flashBeginOutsideFlashRefused_data();
     void flashBeginOutsideFlashRefused();
+    void flashBeginPastTheEndIsClipped();
     void norWriteOnlyClearsBits();
     void romWritesBlocksAtSequenceOffsets();
     void dataPacketErrors_data();
@@ -291,8 +292,21 @@ void TestVirtualChip::flashBeginOutsideFlashRefused_data()
     QTest::addColumn<uint>("offset");
     QTest::addColumn<uint>("size");
     QTest::newRow("offset at the end") << 0x400000u << 0x1000u;
-    QTest::newRow("size past the end") << 0x3FF000u << 0x2000u;
-    QTest::newRow("wrapping size") << 0x1000u << 0xFFFFF000u;
+    QTest::newRow("offset past the end") << 0x500000u << 0u;
+}
+
+void TestVirtualChip::flashBeginPastTheEndIsClipped()
+{
+    // A begin may ask to erase beyond the end (loaders round up to whole blocks): the erase
+    // stops at the end of the flash.
+    QVERIFY(startChip());
+    const W::Answer answer = flashBegin(0x3FF000, 0x2000);
+    QVERIFY(answer.valid);
+    QCOMPARE(answer.status(), quint8(0));
+    const auto erases = m_chip->counters().erases;
+    QCOMPARE(erases.size(), 1);
+    QCOMPARE(erases.first().offset, 0x3FF000u);
+    QCOMPARE(erases.first().size, 0x1000u);
 }
 
 void TestVirtualChip::flashBeginOutsideFlashRefused()

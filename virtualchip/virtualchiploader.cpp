@@ -289,7 +289,9 @@ VirtualChipLoader::Result VirtualChipLoader::flashBegin(const QByteArray &payloa
     const quint32 size = word(payload, 0);
     const quint32 blockSize = word(payload, 8);
     const quint32 offset = word(payload, 12);
-    if (!m_flash.contains(offset, size))
+    // The erase is clipped to the flash (a loader rounds it up to whole blocks, which may run
+    // past the end); only a start outside the flash is refused. Data beyond the end fails later.
+    if (offset > m_flash.size() || (offset == m_flash.size() && size > 0))
         return fail(nowUs, VirtualEsp8266::RomFailedToAct, VirtualEsp8266::StubFailedSpiOp);
     if (blockSize > maxBlockSize)
         return fail(nowUs, VirtualEsp8266::RomFailedToAct, VirtualEsp8266::StubBadBlockSize);
