@@ -103,7 +103,7 @@ bool TestEspTool::connectTool(ESPTool &tool, ChipFixture &fixture)
 
 bool TestEspTool::loadStub(ESPTool &tool)
 {
-    return tool.write_loader_stub(generatedStubPath());
+    return tool.write_loader_stub(loaderStubPath());
 }
 
 void TestEspTool::connectSynchronisesOnce()
@@ -718,7 +718,7 @@ void TestEspTool::stubUploadInRamBlocks()
     QVERIFY(connectTool(tool, fixture));
     fixture.chip().clearCommandLog();
     QSignalSpy progress(&tool, &ESPTool::operationProgress);
-    QVERIFY(loadStub(tool));
+    QVERIFY(tool.write_loader_stub(generatedStubPath()));
     QVERIFY(tool.isStubRunning());
     QVERIFY(fixture.chip().stubRunning());
 

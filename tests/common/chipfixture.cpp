@@ -3,6 +3,8 @@
 #include "serial/qcomport.h"
 #include "testpaths.h"
 
+#include <QFileInfo>
+
 ChipFixture::ChipFixture(const VirtualEsp8266::Config &config)
     : m_chip(std::make_unique<VirtualEsp8266>(config))
 {}
@@ -28,4 +30,23 @@ bool ChipFixture::start()
 QString generatedStubPath()
 {
     return testBuildDir() + QStringLiteral("/stub/esp8266_loader_stub.elf");
+}
+
+QString vendorStubPath()
+{
+    const QString path = testBuildDir() + QStringLiteral("/stub/vendor/esp8266_loader_stub.elf");
+    return QFileInfo::exists(path) ? path : QString();
+}
+
+QString vendorLoaderJsonPath()
+{
+    const QString path =
+        testSourceDir() + QStringLiteral("/third_party/vendor-loader/esp8266-loader.json");
+    return QFileInfo::exists(path) ? path : QString();
+}
+
+QString loaderStubPath()
+{
+    const QString vendor = vendorStubPath();
+    return vendor.isEmpty() ? generatedStubPath() : vendor;
 }

@@ -24,3 +24,10 @@ private:
 
 // The project's stand-in loader stub, generated at build time.
 QString generatedStubPath();
+
+// The vendor's flash loader converted at build time, when it could be fetched (else empty).
+QString vendorStubPath();
+// The vendor's loader in its published JSON form, when fetched (else empty).
+QString vendorLoaderJsonPath();
+// The loader tests upload when they need one: the vendor's when present, else the stand-in.
+QString loaderStubPath();
