@@ -15,6 +15,8 @@
 
 #include <algorithm>
 
+#include <sys/resource.h>
+
 namespace {
 
 constexpr unsigned int efuseWord0 = 0x3FF00050;
@@ -34,6 +36,14 @@ QStringList texts(const QSignalSpy &spy)
     for (const QList<QVariant> &call : spy)
         result << call.at(1).toString();
     return result;
+}
+
+double processCpuSeconds()
+{
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return double(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec)
+           + double(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
 }
 
 int countOpcode(const QVector<VirtualEsp8266::CommandRecord> &log, quint8 opcode)
@@ -709,6 +719,13 @@ void TestEspTool::unpluggedPortEndsTheWait()
     QVERIFY(sinceUnplug.elapsed() < 1000);
     QCOMPARE(texts(errors), QStringList{"No response for 0xd0 command"});
     QVERIFY(!tool.isConnected());
+
+    // The hung-up terminal no longer drives an error loop: the process idles.
+    const double before = processCpuSeconds();
+    QTest::qWait(1000);
+    const double spent = processCpuSeconds() - before;
+    QVERIFY2(spent < 0.25, qPrintable(QStringLiteral("CPU seconds while idle: %1").arg(spent)));
+    QCOMPARE(errors.count(), 1);
 }
 
 void TestEspTool::stubUploadInRamBlocks()
