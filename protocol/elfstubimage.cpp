@@ -1,6 +1,14 @@
 #include "protocol/elfstubimage.h"
 
 #include <QIODevice>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QJsonParseError>
+#include <QJsonValue>
+
+#include <algorithm>
+#include <cctype>
+#include <cmath>
 
 #include <cstring>
 #include <libelf.h>
@@ -47,6 +55,16 @@ bool ElfStubImage::load(const QByteArray &bytes)
                         .arg(bytes.size())
                         .arg(MaxFileSize));
 
+    const int firstVisible = int(
+        std::find_if(bytes.cbegin(), bytes.cend(), [](char c) { return !std::isspace(uchar(c)); }) -
+        bytes.cbegin());
+    if (firstVisible < bytes.size() && bytes.at(firstVisible) == '{')
+        return loadJson(bytes);
+    return loadElf(bytes);
+}
+
+bool ElfStubImage::loadElf(const QByteArray &bytes)
+{
     const auto fileSize = static_cast<quint64>(bytes.size());
     const auto *ident = reinterpret_cast<const unsigned char *>(bytes.constData());
     if (fileSize < SELFMAG || std::memcmp(ident, ELFMAG, SELFMAG) != 0)
@@ -182,6 +200,71 @@ bool ElfStubImage::load(const QByteArray &bytes)
     m_entry = header.e_entry;
     m_machine = header.e_machine;
     m_sections = sections;
+    m_valid = true;
+    return true;
+}
+
+namespace {
+
+// A JSON number that is a whole 32-bit value.
+bool jsonWord(const QJsonObject &object, const char *key, quint32 *value)
+{
+    const QJsonValue field = object.value(QLatin1String(key));
+    if (!field.isDouble())
+        return false;
+    const double number = field.toDouble();
+    if (!(number >= 0 && number <= 4294967295.0) || number != std::floor(number))
+        return false;
+    *value = quint32(number);
+    return true;
+}
+
+bool jsonBase64(const QJsonObject &object, const char *key, QByteArray *value)
+{
+    const QJsonValue field = object.value(QLatin1String(key));
+    if (!field.isString())
+        return false;
+    const auto decoded = QByteArray::fromBase64Encoding(field.toString().toLatin1(),
+                                                        QByteArray::AbortOnBase64DecodingErrors);
+    if (!decoded)
+        return false;
+    *value = decoded.decoded;
+    return true;
+}
+
+} // namespace
+
+bool ElfStubImage::loadJson(const QByteArray &bytes)
+{
+    QJsonParseError parseError{};
+    const QJsonDocument document = QJsonDocument::fromJson(bytes, &parseError);
+    if (parseError.error != QJsonParseError::NoError)
+        return fail(QStringLiteral("The loader's JSON cannot be parsed: %1 (at offset %2)")
+                        .arg(parseError.errorString())
+                        .arg(parseError.offset));
+    const QJsonObject object = document.object();
+
+    Section text{QStringLiteral(".text"), 0, 0, {}};
+    Section data{QStringLiteral(".data"), 0, 0, {}};
+    quint32 entry = 0;
+    if (!jsonBase64(object, "text", &text.data) || !jsonBase64(object, "data", &data.data))
+        return fail(
+            QStringLiteral("The loader's JSON needs \"text\" and \"data\" as base64 strings"));
+    if (!jsonWord(object, "text_start", &text.address) ||
+        !jsonWord(object, "data_start", &data.address) || !jsonWord(object, "entry", &entry))
+        return fail(QStringLiteral("The loader's JSON needs \"text_start\", \"data_start\" and "
+                                   "\"entry\" as 32-bit addresses"));
+    for (Section *section : {&text, &data}) {
+        section->size = quint32(section->data.size());
+        if (quint64(section->address) + section->size > 0x100000000ULL)
+            return fail(QStringLiteral("The loader's %1 section runs past the end of the address "
+                                       "space")
+                            .arg(section->name));
+    }
+    constexpr quint16 machineXtensa = 94;
+    m_sections = {text, data};
+    m_entry = entry;
+    m_machine = machineXtensa;
     m_valid = true;
     return true;
 }

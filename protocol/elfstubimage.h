@@ -9,7 +9,9 @@
 class QIODevice;
 
 // The flash loader as the uploader needs it: entry point and sections with their load addresses
-// and bytes. Parses 32-bit little-endian ELF files from memory and copies out everything it keeps,
+// and bytes. Takes either a 32-bit little-endian ELF file or the JSON form in which loaders are
+// also published (an object with base64 "text" and "data", their load addresses "text_start" and
+// "data_start", and "entry"); the form is recognised by content. Everything kept is copied out,
 // so no parser state outlives load(). Any input bytes are safe to hand in: a file that cannot be
 // read completely and consistently is refused with a message for the user.
 class ESPUTILITY_EXPORT ElfStubImage
@@ -47,6 +49,8 @@ public:
 
 private:
     bool fail(const QString &message);
+    bool loadElf(const QByteArray &bytes);
+    bool loadJson(const QByteArray &bytes);
 
     bool m_valid = false;
     QString m_error;

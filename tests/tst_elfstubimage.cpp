@@ -659,14 +659,14 @@ void TestElfStubImage::generatedStubLayout()
     const ElfStubImage::Section *data = image.section(".data");
     QVERIFY(text);
     QVERIFY(data);
-    QCOMPARE(text->address, 0x4010E000u);
+    QCOMPARE(text->address, 0x4010C000u);
     QCOMPARE(data->address, 0x3FFE8000u);
     // The upload must take more than one 0x1800-byte RAM block for .text.
     QVERIFY(text->size > 0x1800);
     QVERIFY(data->size >= 0x100 && data->size < 0x1800);
     QCOMPARE(text->data.size(), int(text->size));
     QCOMPARE(data->data.size(), int(data->size));
-    QCOMPARE(image.entry(), 0x4010E004u);
+    QCOMPARE(image.entry(), 0x4010C004u);
     QVERIFY(image.entry() >= text->address && image.entry() < text->address + text->size);
     QVERIFY(text->data.startsWith(VirtualLoaderStub::textIdentification()));
     QVERIFY(data->data.startsWith(VirtualLoaderStub::dataIdentification()));
@@ -696,7 +696,7 @@ void TestElfStubImage::makeStubOptions_data()
     QTest::addColumn<quint32>("entry");
 
     QTest::newRow("defaults") << QStringList() << QStringList{".text", ".data", ".shstrtab"}
-                              << 0x4010E000u << 0x2100u << 0x3FFE8000u << 0x200u << 0x4010E004u;
+                              << 0x4010C000u << 0x2100u << 0x3FFE8000u << 0x200u << 0x4010C004u;
     QTest::newRow("sizes and addresses")
         << QStringList{"--text-size", "0x1801",     "--data-size", "300",
                        "--text-addr", "0x40100000", "--data-addr", "0x3FFE9000"}
@@ -704,11 +704,11 @@ void TestElfStubImage::makeStubOptions_data()
         << 300u << 0x40100004u;
     QTest::newRow("explicit entry")
         << QStringList{"--entry", "0x3FFE8010"} << QStringList{".text", ".data", ".shstrtab"}
-        << 0x4010E000u << 0x2100u << 0x3FFE8000u << 0x200u << 0x3FFE8010u;
+        << 0x4010C000u << 0x2100u << 0x3FFE8000u << 0x200u << 0x3FFE8010u;
     QTest::newRow("no data") << QStringList{"--no-data"} << QStringList{".text", ".shstrtab"}
-                             << 0x4010E000u << 0x2100u << 0u << 0u << 0x4010E004u;
+                             << 0x4010C000u << 0x2100u << 0u << 0u << 0x4010C004u;
     QTest::newRow("no text") << QStringList{"--no-text"} << QStringList{".data", ".shstrtab"} << 0u
-                             << 0u << 0x3FFE8000u << 0x200u << 0x4010E004u;
+                             << 0u << 0x3FFE8000u << 0x200u << 0x4010C004u;
 }
 
 void TestElfStubImage::makeStubOptions()

@@ -1,10 +1,13 @@
-// esp-make-stub: writes the project's stand-in loader stub for the virtual ESP8266.
+// esp-make-stub: writes the project's stand-in loader stub for the virtual ESP8266, or converts a
+// loader published in JSON form into an ELF file.
 
+#include "protocol/elfstubimage.h"
 #include "tools/stubgen/stubelfwriter.h"
 #include "tools/stubgen/virtualloaderstub.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
+#include <QFile>
 #include <QTextStream>
 
 namespace {
@@ -47,6 +50,38 @@ bool checkSection(const char *name, quint32 address, quint32 size)
 
 } // namespace
 
+// Writes the sections and entry point of a JSON-form loader as an ELF file, so that scatter
+// files and packages can name it like any other loader.
+int convertJson(const QString &jsonPath, const QString &outputPath)
+{
+    QFile file(jsonPath);
+    if (!file.open(QIODevice::ReadOnly)) {
+        err() << "esp-make-stub: cannot read " << jsonPath << ": " << file.errorString() << "\n";
+        return 1;
+    }
+    ElfStubImage image;
+    if (!image.load(&file)) {
+        err() << "esp-make-stub: " << jsonPath << ": " << image.errorString() << "\n";
+        return 1;
+    }
+    const ElfStubImage::Section *text = image.section(QStringLiteral(".text"));
+    const ElfStubImage::Section *data = image.section(QStringLiteral(".data"));
+    if (!text || !data) {
+        err() << "esp-make-stub: " << jsonPath << " lacks a .text or .data section\n";
+        return 1;
+    }
+    StubElfWriter writer;
+    writer.setText(text->address, text->data);
+    writer.setData(data->address, data->data);
+    writer.setEntry(image.entry());
+    QString error;
+    if (!writer.write(outputPath, &error)) {
+        err() << "esp-make-stub: " << error << "\n";
+        return 1;
+    }
+    return 0;
+}
+
 int main(int argc, char *argv[])
 {
     QCoreApplication app(argc, argv);
@@ -69,7 +104,13 @@ int main(int argc, char *argv[])
     const QString entry = QStringLiteral("entry");
     const QString noText = QStringLiteral("no-text");
     const QString noData = QStringLiteral("no-data");
+    const QString fromJson = QStringLiteral("from-json");
     parser.addOptions({
+        {fromJson,
+         QStringLiteral("Convert a loader published in JSON form (base64 \"text\" and \"data\", "
+                        "\"text_start\", \"data_start\", \"entry\") into an ELF file instead of "
+                        "writing the stand-in; the size and address options do not apply."),
+         QStringLiteral("file")},
         {{QStringLiteral("o"), output},
          QStringLiteral("ELF file to write (required)."),
          QStringLiteral("file")},
@@ -105,6 +146,9 @@ int main(int argc, char *argv[])
               << "\"\n";
         return 2;
     }
+
+    if (parser.isSet(fromJson))
+        return convertJson(parser.value(fromJson), parser.value(output));
 
     quint32 textAddress = VirtualLoaderStub::DefaultTextAddress;
     quint32 textBytes = VirtualLoaderStub::DefaultTextSize;

@@ -12,7 +12,7 @@
 class VirtualLoaderStub
 {
 public:
-    static constexpr quint32 DefaultTextAddress = 0x4010E000;
+    static constexpr quint32 DefaultTextAddress = 0x4010C000;
     static constexpr quint32 DefaultTextSize = 0x2100;
     static constexpr quint32 DefaultDataAddress = 0x3FFE8000;
     static constexpr quint32 DefaultDataSize = 0x200;

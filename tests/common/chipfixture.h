@@ -1,0 +1,33 @@
+#pragma once
+
+#include "virtualchip/virtualesp8266.h"
+
+#include <QString>
+
+#include <memory>
+
+// A running virtual ESP8266 whose pseudo-terminal is visible to the port enumeration, so the
+// code under test opens it like any serial port.
+class ChipFixture
+{
+public:
+    explicit ChipFixture(const VirtualEsp8266::Config &config = VirtualEsp8266::Config());
+    ~ChipFixture();
+
+    bool start();
+    VirtualEsp8266 &chip() { return *m_chip; }
+    QString port() const { return m_chip->devicePath(); }
+
+private:
+    std::unique_ptr<VirtualEsp8266> m_chip;
+};
+
+// The project's stand-in loader stub, generated at build time.
+QString generatedStubPath();
+
+// The vendor's flash loader converted at build time, when it could be fetched (else empty).
+QString vendorStubPath();
+// The vendor's loader in its published JSON form, when fetched (else empty).
+QString vendorLoaderJsonPath();
+// The loader tests upload when they need one: the vendor's when present, else the stand-in.
+QString loaderStubPath();
