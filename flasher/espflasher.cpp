@@ -84,6 +84,7 @@ ESPFlasher::ESPFlasher(RUN_MODE mode, QWidget *parent)
         activeHeader->setCheckState(Qt::Checked);
     connect(ui->scatterTable->horizontalHeader(), &QHeaderView::sectionClicked, this,
             &ESPFlasher::scatterTableHeaderClickHandler);
+    ui->scatterTable->resizeColumnsToContents();
 
     // Owned by its thread: deleted through finished() -> deleteLater() as the thread ends.
     worker = new ESPToolWorker;
@@ -509,6 +510,7 @@ void ESPFlasher::fillScatterTable(const QVector<ScatterSection> &rows)
         table->setItem(index, EndColumn, textItem(row.endAddressText()));
         table->setItem(index, SourceColumn, textItem(row.file));
     }
+    table->resizeColumnsToContents();
 }
 
 ScatterSection ESPFlasher::scatterRow(int row) const
