@@ -19,7 +19,7 @@
         <translation>Последовательный порт:</translation>
     </message>
     <message>
-        <location line="+20"/>
+        <location line="+23"/>
         <source>Refresh the list of available serial ports</source>
         <translation>Обновить список доступных последовательных портов</translation>
     </message>
@@ -30,7 +30,7 @@
     </message>
     <message>
         <location line="+44"/>
-        <location filename="../../flasher/espflasher.cpp" line="+279"/>
+        <location filename="../../flasher/espflasher.cpp" line="+280"/>
         <source>Connect</source>
         <translation>Подключить</translation>
     </message>
@@ -244,7 +244,7 @@ To erase the entire flash, input 0x911 when asked to select the address/size.</s
         <translation>Пакет не открыт</translation>
     </message>
     <message>
-        <location line="+137"/>
+        <location line="+138"/>
         <source>Erase %1 region</source>
         <translation>Стереть область %1</translation>
     </message>
