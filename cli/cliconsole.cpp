@@ -115,11 +115,11 @@ void CliConsole::drawBar()
     if (m_bars.size() == 1) {
         const Bar &bar = m_bars.first();
         const int filled = bar.percent * barWidth / 100;
-        text = QStringLiteral("[%1%2] %3% %4")
-                   .arg(QString(filled, QLatin1Char('#')),
-                        QString(barWidth - filled, QLatin1Char(' ')))
-                   .arg(bar.percent, 3)
-                   .arg(bar.what);
+        text = prefixed(m_bars.firstKey(), QStringLiteral("[%1%2] %3% %4")
+                                               .arg(QString(filled, QLatin1Char('#')),
+                                                    QString(barWidth - filled, QLatin1Char(' ')))
+                                               .arg(bar.percent, 3)
+                                               .arg(bar.what));
     } else {
         QStringList parts;
         for (auto it = m_bars.cbegin(); it != m_bars.cend(); ++it)

@@ -95,6 +95,6 @@ BoardOperation::Step ReadOperation::save(BoardContext &board)
         return Step::Failed;
     }
     board.log(FlashPlan::Tone::Success, FlashPlan::scatterSavedMessage(m_scatterPath));
-    board.note(QStringLiteral("%1 region(s) read into %2").arg(m_rows.size()).arg(m_scatterPath));
+    board.note(QStringLiteral("%1 region(s) read back").arg(m_rows.size()));
     return Step::Done;
 }
