@@ -356,9 +356,10 @@ int CliApp::runPack()
     EspPackageWriter writer([this](EspPackageWriter::Severity severity, const QString &text) {
         m_console.line(toneOf(severity), text);
     });
-    const bool written = writer.open(EspPackageWriter::withZipSuffix(m_args.output)) &&
-                         (writer.setDescription(m_args.description), true) &&
-                         writer.addStub(m_input->loaderText()) &&
+    if (!writer.open(EspPackageWriter::withZipSuffix(m_args.output)))
+        return ExitFailed;
+    writer.setDescription(m_args.description);
+    const bool written = writer.addStub(m_input->loaderText()) &&
                          writer.addSections(m_input->rows(), m_input->directory(), m_args.trim) &&
                          writer.finish(m_input->documentChip());
     return written ? ExitOk : ExitFailed;

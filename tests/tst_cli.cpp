@@ -460,6 +460,16 @@ private slots:
         QVERIFY(!QFile::exists(target));
     }
 
+    void packToAnUnwritablePlace()
+    {
+        const QString scatter = writeScatterSet(dir());
+        const QString target = dir().absoluteFilePath("no/such/dir/p.zip");
+        const CliRun run = runCli({"pack", scatter, "-o", target, "--description", "d"});
+        QCOMPARE(run.exitCode, 1);
+        QVERIFY2(run.err.contains("File " + target + " is not writable: "),
+                 qPrintable(run.transcript()));
+    }
+
     void imageInfo()
     {
         EspImageBuilder builder;
