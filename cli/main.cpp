@@ -1,7 +1,13 @@
-#include "serial/qcomport.h"
+// esp-utility: the headless command line. It drives the same worker and the same scatter and
+// package rules as the dialog, on one or several boards at once.
+
+#include "cli/cliapp.h"
+#include "cli/cliarguments.h"
+#include "cli/cliconsole.h"
 
 #include <QCoreApplication>
-#include <QTextStream>
+
+#include <unistd.h>
 
 int main(int argc, char *argv[])
 {
@@ -9,20 +15,13 @@ int main(int argc, char *argv[])
     QCoreApplication::setApplicationName(QStringLiteral("esp-utility"));
     QCoreApplication::setApplicationVersion(QStringLiteral(ESP_UTILITY_VERSION));
 
-    QTextStream out(stdout);
-    const QStringList args = QCoreApplication::arguments().mid(1);
-    if (args.value(0) == QLatin1String("--version")) {
-        out << "ESP Utility " << ESP_UTILITY_VERSION << '\n';
-        return 0;
+    CliConsole console(isatty(STDERR_FILENO) != 0);
+    CliArguments arguments;
+    QString error;
+    if (!CliArguments::parse(QCoreApplication::arguments().mid(1), &arguments, &error)) {
+        console.usageError(error);
+        return CliApp::ExitUsage;
     }
-    if (args.value(0) == QLatin1String("ports")) {
-        const QStringList ports = QComPort::availableComPorts();
-        if (ports.isEmpty())
-            out << "No serial ports found\n";
-        for (const QString &port : ports)
-            out << port << '\n';
-        return 0;
-    }
-    QTextStream(stderr) << "usage: esp-utility --version | ports\n";
-    return 2;
+    CliApp cli(arguments, console);
+    return cli.run();
 }

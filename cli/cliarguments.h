@@ -1,0 +1,32 @@
+#pragma once
+
+#include <QString>
+#include <QStringList>
+
+// The command line, parsed: one command word, its positional arguments and the options, which
+// may stand anywhere. Parsing checks only the form; what a command needs is checked by the
+// command itself.
+struct CliArguments
+{
+    QString command;
+    QStringList positional;
+
+    QStringList ports;    // --port, repeatable
+    int virtualCount = 0; // --virtual [N], repeatable, adds up
+    QString stub;         // --stub
+    bool yes = false;     // --yes
+    QString only;         // --only firmware|application
+    QString scatter;      // --scatter (read: the scatter file to write)
+    QString output;       // -o / --output (pack)
+    QString description;  // --description (pack)
+    bool descriptionGiven = false;
+    bool trim = false; // --trim (pack)
+    QString trailer;   // --trailer (image-info)
+    QString out;       // --out (demo: where the read-back goes)
+    bool help = false;
+    bool version = false;
+
+    // False with one line in *error for an unknown option or a missing value.
+    static bool parse(const QStringList &arguments, CliArguments *result, QString *error);
+    static QString usage();
+};

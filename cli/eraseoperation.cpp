@@ -1,0 +1,31 @@
+#include "cli/eraseoperation.h"
+
+#include "cli/boardcontext.h"
+#include "flasher/scattersection.h"
+#include "worker/esptoolworker.h"
+
+bool EraseOperation::begin(BoardContext &)
+{
+    return true;
+}
+
+BoardOperation::Step EraseOperation::next(BoardContext &board, FlashPlan::Command *command)
+{
+    if (m_queued) {
+        board.note(m_region.wholeChip ? QStringLiteral("chip erased")
+                                      : QStringLiteral("0x%1 bytes erased at %2")
+                                            .arg(m_region.size, 0, 16)
+                                            .arg(ScatterSection::addressText(m_region.address)));
+        return Step::Done;
+    }
+    m_queued = true;
+    command->command = ESPToolWorker::EraseFlash;
+    command->params = m_region.eraseParameters();
+    command->announcement.clear();
+    return Step::Command;
+}
+
+bool EraseOperation::handle(BoardContext &, int, const QVariantList &)
+{
+    return true;
+}

@@ -1,0 +1,81 @@
+#pragma once
+
+#include "cli/cliscatterprompts.h"
+#include "flasher/scattersection.h"
+
+#include <QByteArray>
+#include <QDir>
+#include <QHash>
+#include <QJsonObject>
+#include <QString>
+#include <QVariant>
+#include <QVector>
+
+#include <memory>
+
+class EspPackage;
+class QBuffer;
+class QIODevice;
+
+// The scatter file or package a command works on, loaded once and shared by every board.
+// Validation is the library's: once up front against the document's own chip (files,
+// checksums, loader, questions answered once), then for every board against its chip.
+// Package entries are read once and handed to the workers as in-memory copies.
+// Lives in the main thread; nothing here is touched by a worker.
+class ScatterInput
+{
+public:
+    // yes: answer the validation's questions with Yes. loaderPath: --stub, may be empty.
+    ScatterInput(bool yes, const QString &loaderPath);
+    ~ScatterInput();
+    ScatterInput(const ScatterInput &) = delete;
+    ScatterInput &operator=(const ScatterInput &) = delete;
+
+    // Reads the document (a loose scatter file or a package). *error: the library's message.
+    bool load(const QString &path, QString *error);
+    // Every check but the chip, with questions and notices going to sink.
+    bool preflight(const CliScatterPrompts::Sink &sink, QString *error);
+    // The check a board makes once it is identified; answers as the preflight did, silently.
+    bool validate(const QString &chipDescription, QVector<ScatterSection> *rows, QString *error);
+
+    bool isPackage() const { return m_isPackage; }
+    QString path() const { return m_path; }
+    // The package description, empty for a loose file.
+    QString description() const;
+    // The chip the document names.
+    QString documentChip() const;
+    QDir directory() const;
+    // Rows and flash loader as the preflight left them.
+    const QVector<ScatterSection> &rows() const { return m_rows; }
+    QString loaderText() const { return m_loaderText; }
+    // True when the preflight failed because a question was answered No for want of --yes.
+    bool needsYes() const { return m_needsYes; }
+
+    // The "load stub" parameter: the loader's path, or a descriptor of an in-memory copy of the
+    // package entry (kept alive by *holder until the command finished).
+    bool loaderParameter(QVariant *parameter, std::unique_ptr<QBuffer> *holder, QString *error);
+    // The file parameter of a row's write command, the same way.
+    bool rowParameter(const ScatterSection &row, QVariant *parameter,
+                      std::unique_ptr<QBuffer> *holder, QString *error);
+    // The flash loader as a file in dir, for a scatter written there: a loose loader stays
+    // where it is; a package's loader is copied out. Empty with *error on failure.
+    QString exportLoader(const QDir &dir, QString *error);
+    // The row's bytes as an open, seekable device (for the image a verify expects).
+    std::unique_ptr<QIODevice> openRow(const ScatterSection &row, QString *error);
+
+private:
+    bool entryData(const QString &name, QByteArray *data, QString *error);
+    bool run(const QString &chipDescription, CliScatterPrompts &prompts,
+             QVector<ScatterSection> *rows, QString *loaderText, QString *error);
+
+    bool m_yes;
+    QString m_loaderPath;
+    QString m_path;
+    bool m_isPackage = false;
+    QJsonObject m_document;
+    std::unique_ptr<EspPackage> m_package;
+    QHash<QString, QByteArray> m_entries;
+    QVector<ScatterSection> m_rows;
+    QString m_loaderText;
+    bool m_needsYes = false;
+};
