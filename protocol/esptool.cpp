@@ -269,6 +269,9 @@ bool ESPTool::esp_connect(const QString &portName)
     // A fresh connection talks to the ROM loader: whatever stub ran before is gone.
     stubRunning = 0;
     stubImage.reset();
+    // A port left open by an earlier connect whose synchronisation failed would refuse to open
+    // again, and every retry would fail without a word.
+    communicator.close();
     constexpr unsigned int syncBaud = 115200;
     if (!communicator.open(portName, syncBaud))
         return false;
