@@ -119,6 +119,7 @@ private slots:
     void faultsDuringWrite_data();
     void faultsDuringWrite();
     void connectRetriedAfterFailedSync();
+    void identifiedRightAfterConnectAtLineRate();
     void portVanishesDuringWrite();
     void commandsQueuedBackToBack();
 
@@ -744,6 +745,31 @@ void TestEspToolWorker::connectRetriedAfterFailedSync()
     QCOMPARE(outcome.results.at(2).toString(), QStringLiteral("18FE34A1B2C3"));
     QCOMPARE(outcome.results.at(3).toString(), QStringLiteral("W25Q32FV (0xef:0x4016) 4Mb"));
     QCOMPARE(outcome.results.at(4).toUInt(), 4194304u);
+}
+
+void TestEspToolWorker::identifiedRightAfterConnectAtLineRate()
+{
+    // The dialog queues "get info" the moment "connect" succeeds. At the line rate the ROM's
+    // surplus answers to the synchronisation are still arriving then; none may end the wait of
+    // the first register read.
+    VirtualEsp8266::Config config;
+    config.throttle = true;
+    ChipFixture fixture(config);
+    QVERIFY(fixture.start());
+    WorkerHarness harness;
+    constexpr int rounds = 5;
+    for (int round = 0; round < rounds; ++round) {
+        harness.post(Cmd::Connect, {fixture.port()});
+        harness.post(Cmd::GetInfo);
+    }
+    QVERIFY(harness.waitForFinished(2 * rounds));
+    harness.drain();
+    QCOMPARE(harness.errorTexts().join("|"), QString());
+    for (const QList<QVariant> &call : harness.finishedSpy()) {
+        QVERIFY(call.at(0).toBool());
+        if (call.at(1).toInt() == Cmd::GetInfo)
+            QCOMPARE(call.at(2).toList().value(2).toString(), QStringLiteral("18FE34A1B2C3"));
+    }
 }
 
 void TestEspToolWorker::portVanishesDuringWrite()
