@@ -262,7 +262,7 @@ void TestEspToolWorker::romLoaderWrites()
     const auto outcome =
         firmware ? harness.run(Cmd::WriteFirmware, {path, address, "4MB", "keep", "keep"})
                  : harness.run(Cmd::WriteData, {path, address, "4MB"});
-    // The ROM loader cannot report the MD5 that ends every write: that is the designed outcome.
+    // The ROM loader cannot report the MD5 that ends every write, so the write ends false.
     QVERIFY(!outcome.result);
     const QStringList warning = firmware ? QStringList{"Invalid parameters: flash memory size "
                                                        "(4MB), mode (keep), or frequency (keep) "
