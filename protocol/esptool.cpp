@@ -5,6 +5,7 @@
 #include "widgets/texthelpers.h"
 
 #include <QCryptographicHash>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QtEndian>
 
@@ -25,6 +26,10 @@ constexpr unsigned int md5MsPerMegabyte = 8000;
 
 constexpr int syncAttempts = 4;
 constexpr int syncSurplusAnswers = 6;
+// After connecting, the line counts as settled once no packet arrived for this long (ms).
+constexpr unsigned int lateAnswerQuietMs = 50;
+// A line that keeps chattering cannot hold the connect longer than this (ms).
+constexpr qint64 lateAnswerLimitMs = 1000;
 
 constexpr unsigned int sectorSize = 4096;
 constexpr unsigned int sectorsPerEraseBlock = 16;
@@ -269,12 +274,34 @@ bool ESPTool::esp_connect(const QString &portName)
     // A fresh connection talks to the ROM loader: whatever stub ran before is gone.
     stubRunning = 0;
     stubImage.reset();
+    // A port left open by an earlier connect whose synchronisation failed would refuse to open
+    // again, and every retry would fail without a word.
+    communicator.close();
     constexpr unsigned int syncBaud = 115200;
     if (!communicator.open(portName, syncBaud))
         return false;
     protocol.flush(true);
     sync();
+    if (!failed)
+        discardLateAnswers();
     return !failed;
+}
+
+void ESPTool::discardLateAnswers()
+{
+    // The ROM answers one synchronisation more often than sync() takes answers, and at the line
+    // rate the last of them arrive after it has returned. Arriving during the next command's only
+    // wait, one would end that wait and fail the command, so they are taken off the line here.
+    // Only whole packets are dropped: the decoder keeps its place in the byte stream.
+    QElapsedTimer settling;
+    settling.start();
+    while (settling.elapsed() < lateAnswerLimitMs) {
+        waitForPacket(lateAnswerQuietMs);
+        if (protocol.queuedPackets() == 0)
+            return;
+        while (!protocol.deque().isEmpty()) {
+        }
+    }
 }
 
 void ESPTool::esp_disconnect()

@@ -168,6 +168,8 @@ private slots:
 
 private:
     QByteArray getPacket(quint8 op);
+    // Drops answers that are still arriving after a synchronisation, until the line is quiet.
+    void discardLateAnswers();
     // Runs the wait loop for at most timeoutMs unless a packet is already queued.
     void waitForPacket(unsigned int timeoutMs);
     void reportOperationError(int code, const QString &text);

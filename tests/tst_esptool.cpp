@@ -124,7 +124,7 @@ void TestEspTool::connectSynchronisesOnce()
     QVERIFY(connectTool(tool, fixture));
     QCOMPARE(errors.count(), 0);
     QCOMPARE(fixture.chip().counters().commands.value(ESPTool::ESP_SYNC), 1);
-    // The answers beyond the six drained ones are left to the opcode filter.
+    // No answer to the synchronisation is left to spoil the next command.
     const auto words = VirtualEsp8266::efuseWordsFor(fixture.chip().config());
     QCOMPARE(tool.read_reg(efuseWord0), words[0]);
     QVERIFY(!tool.isFailed());

@@ -151,8 +151,12 @@ void ESPToolWorker::doConnect(const QVariantList &params)
         emit finished(true, Connect, {});
         return;
     }
-    if (!connectError.isEmpty())
+    if (!connectError.isEmpty()) {
+        // Shown even over an earlier failure: it is news about this connection, and like any
+        // tool error it stands for the later commands on it.
+        failed = true;
         emit error(connectError);
+    }
     emit finished(false, Connect, {});
 }
 
