@@ -289,9 +289,10 @@ bool ESPTool::esp_connect(const QString &portName)
 
 void ESPTool::discardLateAnswers()
 {
-    // The ROM answers one synchronisation more often than sync() takes answers, and at the line
-    // rate the last of them arrive after it has returned. Arriving during the next command's only
-    // wait, one would end that wait and fail the command, so they are taken off the line here.
+    // Answers nobody waits for (the surplus of a synchronisation, the ROM's answer to a flash end
+    // that is not awaited) arrive after the call that caused them has returned. Arriving during
+    // the next command's only wait, one would end that wait and fail the command, so they are
+    // taken off the line here.
     // Only whole packets are dropped: the decoder keeps its place in the byte stream.
     QElapsedTimer settling;
     settling.start();
@@ -466,10 +467,16 @@ void ESPTool::write_flash_finish(bool reboot)
 {
     QByteArray payload(4, '\0');
     payload[0] = reboot ? 0 : 1;
-    if (stubImage)
+    if (stubImage) {
         esp_command_secure(ESP_FLASH_END, payload, defaultTimeoutMs);
-    else
-        esp_command(ESP_FLASH_END, payload, false, defaultTimeoutMs);
+        return;
+    }
+    esp_command(ESP_FLASH_END, payload, false, defaultTimeoutMs);
+    // No answer is awaited, but the ROM answers all the same (it takes the request for a short
+    // data block and refuses it); arriving during the next command's only wait, that answer
+    // would fail the command, so it is taken off the line here.
+    if (!failed)
+        discardLateAnswers();
 }
 
 void ESPTool::change_baudrate(unsigned int baud)
