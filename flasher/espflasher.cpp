@@ -450,14 +450,18 @@ bool ESPFlasher::waitStubLoaded()
 
     QEventLoop loop;
     connect(stubWaitDialog, &QProgressDialog::canceled, &loop, &QEventLoop::quit);
+    // Escape rejects the dialog without cancelling it.
+    connect(stubWaitDialog, &QDialog::rejected, &loop, &QEventLoop::quit);
     // Connected after worker_finished, so the result is handled before the loop ends.
     connect(worker, &ESPToolWorker::finished, &loop, &QEventLoop::quit);
     if (startLoadStub())
         loop.exec();
 
-    stubWaitDialog->close();
-    delete stubWaitDialog;
-    stubWaitDialog = nullptr;
+    if (stubWaitDialog) {
+        stubWaitDialog->close();
+        delete stubWaitDialog;
+        stubWaitDialog = nullptr;
+    }
     if (!stubLoaded)
         scheduleAutoClose(false, tr("Failed to load the stub"));
     return stubLoaded;

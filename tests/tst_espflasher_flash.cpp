@@ -78,6 +78,7 @@ private slots:
     void verifyButton_data();
     void verifyButton();
     void operationsLoadTheStubFirst();
+    void escapeEndsTheWaitForTheLoader();
     void stubNeededWithoutScatter();
     void uncheckedRowsAreSkipped();
     void stubSources_data();
@@ -501,6 +502,32 @@ void TestEspFlasherFlash::operationsLoadTheStubFirst()
     QVERIFY(waitForLogLine(dialog(), finishedFlashing()));
     QCOMPARE(logWithoutDots(dialog(), run), packageRunLines(false));
     QCOMPARE(commandsWithOpcode(bench->chip(), VirtualEsp8266::MemEnd), 1);
+}
+
+// Escape closes the wait for the loader without waiting for the worker, and the operation that
+// needed the loader does not go on.
+void TestEspFlasherFlash::escapeEndsTheWaitForTheLoader()
+{
+    connectAndLoad(files.package);
+    bench->chip().armSilence(0);
+    // This time the progress dialog is answered, not passed over.
+    answerer = std::make_unique<ModalAnswerer>();
+    QString label;
+    answerer->expect("QProgressDialog", [&label](QWidget *modal) {
+        label = static_cast<QProgressDialog *>(modal)->labelText();
+        QTest::keyClick(modal, Qt::Key_Escape);
+    });
+    const int before = logLineCount(dialog());
+    click("verifyTool");
+    QCOMPARE(label, QStringLiteral("Waiting for the flash loader"));
+    QVERIFY(dialog()->findChildren<QProgressDialog *>().isEmpty());
+    // The silent chip has not even been given up on yet.
+    QCOMPARE(logWithoutDots(dialog(), before),
+             (QStringList{line(amber, "Must load a stub first"),
+                          line(green, "Start loading stub from esp8266_loader_stub.elf")}));
+    QVERIFY(waitForLogLine(dialog(), line(red, "UBoot operation load stub (2) finished with error"),
+                           before));
+    QVERIFY(!bench->chip().stubRunning());
 }
 
 void TestEspFlasherFlash::stubNeededWithoutScatter()
