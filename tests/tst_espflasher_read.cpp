@@ -106,6 +106,7 @@ private slots:
     void uncheckedTemplateAndPackageOffer();
     void scatterCannotBeWritten();
     void failedReadStopsTheChain();
+    void readingClosesAnOpenPackage();
 
 private:
     void connect(std::unique_ptr<ConnectedFlasher> &target);
@@ -467,6 +468,40 @@ void TestEspFlasherRead::failedReadStopsTheChain()
     QVERIFY(!QFile::exists(path("beyond-read.txt")));
     QVERIFY(!child<QPushButton>(dialog(), "flashTool")->isEnabled());
     QVERIFY(!child<QToolButton>(dialog(), "readTool")->isEnabled());
+}
+
+// Reading works on loose files: a package used as the template is closed first, and the rows
+// name the files read.
+void TestEspFlasherRead::readingClosesAnOpenPackage()
+{
+    loadTemplate(files.package);
+    QVERIFY(!child<QToolButton>(dialog(), "readTool")->isEnabled());
+    bench->chip().setFlash(0, files.patchedFirmware);
+    bench->chip().setFlash(0x10000, files.application);
+    // The loader comes out of the package while it is still open.
+    answerer->answerInput("0x0:0x10");
+    click("verifyTool");
+    QVERIFY(waitForLogLine(dialog(), line(green, "Flash stub loaded")));
+
+    QVERIFY(QDir(dir->path()).mkdir("loose"));
+    answerer->answerBox(QMessageBox::Yes);
+    answerer->answerFile(path("loose/read"));
+    answerer->answerBox(QMessageBox::Yes);
+    answerer->answerBox(QMessageBox::No);
+    const int before = logLineCount(dialog());
+    QVERIFY(QMetaObject::invokeMethod(dialog(), "on_readTool_clicked", Qt::DirectConnection));
+    QVERIFY(waitForLogLine(dialog(), line(green, "Scatter file saved to " + path("loose/read.txt")),
+                           before));
+    QCOMPARE(readFile(path("loose/boot.bin")), files.patchedFirmware);
+    QCOMPARE(readFile(path("loose/app.bin")), files.application);
+    // No package is open any more: reading is offered, and packing asks for a target.
+    QVERIFY(child<QToolButton>(dialog(), "readTool")->isEnabled());
+    answerer->answerFile(QString());
+    click("zipTool");
+    QCOMPARE(answerer->last().title, QStringLiteral("Save Package As"));
+    const QJsonArray sections = readJson(path("loose/read.txt")).value("sections").toArray();
+    QCOMPARE(sections.size(), 2);
+    QCOMPARE(sections.at(1).toObject().value("file").toString(), QStringLiteral("app.bin"));
 }
 
 QTEST_MAIN(TestEspFlasherRead)
