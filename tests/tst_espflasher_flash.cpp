@@ -84,6 +84,7 @@ private slots:
     void stubSources_data();
     void stubSources();
     void vanishedImageFailsInTheWorker();
+    void packageDamagedBeforeAWrite();
     void chipVanishesMidRun();
     void busyWhileAStoppedRunHoldsAnEntry_data();
     void busyWhileAStoppedRunHoldsAnEntry();
@@ -650,6 +651,26 @@ void TestEspFlasherFlash::vanishedImageFailsInTheWorker()
     // A stopped run leaves the buttons as the run left them.
     QVERIFY(!child<QPushButton>(dialog(), "flashTool")->isEnabled());
     QVERIFY(!child<QToolButton>(dialog(), "readTool")->isEnabled());
+}
+
+// The package file is overwritten while it is open: the entry of the next row cannot be found.
+void TestEspFlasherFlash::packageDamagedBeforeAWrite()
+{
+    connectAndLoad(files.package);
+    loadStubThroughVerify();
+    QFile package(files.package);
+    QVERIFY(package.open(QIODevice::ReadWrite));
+    QVERIFY(package.write(QByteArray(int(package.size()), '\0')) == package.size());
+    package.close();
+
+    answerer->answerBox(QMessageBox::Ok);
+    const int before = logLineCount(dialog());
+    click("flashTool");
+    QCOMPARE(answerer->last().title, QStringLiteral("Flash Loader"));
+    QCOMPARE(answerer->last().text, QStringLiteral("File boot.bin is not in the package"));
+    // Run mode 1: no closing box; the run ends where it was.
+    QCOMPARE(logLineCount(dialog()), before);
+    QVERIFY(!child<QPushButton>(dialog(), "flashTool")->isEnabled());
 }
 
 // The board goes away in the middle of writing the firmware: one red line, and nothing after it
