@@ -225,7 +225,7 @@ To erase the entire flash, input 0x911 when asked to select the address/size.</s
         <location line="+10"/>
         <location line="+12"/>
         <location line="+9"/>
-        <location line="+84"/>
+        <location line="+88"/>
         <location line="+12"/>
         <location line="+360"/>
         <location line="+10"/>
@@ -233,13 +233,13 @@ To erase the entire flash, input 0x911 when asked to select the address/size.</s
         <translation>Загрузчик флеш-памяти</translation>
     </message>
     <message>
-        <location line="-486"/>
-        <location line="+105"/>
+        <location line="-490"/>
+        <location line="+109"/>
         <source>The device is busy. Please try again later.</source>
         <translation>Устройство занято. Повторите попытку позже.</translation>
     </message>
     <message>
-        <location line="-96"/>
+        <location line="-100"/>
         <source>The stub file %1 is not in the package</source>
         <translation>Файла загрузчика %1 нет в пакете</translation>
     </message>
@@ -269,7 +269,7 @@ To erase the entire flash, input 0x911 when asked to select the address/size.</s
         <translation>Сначала нужно загрузить загрузчик.</translation>
     </message>
     <message>
-        <location line="+13"/>
+        <location line="+17"/>
         <source>Failed to load the stub</source>
         <translation>Загрузчик не загрузился</translation>
     </message>
