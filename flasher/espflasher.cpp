@@ -2,18 +2,24 @@
 
 #include "flasher/esppackage.h"
 #include "flasher/esppackagewriter.h"
+#include "flasher/flashregion.h"
 #include "flasher/scatterloader.h"
 #include "flasher/scattervalidator.h"
-#include "image/espimageparser.h"
+#include "flasher/scatterwriter.h"
 #include "serial/qcomport.h"
 #include "widgets/flashtypeselector.h"
 #include "widgets/qautoclosemessagebox.h"
 #include "widgets/texthelpers.h"
+#include "wizard/espscatterwizard.h"
 #include "worker/esptoolworker.h"
 
 #include "ui_espflasher.h"
 
+#include <QAction>
+#include <QBuffer>
 #include <QDir>
+#include <QEventLoop>
+#include <QFile>
 #include <QFileDialog>
 #include <QFileInfo>
 #include <QInputDialog>
@@ -59,6 +65,14 @@ const char *colourTag(int colour)
         "<font color=\"#d4280a\">", // errors
     };
     return tags[colour];
+}
+
+// Scatter files are saved as ".txt" unless the name already says so, in any letter case.
+QString withTxtSuffix(const QString &path)
+{
+    if (path.endsWith(QLatin1String(".txt"), Qt::CaseInsensitive))
+        return path;
+    return path + QLatin1String(".txt");
 }
 
 QTableWidgetItem *textItem(const QString &text)
@@ -113,10 +127,32 @@ void ESPFlasher::log(LogColour colour, const QString &text)
     textBrowserScroll(ui->logBrowser);
 }
 
+void ESPFlasher::log(const FlashPlan::Line &line)
+{
+    switch (line.tone) {
+    case FlashPlan::Tone::Success:
+        log(LogColour::Success, line.text);
+        break;
+    case FlashPlan::Tone::Notice:
+        log(LogColour::Notice, line.text);
+        break;
+    case FlashPlan::Tone::Error:
+        log(LogColour::Error, line.text);
+        break;
+    }
+}
+
 void ESPFlasher::queueCommand(int command, const QVariantList &params)
 {
     QMetaObject::invokeMethod(worker, "execute", Qt::AutoConnection, Q_ARG(int, command),
                               Q_ARG(QVariantList, params));
+}
+
+void ESPFlasher::queueCommand(const FlashPlan::Command &command)
+{
+    if (!command.announcement.isEmpty())
+        log(LogColour::Success, command.announcement);
+    queueCommand(command.command, command.params);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -193,7 +229,7 @@ bool ESPFlasher::autoconnect(const QString &serial)
 
 void ESPFlasher::worker_error(const QString &reason)
 {
-    log(LogColour::Notice, tr("Flasher error: ") + reason);
+    log(LogColour::Notice, FlashPlan::workerErrorMessage(reason));
 }
 
 void ESPFlasher::worker_progress(int total, int current)
@@ -231,15 +267,25 @@ void ESPFlasher::worker_finished(bool result, int command, const QVariantList &r
         disconnected();
         break;
     case ESPToolWorker::LoadStub:
+        stubLoadFinished();
         break;
     case ESPToolWorker::GetInfo:
         chipIdentified(results);
         break;
     case ESPToolWorker::WriteFirmware:
     case ESPToolWorker::WriteData:
+        sectionWritten(command);
+        break;
     case ESPToolWorker::ReadData:
+        sectionRead();
+        break;
     case ESPToolWorker::EraseFlash:
+        log(LogColour::Success, FlashPlan::finishedMessage(command));
+        if (!ui->scatterEdit->text().isEmpty())
+            ui->flashTool->setEnabled(true);
+        break;
     case ESPToolWorker::FlashMd5:
+        log(FlashPlan::md5Report(results));
         break;
     default:
         log(LogColour::Notice, tr("Unknown command %1 finished").arg(command));
@@ -252,16 +298,14 @@ void ESPFlasher::commandFailed(int command)
     if (stubWaitDialog)
         stubWaitDialog->cancel();
     // Buttons disabled by the operation stay disabled and its state stays as it was.
-    log(LogColour::Error, tr("UBoot operation %1 (%2) finished with error")
-                              .arg(ESPToolWorker::operationName(command))
-                              .arg(command));
+    log(LogColour::Error, FlashPlan::failedOperationMessage(command));
     scheduleAutoClose(false, tr("UBoot operation failure."));
 }
 
 void ESPFlasher::connected()
 {
     log(LogColour::Success,
-        tr("Connected to ESP UBoot via %1").arg(ui->comPortCombo->currentText()));
+        FlashPlan::finishedMessage(ESPToolWorker::Connect, ui->comPortCombo->currentText()));
     ui->comPortConnect->setText(tr("Disconnect"));
     // The only disconnect this dialog issues is the one after a failed identification.
     ui->comPortConnect->setEnabled(false);
@@ -272,7 +316,8 @@ void ESPFlasher::connected()
 
 void ESPFlasher::disconnected()
 {
-    log(LogColour::Success, tr("Closed connection to %1").arg(ui->comPortCombo->currentText()));
+    log(LogColour::Success,
+        FlashPlan::finishedMessage(ESPToolWorker::Disconnect, ui->comPortCombo->currentText()));
     ui->chipIDField->clear();
     ui->flashIDField->clear();
     ui->macField->clear();
@@ -286,15 +331,14 @@ void ESPFlasher::disconnected()
 void ESPFlasher::chipIdentified(const QVariantList &results)
 {
     // description, chip id, MAC, flash id text, flash size guess in bytes
-    constexpr int chipInfoItems = 5;
-    if (results.size() != chipInfoItems) {
-        log(LogColour::Notice, tr("Chip could not be identified"));
+    const QString description = FlashPlan::chipDescription(results);
+    if (description.isEmpty()) {
+        log(LogColour::Notice, FlashPlan::unidentifiedChipMessage());
         queueCommand(ESPToolWorker::Disconnect);
         return;
     }
-    log(LogColour::Success, tr("Retrieved chip info"));
-    ui->chipIDField->setText(results.at(0).toString() + QStringLiteral(" / ") +
-                             results.at(1).toString());
+    log(LogColour::Success, FlashPlan::finishedMessage(ESPToolWorker::GetInfo));
+    ui->chipIDField->setText(description);
     ui->macField->setText(results.at(2).toString());
     ui->flashIDField->setText(results.at(3).toString());
     detectedFlashSize = results.at(4).toUInt();
@@ -327,19 +371,527 @@ void ESPFlasher::scheduleAutoClose(bool success, const QString &message)
 }
 
 // ---------------------------------------------------------------------------------------------
-// Flash operations
+// Flashing
 
-void ESPFlasher::on_flashTool_clicked() {}
+void ESPFlasher::on_flashTool_clicked()
+{
+    operation = OperationFlashing;
+    if (stubLoaded) {
+        sectionIndex = 0;
+        writeNextSection();
+        return;
+    }
+    // The "load stub" result adds 1, so the run starts at row 0.
+    sectionIndex = -1;
+    if (!startLoadStub())
+        scheduleAutoClose(false, tr("Cannot load the stub"));
+}
 
-void ESPFlasher::on_readTool_clicked() {}
+bool ESPFlasher::startLoadStub()
+{
+    const QString stub = ui->stubEdit->text();
+    QVariant source;
+    // A relative name with a package open is an entry; an absolute path is read from disk.
+    if (zip && QDir::isRelativePath(stub)) {
+        if (packageFile) {
+            QMessageBox::critical(this, tr("Flash Loader"),
+                                  tr("The device is busy. Please try again later."),
+                                  QMessageBox::Ok);
+            cancelStubWait();
+            return false;
+        }
+        QByteArray bytes;
+        const EspPackage::EntryStatus status = zip->readEntry(stub, &bytes);
+        if (status != EspPackage::EntryStatus::Ok) {
+            const QString text = status == EspPackage::EntryStatus::NotFound
+                                     ? tr("The stub file %1 is not in the package").arg(stub)
+                                     : tr("The stub file %1 cannot be read").arg(stub);
+            QMessageBox::critical(this, tr("Flash Loader"), text, QMessageBox::Ok);
+            cancelStubWait();
+            return false;
+        }
+        source = handOverPackageEntry(bytes, stub);
+    } else {
+        const QString path = resolveScatterPath(stub);
+        // An empty name resolves to the folder itself, which is no loader either.
+        if (!QFileInfo(path).isFile()) {
+            QMessageBox::critical(this, tr("Flash Loader"),
+                                  tr("Flash loader file %1 does not exist!").arg(path),
+                                  QMessageBox::Ok);
+            cancelStubWait();
+            return false;
+        }
+        source = path;
+    }
+    queueCommand(FlashPlan::loadStubCommand(source));
+    return true;
+}
 
-void ESPFlasher::on_eraseTool_clicked() {}
+bool ESPFlasher::waitStubLoaded()
+{
+    if (ui->stubEdit->text().isEmpty()) {
+        log(LogColour::Error,
+            tr("Stub loader is needed for this operation. Load a scatter file first"));
+        return false;
+    }
+    if (stubWaitDialog) {
+        stubWaitDialog->cancel();
+        delete stubWaitDialog;
+    }
+    // No cancel button: the wait ends with the worker's answer (or Escape).
+    stubWaitDialog =
+        new QProgressDialog(tr("Waiting for the flash loader"), QString(), 0, 100, this);
+    stubWaitDialog->setWindowModality(Qt::WindowModal);
+    stubWaitDialog->show();
 
-void ESPFlasher::on_verifyTool_clicked() {}
+    // The stub's result then only marks it as loaded; the caller goes on by itself.
+    operation = OperationNone;
+    log(LogColour::Notice, tr("Must load a stub first."));
 
-void ESPFlasher::eraseActionHandler() {}
+    QEventLoop loop;
+    connect(stubWaitDialog, &QProgressDialog::canceled, &loop, &QEventLoop::quit);
+    // Escape rejects the dialog without cancelling it.
+    connect(stubWaitDialog, &QDialog::rejected, &loop, &QEventLoop::quit);
+    // Connected after worker_finished, so the result is handled before the loop ends.
+    connect(worker, &ESPToolWorker::finished, &loop, &QEventLoop::quit);
+    if (startLoadStub())
+        loop.exec();
 
-void ESPFlasher::md5ActionHandler() {}
+    if (stubWaitDialog) {
+        stubWaitDialog->close();
+        delete stubWaitDialog;
+        stubWaitDialog = nullptr;
+    }
+    if (!stubLoaded)
+        scheduleAutoClose(false, tr("Failed to load the stub"));
+    return stubLoaded;
+}
+
+void ESPFlasher::cancelStubWait()
+{
+    if (stubWaitDialog)
+        stubWaitDialog->cancel();
+}
+
+void ESPFlasher::writeNextSection()
+{
+    const int rows = ui->scatterTable->rowCount();
+    // A table replaced under a running operation leaves nothing to walk.
+    if (sectionIndex < 0 || sectionIndex > rows)
+        return;
+    if (sectionIndex == rows) {
+        log(LogColour::Success, FlashPlan::finishedFlashingMessage());
+        ui->progressBar->setValue(100);
+        ui->readTool->setEnabled(!zip);
+        ui->flashTool->setEnabled(true);
+        scheduleAutoClose(true, tr("Upgrade completed."));
+        return;
+    }
+    ui->readTool->setEnabled(false);
+    ui->flashTool->setEnabled(false);
+
+    if (!rowActive(sectionIndex)) {
+        log(LogColour::Notice, FlashPlan::skippingMessage(sectionIndex));
+        ++sectionIndex;
+        writeNextSection();
+        return;
+    }
+
+    const ScatterSection row = scatterRow(sectionIndex);
+    const QString file = cellText(sectionIndex, SourceColumn);
+    QVariant source;
+    if (zip) {
+        // A stopped run still holds its entry: the index stays, the buttons stay disabled.
+        if (packageFile) {
+            QMessageBox::warning(this, tr("Flash Loader"),
+                                 tr("The device is busy. Please try again later."),
+                                 QMessageBox::Ok);
+            return;
+        }
+        QByteArray bytes;
+        const EspPackage::EntryStatus status = zip->readEntry(file, &bytes);
+        if (status != EspPackage::EntryStatus::Ok) {
+            const QString text =
+                status == EspPackage::EntryStatus::NotFound
+                    ? tr("File %1 is not in the package").arg(file)
+                    : tr("File %1 cannot be read (%2)").arg(file).arg(zip->zipError());
+            QMessageBox::critical(this, tr("Flash Loader"), text, QMessageBox::Ok);
+            scheduleAutoClose(false, tr("Invalid package"));
+            return;
+        }
+        source = handOverPackageEntry(bytes, file);
+    } else {
+        // A missing file fails in the worker.
+        source = resolveScatterPath(file);
+    }
+    const QString flashSize = row.isApplication() ? getScatterFlashSize() : QString();
+    queueCommand(FlashPlan::writeCommand(row, source, flashSize));
+}
+
+void ESPFlasher::sectionWritten(int command)
+{
+    close_zip_file();
+    log(LogColour::Success, FlashPlan::writtenMessage(command));
+    ++sectionIndex;
+    writeNextSection();
+}
+
+void ESPFlasher::stubLoadFinished()
+{
+    log(LogColour::Success, FlashPlan::finishedMessage(ESPToolWorker::LoadStub));
+    stubLoaded = true;
+    ui->stubSelTool->setEnabled(false);
+    close_zip_file();
+    switch (operation) {
+    case OperationNone:
+        // waitStubLoaded's caller resumes on its own.
+        operation = OperationFlashing;
+        break;
+    case OperationReading:
+        ++sectionIndex;
+        readNextSection();
+        break;
+    case OperationFlashing:
+        ++sectionIndex;
+        writeNextSection();
+        break;
+    default:
+        break;
+    }
+}
+
+QVariant ESPFlasher::handOverPackageEntry(const QByteArray &bytes, const QString &name)
+{
+    // The worker reads a copy in memory, so its thread never touches the archive.
+    auto buffer = std::make_unique<QBuffer>(this);
+    buffer->setData(bytes);
+    buffer->open(QIODevice::ReadWrite);
+    IODeviceDescriptor descriptor;
+    descriptor.device = buffer.get();
+    descriptor.description = name;
+    packageFile = std::move(buffer);
+    return QVariant::fromValue(descriptor);
+}
+
+QString ESPFlasher::resolveScatterPath(const QString &path) const
+{
+    return QFileInfo(ui->scatterEdit->text()).absoluteDir().absoluteFilePath(path);
+}
+
+bool ESPFlasher::rowActive(int row) const
+{
+    const QTableWidgetItem *active = ui->scatterTable->item(row, ActiveColumn);
+    return active && active->checkState() == Qt::Checked;
+}
+
+QString ESPFlasher::cellText(int row, int column) const
+{
+    const QTableWidgetItem *item = ui->scatterTable->item(row, column);
+    return item ? item->text() : QString();
+}
+
+// ---------------------------------------------------------------------------------------------
+// Reading flash into a scatter file
+
+void ESPFlasher::on_readTool_clicked()
+{
+    const QString loaded = ui->scatterEdit->text();
+    if (QFile::exists(loaded) &&
+        QMessageBox::question(
+            this, tr("Scatter File"), tr("A scatter file is already loaded. Use it as a template?"),
+            QMessageBox::Yes | QMessageBox::No, QMessageBox::Yes) == QMessageBox::Yes) {
+        if (!useScatterAsTemplate(loaded))
+            return;
+    } else if (!composeScatter()) {
+        return;
+    }
+    startReading();
+}
+
+bool ESPFlasher::useScatterAsTemplate(const QString &scatter)
+{
+    QString target = QFileDialog::getSaveFileName(
+        this, tr("Save As"), QFileInfo(scatter).absolutePath(), tr("Scatter files (*.txt)"));
+    if (target.isEmpty())
+        return false;
+    target = withTxtSuffix(target);
+    QSettings().setValue(QLatin1String(scatterDirKey), QFileInfo(target).absolutePath());
+
+    // Reading must not overwrite files that are already there.
+    const QDir targetDir = QFileInfo(target).absoluteDir();
+    for (int row = 0; row < ui->scatterTable->rowCount(); ++row) {
+        QTableWidgetItem *source = ui->scatterTable->item(row, SourceColumn);
+        if (!source)
+            continue;
+        const QString name = QFileInfo(source->text()).fileName();
+        if (!targetDir.exists(name))
+            continue;
+        bool accepted = false;
+        const QString other = QInputDialog::getText(
+            this, tr("Read Flash Memory"),
+            tr("File with the same name already exists. Please choose another name:"),
+            QLineEdit::Normal, name, &accepted);
+        if (!accepted || other.isEmpty())
+            return false;
+        source->setText(other);
+    }
+    ui->scatterEdit->setText(target);
+    return true;
+}
+
+bool ESPFlasher::composeScatter()
+{
+    QString target = QFileDialog::getSaveFileName(
+        this, tr("Save As"), QSettings().value(QLatin1String(scatterDirKey)).toString(),
+        tr("Scatter files (*.txt)"));
+    if (target.isEmpty())
+        return false;
+    target = withTxtSuffix(target);
+    QSettings().setValue(QLatin1String(scatterDirKey), QFileInfo(target).absolutePath());
+
+    EspScatterWizard wizard(this);
+    if (wizard.exec() != QDialog::Accepted || wizard.scatter().isEmpty())
+        return false;
+    // Not strict: the chip and the loader come from the dialog, the files do not exist yet.
+    QJsonObject scatter = wizard.scatter();
+    QString error;
+    parseScatterObject(scatter, false, QFileInfo(), &error);
+    ui->scatterEdit->setText(target);
+    return true;
+}
+
+void ESPFlasher::startReading()
+{
+    // Reading writes loose files only.
+    close_pack();
+    ui->flashTool->setEnabled(false);
+    operation = OperationReading;
+    if (stubLoaded) {
+        sectionIndex = 0;
+        readNextSection();
+        return;
+    }
+    sectionIndex = -1;
+    startLoadStub();
+}
+
+void ESPFlasher::readNextSection()
+{
+    const int rows = ui->scatterTable->rowCount();
+    if (sectionIndex < 0 || sectionIndex > rows)
+        return;
+    if (sectionIndex == rows) {
+        log(LogColour::Success, FlashPlan::finishedReadingMessage());
+        ui->progressBar->setValue(100);
+        saveScatter();
+        ui->readTool->setEnabled(!zip);
+        ui->flashTool->setEnabled(true);
+        return;
+    }
+    ui->readTool->setEnabled(false);
+    ui->flashTool->setEnabled(false);
+
+    if (!rowActive(sectionIndex)) {
+        log(LogColour::Notice, FlashPlan::skippingMessage(sectionIndex));
+        ++sectionIndex;
+        readNextSection();
+        return;
+    }
+    const ScatterSection row = scatterRow(sectionIndex);
+    queueCommand(FlashPlan::readCommand(row, resolveScatterPath(row.file)));
+}
+
+void ESPFlasher::sectionRead()
+{
+    log(LogColour::Success, FlashPlan::readMessage());
+    QTableWidgetItem *type = ui->scatterTable->item(sectionIndex, TypeColumn);
+    // The scatter saved at the end carries the flash options found in the image read.
+    if (type && type->data(kindRole).toInt() == ScatterSection::Firmware) {
+        ScatterSection row = scatterRow(sectionIndex);
+        FlashPlan::Line line;
+        if (FlashPlan::extractFlashParameters(&row, resolveScatterPath(row.file), &line)) {
+            type->setData(flashSizeRole, row.flashSize);
+            type->setData(flashModeRole, row.flashMode);
+            type->setData(flashFrequencyRole, row.flashFrequency);
+        }
+        log(line);
+    }
+    ++sectionIndex;
+    readNextSection();
+}
+
+void ESPFlasher::saveScatter()
+{
+    if (QMessageBox::question(this, tr("Save Scatter"), tr("Save the scatter file?"),
+                              QMessageBox::Yes | QMessageBox::No,
+                              QMessageBox::Yes) != QMessageBox::Yes)
+        return;
+    const QString path = ui->scatterEdit->text();
+    const QDir dir = QFileInfo(path).absoluteDir();
+    const QJsonObject document = ScatterWriter::savedDocument(
+        ui->chipIDField->text(), ui->stubEdit->text(), scatterRows(), dir);
+    QString error;
+    if (!ScatterWriter::save(path, document, &error)) {
+        log(LogColour::Notice, error);
+        return;
+    }
+    log(LogColour::Success, FlashPlan::scatterSavedMessage(path));
+    if (QMessageBox::question(this, tr("Save Scatter"), tr("Create a distribution package?"),
+                              QMessageBox::Yes | QMessageBox::No,
+                              QMessageBox::No) == QMessageBox::Yes)
+        on_zipTool_clicked();
+}
+
+// ---------------------------------------------------------------------------------------------
+// Erase and verify
+
+void ESPFlasher::on_eraseTool_clicked()
+{
+    if (!stubLoaded && !waitStubLoaded())
+        return;
+    ui->progressBar->setValue(0);
+    bool accepted = false;
+    const QString text =
+        QInputDialog::getText(this, tr("Erase Flash Memory"), tr("Region [address:size]:"),
+                              QLineEdit::Normal, QStringLiteral("0x911"), &accepted);
+    if (!accepted || text.isEmpty())
+        return;
+    FlashRegion region;
+    switch (FlashRegion::parseErase(text, &region)) {
+    case FlashRegion::Parse::Ok:
+        // No announcement: the result line says that the flash was erased.
+        queueCommand(ESPToolWorker::EraseFlash, region.eraseParameters());
+        break;
+    case FlashRegion::Parse::NoColon:
+    case FlashRegion::Parse::Empty:
+        log(LogColour::Notice, FlashRegion::invalidEraseFormatMessage());
+        break;
+    case FlashRegion::Parse::BadNumber:
+        // A mistyped number is ignored without a word.
+        break;
+    }
+}
+
+void ESPFlasher::on_verifyTool_clicked()
+{
+    if (!stubLoaded && !waitStubLoaded())
+        return;
+    ui->progressBar->setValue(0);
+    bool accepted = false;
+    const QString text = QInputDialog::getText(this, tr("Verify Flash Memory Contents"),
+                                               tr("Region [address:size]:"), QLineEdit::Normal,
+                                               QString(), &accepted);
+    if (!accepted || text.isEmpty())
+        return;
+    FlashRegion region;
+    switch (FlashRegion::parseAddressSize(text, &region)) {
+    case FlashRegion::Parse::Ok:
+        log(LogColour::Success, region.md5RequestMessage());
+        queueCommand(ESPToolWorker::FlashMd5, region.md5Parameters());
+        break;
+    case FlashRegion::Parse::NoColon:
+    case FlashRegion::Parse::Empty:
+        log(LogColour::Notice, FlashRegion::invalidVerifyFormatMessage());
+        break;
+    case FlashRegion::Parse::BadNumber:
+        break;
+    }
+}
+
+void ESPFlasher::eraseActionHandler()
+{
+    processEraseVerifyAction(qobject_cast<QAction *>(sender()), ESPToolWorker::EraseFlash);
+}
+
+void ESPFlasher::md5ActionHandler()
+{
+    processEraseVerifyAction(qobject_cast<QAction *>(sender()), ESPToolWorker::FlashMd5);
+}
+
+void ESPFlasher::processEraseVerifyAction(QAction *action, int command)
+{
+    if (!stubLoaded)
+        waitStubLoaded();
+    if (!action || !stubLoaded)
+        return;
+    const int row = action->data().toInt();
+    if (row < 0 || row >= ui->scatterTable->rowCount())
+        return;
+
+    bool ok = false;
+    const QString startText = cellText(row, StartColumn);
+    const quint32 start = parseUnsignedInteger(startText, &ok);
+    if (!ok) {
+        log(LogColour::Notice,
+            tr("Start address %1 of the section no. %2 is invalid").arg(startText).arg(row + 1));
+        return;
+    }
+    const QString endText = cellText(row, EndColumn);
+    const quint32 end = parseUnsignedInteger(endText, &ok);
+    if (!ok) {
+        log(LogColour::Notice,
+            tr("End address %1 of the section no. %2 is invalid").arg(endText).arg(row + 1));
+        return;
+    }
+
+    if (command != ESPToolWorker::FlashMd5) {
+        queueCommand(command, FlashRegion(start, end - start).eraseParameters());
+        return;
+    }
+    ScatterSection section = scatterRow(row);
+    section.startAddress = start;
+    section.endAddress = end;
+    QString expected;
+    if (!expectedMd5ForRow(section, &expected))
+        return;
+    queueCommand(FlashPlan::verifyCommand(section, expected));
+}
+
+bool ESPFlasher::expectedMd5ForRow(const ScatterSection &row, QString *md5)
+{
+    // Only a firmware row with a saved md5 needs its image: the header is patched on writing.
+    std::unique_ptr<QIODevice> image;
+    if (!row.md5.isEmpty() && !row.isApplication()) {
+        image = openSectionImage(row.file);
+        if (!image)
+            return false;
+    }
+    FlashPlan::Line line;
+    if (FlashPlan::expectedMd5(row, image.get(), md5, &line) ==
+        FlashPlan::Expectation::InvalidImage) {
+        log(line);
+        return false;
+    }
+    return true;
+}
+
+std::unique_ptr<QIODevice> ESPFlasher::openSectionImage(const QString &file)
+{
+    if (zip) {
+        QByteArray bytes;
+        const EspPackage::EntryStatus status = zip->readEntry(file, &bytes);
+        if (status != EspPackage::EntryStatus::Ok) {
+            const QString text =
+                status == EspPackage::EntryStatus::NotFound
+                    ? tr("File %1 is not in the package").arg(file)
+                    : tr("File %1 cannot be read (%2)").arg(file).arg(zip->zipError());
+            QMessageBox::critical(this, tr("Flash Loader"), text, QMessageBox::Ok);
+            return nullptr;
+        }
+        auto buffer = std::make_unique<QBuffer>();
+        buffer->setData(bytes);
+        buffer->open(QIODevice::ReadOnly);
+        return buffer;
+    }
+    auto image = std::make_unique<QFile>(resolveScatterPath(file));
+    if (!image->open(QIODevice::ReadOnly)) {
+        QMessageBox::critical(this, tr("Flash Loader"),
+                              tr("File %1 cannot be read (%2)").arg(file, image->errorString()),
+                              QMessageBox::Ok);
+        return nullptr;
+    }
+    return image;
+}
 
 // ---------------------------------------------------------------------------------------------
 // Scatter files and packages
@@ -631,21 +1183,11 @@ void ESPFlasher::scatterTableHeaderClickHandler(int index)
 
 QString ESPFlasher::getScatterFlashSize()
 {
-    for (int row = 0; row < ui->scatterTable->rowCount(); ++row) {
-        const QTableWidgetItem *type = ui->scatterTable->item(row, TypeColumn);
-        if (type && type->data(kindRole).toInt() == ScatterSection::Firmware)
-            return type->data(flashSizeRole).toString();
-    }
-    if (detectedFlashSize != 0) {
-        const QString size = ESPImageParser::flashSizeString(detectedFlashSize);
-        log(LogColour::Notice, tr("There is no firmware files in the current scatter - using "
-                                  "guessed flash memory size %1")
-                                   .arg(size));
-        return size;
-    }
-    log(LogColour::Notice, tr("There is no firmware files in the current scatter - cannot "
-                              "detect flash memory size!"));
-    return QString();
+    QString notice;
+    const QString size = FlashPlan::scatterFlashSize(scatterRows(), detectedFlashSize, &notice);
+    if (!notice.isEmpty())
+        log(LogColour::Notice, notice);
+    return size;
 }
 
 void ESPFlasher::on_zipTool_clicked()

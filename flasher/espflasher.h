@@ -1,6 +1,7 @@
 #pragma once
 
 #include "esputility_global.h"
+#include "flasher/flashplan.h"
 #include "flasher/scatterprompts.h"
 #include "flasher/scattersection.h"
 
@@ -15,6 +16,7 @@
 
 class EspPackage;
 class ESPToolWorker;
+class QAction;
 class QFileInfo;
 class QIODevice;
 class QProgressDialog;
@@ -101,7 +103,9 @@ private:
     void notice(const QString &text) override;
 
     void log(LogColour colour, const QString &text);
+    void log(const FlashPlan::Line &line);
     void queueCommand(int command, const QVariantList &params = QVariantList());
+    void queueCommand(const FlashPlan::Command &command);
     void startConnect(const QString &port);
 
     void commandFailed(int command);
@@ -111,6 +115,37 @@ private:
 
     // In the upgrade mode: shows the outcome in a box that closes itself, then closes the tool.
     void scheduleAutoClose(bool success, const QString &message);
+
+    // Flashing: queues "load stub" (false, after a message box, when it cannot be queued).
+    bool startLoadStub();
+    // Loads the stub and waits for the worker's answer in a local event loop.
+    bool waitStubLoaded();
+    void cancelStubWait();
+    // Writes the row at sectionIndex, passing over unchecked rows; the last row ends the run.
+    void writeNextSection();
+    void sectionWritten(int command);
+
+    // Reading flash into a scatter file.
+    bool useScatterAsTemplate(const QString &scatter);
+    bool composeScatter();
+    void startReading();
+    void readNextSection();
+    void sectionRead();
+    void saveScatter();
+
+    // Erase and verify of a scatter row from the buttons' menus.
+    void processEraseVerifyAction(QAction *action, int command);
+    bool expectedMd5ForRow(const ScatterSection &row, QString *md5);
+    std::unique_ptr<QIODevice> openSectionImage(const QString &file);
+
+    void stubLoadFinished();
+    // A copy of a package entry in a buffer of the dialog, kept as packageFile until the
+    // worker has finished with it.
+    QVariant handOverPackageEntry(const QByteArray &bytes, const QString &name);
+    // A scatter file name as a path: relative names resolve against the scatter file's folder.
+    QString resolveScatterPath(const QString &path) const;
+    bool rowActive(int row) const;
+    QString cellText(int row, int column) const;
 
     void fillScatterTable(const QVector<ScatterSection> &rows);
     void clearScatterTable();

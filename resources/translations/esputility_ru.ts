@@ -30,7 +30,7 @@
     </message>
     <message>
         <location line="+44"/>
-        <location filename="../../flasher/espflasher.cpp" line="+280"/>
+        <location filename="../../flasher/espflasher.cpp" line="+325"/>
         <source>Connect</source>
         <translation>Подключить</translation>
     </message>
@@ -142,7 +142,7 @@ To erase the entire flash, input 0x911 when asked to select the address/size.</s
         <translation>Журнал</translation>
     </message>
     <message>
-        <location filename="../../flasher/espflasher.cpp" line="-126"/>
+        <location filename="../../flasher/espflasher.cpp" line="-135"/>
         <source>Connecting to %1</source>
         <translation>Подключение к %1</translation>
     </message>
@@ -157,57 +157,57 @@ To erase the entire flash, input 0x911 when asked to select the address/size.</s
         <translation>Порт %1:</translation>
     </message>
     <message>
-        <location line="+18"/>
+        <location filename="../../flasher/flashplan.cpp" line="+236"/>
         <source>Flasher error: </source>
         <translation>Ошибка прошивки: </translation>
     </message>
     <message>
-        <location line="+49"/>
+        <location filename="../../flasher/espflasher.cpp" line="+77"/>
         <source>Unknown command %1 finished</source>
         <translation>Завершилась неизвестная команда %1</translation>
     </message>
     <message>
-        <location line="+10"/>
+        <location filename="../../flasher/flashplan.cpp" line="+26"/>
         <source>UBoot operation %1 (%2) finished with error</source>
         <translation>Операция UBoot %1 (%2) завершилась с ошибкой</translation>
     </message>
     <message>
-        <location line="+3"/>
+        <location filename="../../flasher/espflasher.cpp" line="+11"/>
         <source>UBoot operation failure.</source>
         <translation>Сбой операции UBoot.</translation>
     </message>
     <message>
-        <location line="+6"/>
+        <location filename="../../flasher/flashplan.cpp" line="-48"/>
         <source>Connected to ESP UBoot via %1</source>
         <translation>Установлено подключение к ESP UBoot через %1</translation>
     </message>
     <message>
-        <location line="+1"/>
+        <location filename="../../flasher/espflasher.cpp" line="+7"/>
         <source>Disconnect</source>
         <translation>Отключить</translation>
     </message>
     <message>
-        <location line="+10"/>
+        <location filename="../../flasher/flashplan.cpp" line="+3"/>
         <source>Closed connection to %1</source>
         <translation>Соединение с %1 закрыто</translation>
     </message>
     <message>
-        <location line="+8"/>
+        <location filename="../../flasher/espflasher.cpp" line="+19"/>
         <source>Connection closed.</source>
         <translation>Соединение закрыто.</translation>
     </message>
     <message>
-        <location line="+8"/>
+        <location filename="../../flasher/flashplan.cpp" line="+62"/>
         <source>Chip could not be identified</source>
         <translation>Не удалось определить чип</translation>
     </message>
     <message>
-        <location line="+4"/>
+        <location line="-58"/>
         <source>Retrieved chip info</source>
         <translation>Сведения о чипе получены</translation>
     </message>
     <message>
-        <location line="+12"/>
+        <location filename="../../flasher/espflasher.cpp" line="+23"/>
         <source>Upgrade cancelled.</source>
         <translation>Обновление отменено.</translation>
     </message>
@@ -217,7 +217,161 @@ To erase the entire flash, input 0x911 when asked to select the address/size.</s
         <translation>Программа будет закрыта</translation>
     </message>
     <message>
-        <location line="+37"/>
+        <location line="+26"/>
+        <source>Cannot load the stub</source>
+        <translation>Не удалось загрузить загрузчик</translation>
+    </message>
+    <message>
+        <location line="+10"/>
+        <location line="+12"/>
+        <location line="+9"/>
+        <location line="+88"/>
+        <location line="+12"/>
+        <location line="+360"/>
+        <location line="+10"/>
+        <source>Flash Loader</source>
+        <translation>Загрузчик флеш-памяти</translation>
+    </message>
+    <message>
+        <location line="-490"/>
+        <location line="+109"/>
+        <source>The device is busy. Please try again later.</source>
+        <translation>Устройство занято. Повторите попытку позже.</translation>
+    </message>
+    <message>
+        <location line="-100"/>
+        <source>The stub file %1 is not in the package</source>
+        <translation>Файла загрузчика %1 нет в пакете</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>The stub file %1 cannot be read</source>
+        <translation>Не удаётся прочитать файл загрузчика %1</translation>
+    </message>
+    <message>
+        <location line="+11"/>
+        <source>Flash loader file %1 does not exist!</source>
+        <translation>Файл загрузчика флеш-памяти %1 не существует!</translation>
+    </message>
+    <message>
+        <location line="+15"/>
+        <source>Stub loader is needed for this operation. Load a scatter file first</source>
+        <translation>Для этой операции нужен загрузчик. Сначала загрузите файл разметки</translation>
+    </message>
+    <message>
+        <location line="+9"/>
+        <source>Waiting for the flash loader</source>
+        <translation>Ожидание загрузчика флеш-памяти</translation>
+    </message>
+    <message>
+        <location line="+6"/>
+        <source>Must load a stub first.</source>
+        <translation>Сначала нужно загрузить загрузчик.</translation>
+    </message>
+    <message>
+        <location line="+17"/>
+        <source>Failed to load the stub</source>
+        <translation>Загрузчик не загрузился</translation>
+    </message>
+    <message>
+        <location line="+21"/>
+        <source>Upgrade completed.</source>
+        <translation>Обновление завершено.</translation>
+    </message>
+    <message>
+        <location line="+29"/>
+        <location line="+360"/>
+        <source>File %1 is not in the package</source>
+        <translation>Файла %1 нет в пакете</translation>
+    </message>
+    <message>
+        <location line="-359"/>
+        <location line="+360"/>
+        <location line="+12"/>
+        <source>File %1 cannot be read (%2)</source>
+        <translation>Не удаётся прочитать файл %1 (%2)</translation>
+    </message>
+    <message>
+        <location line="-370"/>
+        <source>Invalid package</source>
+        <translation>Недопустимый пакет</translation>
+    </message>
+    <message>
+        <location line="+82"/>
+        <source>Scatter File</source>
+        <translation>Файл разметки</translation>
+    </message>
+    <message>
+        <location line="+0"/>
+        <source>A scatter file is already loaded. Use it as a template?</source>
+        <translation>Файл разметки уже загружен. Использовать его как шаблон?</translation>
+    </message>
+    <message>
+        <location line="+13"/>
+        <location line="+31"/>
+        <source>Save As</source>
+        <translation>Сохранить как</translation>
+    </message>
+    <message>
+        <location line="-31"/>
+        <location line="+32"/>
+        <source>Scatter files (*.txt)</source>
+        <translation>Файлы разметки (*.txt)</translation>
+    </message>
+    <message>
+        <location line="-15"/>
+        <source>Read Flash Memory</source>
+        <translation>Чтение флеш-памяти</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>File with the same name already exists. Please choose another name:</source>
+        <translation>Файл с таким именем уже существует. Выберите другое имя:</translation>
+    </message>
+    <message>
+        <location line="+93"/>
+        <location line="+14"/>
+        <source>Save Scatter</source>
+        <translation>Сохранение разметки</translation>
+    </message>
+    <message>
+        <location line="-14"/>
+        <source>Save the scatter file?</source>
+        <translation>Сохранить файл разметки?</translation>
+    </message>
+    <message>
+        <location line="+14"/>
+        <source>Create a distribution package?</source>
+        <translation>Создать пакет для распространения?</translation>
+    </message>
+    <message>
+        <location line="+16"/>
+        <source>Erase Flash Memory</source>
+        <translation>Стирание флеш-памяти</translation>
+    </message>
+    <message>
+        <location line="+0"/>
+        <location line="+27"/>
+        <source>Region [address:size]:</source>
+        <translation>Область [адрес:размер]:</translation>
+    </message>
+    <message>
+        <location line="-1"/>
+        <source>Verify Flash Memory Contents</source>
+        <translation>Проверка содержимого флеш-памяти</translation>
+    </message>
+    <message>
+        <location line="+45"/>
+        <source>Start address %1 of the section no. %2 is invalid</source>
+        <translation>Начальный адрес %1 секции № %2 недопустим</translation>
+    </message>
+    <message>
+        <location line="+7"/>
+        <source>End address %1 of the section no. %2 is invalid</source>
+        <translation>Конечный адрес %1 секции № %2 недопустим</translation>
+    </message>
+    <message>
+        <location line="+73"/>
         <location line="+18"/>
         <location line="+22"/>
         <source>Select scatter file</source>
@@ -254,17 +408,107 @@ To erase the entire flash, input 0x911 when asked to select the address/size.</s
         <translation>Проверить область %1</translation>
     </message>
     <message>
-        <location line="+68"/>
+        <location filename="../../flasher/flashplan.cpp" line="-193"/>
+        <source>Start loading stub from %1</source>
+        <translation>Загрузка загрузчика из %1</translation>
+    </message>
+    <message>
+        <location line="+15"/>
         <source>There is no firmware files in the current scatter - using guessed flash memory size %1</source>
         <translation>В текущей разметке нет файлов микропрограммы - используется предполагаемый размер флеш-памяти %1</translation>
     </message>
     <message>
-        <location line="+5"/>
+        <location line="+8"/>
         <source>There is no firmware files in the current scatter - cannot detect flash memory size!</source>
         <translation>В текущей разметке нет файлов микропрограммы - размер флеш-памяти определить невозможно!</translation>
     </message>
     <message>
+        <location line="+16"/>
+        <source>Start writing user application from %1 to 0x%2 (max size %3)</source>
+        <translation>Запись пользовательского приложения из %1 по адресу 0x%2 (максимальный размер %3)</translation>
+    </message>
+    <message>
         <location line="+9"/>
+        <source>Start writing firmware from %1 to 0x%2 (flash memory size %3, mode %4, frequency %5)</source>
+        <translation>Запись прошивки из %1 по адресу 0x%2 (размер флеш-памяти %3, режим %4, частота %5)</translation>
+    </message>
+    <message>
+        <location line="+12"/>
+        <source>Application has been successfully flashed.</source>
+        <translation>Приложение успешно записано.</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>Firmware has been successfully flashed.</source>
+        <translation>Прошивка успешно записана.</translation>
+    </message>
+    <message>
+        <location line="+11"/>
+        <source>Start reading %1 from region [0x%2:0x%3]</source>
+        <translation>Чтение %1 из области [0x%2:0x%3]</translation>
+    </message>
+    <message>
+        <location line="+8"/>
+        <source>Flash memory section has been successfully read.</source>
+        <translation>Секция флеш-памяти успешно прочитана.</translation>
+    </message>
+    <message>
+        <location line="+16"/>
+        <source>Extracted flash parameters: %1 / %2 / %3</source>
+        <translation>Извлечённые параметры флеш-памяти: %1 / %2 / %3</translation>
+    </message>
+    <message>
+        <location line="+4"/>
+        <source>Firmware read is invalid - cannot parse %1</source>
+        <translation>Прочитанная прошивка недопустима - не удаётся разобрать %1</translation>
+    </message>
+    <message>
+        <location line="+30"/>
+        <source>Cannot verify - firmware file %1 is invalid</source>
+        <translation>Проверка невозможна - файл прошивки %1 недопустим</translation>
+    </message>
+    <message>
+        <location line="+27"/>
+        <source>MD5: </source>
+        <translation>Сумма MD5: </translation>
+    </message>
+    <message>
+        <location line="+7"/>
+        <source>Checksum verified (MD5: %1)</source>
+        <translation>Контрольная сумма совпала (MD5: %1)</translation>
+    </message>
+    <message>
+        <location line="+4"/>
+        <source>Checksum verification failed (%1 vs %2)</source>
+        <translation>Контрольная сумма не совпала (%1 и %2)</translation>
+    </message>
+    <message>
+        <location line="+7"/>
+        <source>MD5 could not be computed</source>
+        <translation>Не удалось вычислить MD5</translation>
+    </message>
+    <message>
+        <location line="+16"/>
+        <source>Flash stub loaded</source>
+        <translation>Загрузчик загружен</translation>
+    </message>
+    <message>
+        <location line="+9"/>
+        <source>Flash memory has been erased.</source>
+        <translation>Флеш-память стёрта.</translation>
+    </message>
+    <message>
+        <location line="+23"/>
+        <source>Skipping section %1</source>
+        <translation>Пропуск секции %1</translation>
+    </message>
+    <message>
+        <location line="+5"/>
+        <source>Scatter file saved to %1</source>
+        <translation>Файл разметки сохранён в %1</translation>
+    </message>
+    <message>
+        <location filename="../../flasher/espflasher.cpp" line="+72"/>
         <source>The operation is not supported</source>
         <translation>Операция не поддерживается</translation>
     </message>
@@ -455,6 +699,11 @@ To erase the entire flash, input 0x911 when asked to select the address/size.</s
         <location filename="../../flasher/scatterwriter.cpp" line="+77"/>
         <source>Cannot write to %1: %2</source>
         <translation>Не удаётся записать в %1: %2</translation>
+    </message>
+    <message>
+        <location filename="../../flasher/flashregion.cpp" line="+90"/>
+        <source>Requested flash memory contents md5 for [0x%1:0x%2] (size %3)</source>
+        <translation>Запрошен md5 содержимого флеш-памяти для [0x%1:0x%2] (размер %3)</translation>
     </message>
 </context>
 <context>

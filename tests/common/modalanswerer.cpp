@@ -83,6 +83,11 @@ void ModalAnswerer::cancelInput()
     expect("QInputDialog", [](QWidget *modal) { static_cast<QInputDialog *>(modal)->reject(); });
 }
 
+void ModalAnswerer::ignore(const char *className)
+{
+    m_ignored.append(QByteArray(className));
+}
+
 ModalAnswerer::Seen ModalAnswerer::describe(QWidget *modal)
 {
     Seen seen;
@@ -107,6 +112,10 @@ void ModalAnswerer::poll()
     QWidget *modal = QApplication::activeModalWidget();
     if (!modal || !modal->isVisible() || modal->property(answeredProperty).toBool())
         return;
+    for (const QByteArray &ignored : qAsConst(m_ignored)) {
+        if (modal->inherits(ignored.constData()))
+            return;
+    }
     modal->setProperty(answeredProperty, true);
     const Seen seen = describe(modal);
     m_seen.append(seen);

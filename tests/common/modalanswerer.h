@@ -47,6 +47,9 @@ public:
     // QInputDialog: sets the text (or picks the item of that text) and accepts.
     void answerInput(const QString &text);
     void cancelInput();
+    // Modals of this class are left alone and not recorded: windows that only show progress
+    // and close by themselves, whether a poll catches them open or not.
+    void ignore(const char *className);
 
     int remaining() const { return m_steps.size(); }
     const QVector<Seen> &seen() const { return m_seen; }
@@ -66,6 +69,7 @@ private:
 
     QTimer m_timer;
     QVector<Step> m_steps;
+    QVector<QByteArray> m_ignored;
     QVector<Seen> m_seen;
     QStringList m_unexpected;
 };

@@ -1,5 +1,6 @@
 // Opens the flasher dialog as a host would, connects it to a virtual ESP8266 through
-// autoconnect(), loads a demo package and saves a picture of the window.
+// autoconnect(), loads a demo package and saves a picture of the window: as loaded, after a
+// finished flash run, or with the scatter composer open over it.
 
 #include "flasher/espflasher.h"
 #include "flasher/esppackagewriter.h"
@@ -8,15 +9,20 @@
 #include "serial/qcomport.h"
 #include "tools/imagegen/espimagebuilder.h"
 #include "virtualchip/virtualesp8266.h"
+#include "wizard/espscatterwizard.h"
 
 #include <QApplication>
+#include <QComboBox>
 #include <QCommandLineParser>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFileDialog>
 #include <QFileInfo>
 #include <QLineEdit>
+#include <QPushButton>
+#include <QRadioButton>
 #include <QTemporaryDir>
+#include <QTextBrowser>
 #include <QTextStream>
 #include <QTimer>
 
@@ -26,6 +32,8 @@ namespace {
 
 // Longest wait for the virtual chip to be identified, in milliseconds.
 constexpr int identifyTimeoutMs = 15000;
+// Longest wait for the demo package to be flashed, in milliseconds.
+constexpr int flashRunTimeoutMs = 60000;
 // Time the window gets to lay itself out before the picture, in milliseconds.
 constexpr int settleMs = 300;
 // How often the file dialog is looked for, in milliseconds.
@@ -111,6 +119,39 @@ void answerFileDialog(const QString &path)
     timer->start();
 }
 
+template <class T>
+T *child(QObject *parent, const char *name)
+{
+    return parent->findChild<T *>(QLatin1String(name));
+}
+
+// Flashes the loaded package and waits for the end of the run.
+bool runFlash(ESPFlasher &flasher)
+{
+    auto *flash = child<QPushButton>(&flasher, "flashTool");
+    auto *log = child<QTextBrowser>(&flasher, "logBrowser");
+    if (!flash || !log || !flash->isEnabled())
+        return false;
+    flash->click();
+    return waitFor(
+        [log] { return log->toPlainText().contains(QLatin1String("Finished flashing package")); },
+        flashRunTimeoutMs);
+}
+
+// The composer over the dialog: one region confirmed, the next one being edited.
+void composeRegions(EspScatterWizard &wizard)
+{
+    child<QPushButton>(&wizard, "finishButton")->click(); // "Begin"
+    child<QRadioButton>(&wizard, "regionSizeSel")->setChecked(true);
+    child<QLineEdit>(&wizard, "regionSize")->setText(QStringLiteral("12kb"));
+    child<QLineEdit>(&wizard, "regionFileName")->setText(QStringLiteral("firmware"));
+    child<QPushButton>(&wizard, "nextButton")->click();
+    child<QComboBox>(&wizard, "regionTypeCombo")->setCurrentIndex(1);
+    child<QLineEdit>(&wizard, "regionStartAddress")->setText(QStringLiteral("0x10000"));
+    child<QLineEdit>(&wizard, "regionEndAddress")->setText(QStringLiteral("0x1C000"));
+    child<QLineEdit>(&wizard, "regionFileName")->setText(QStringLiteral("application.img"));
+}
+
 } // namespace
 
 int main(int argc, char *argv[])
@@ -133,8 +174,19 @@ int main(int argc, char *argv[])
     const QCommandLineOption languageOption(QStringLiteral("language"),
                                             QStringLiteral("Interface language, e.g. ru."),
                                             QStringLiteral("code"));
-    parser.addOptions({outputOption, stubOption, languageOption});
+    const QCommandLineOption sceneOption(
+        QStringLiteral("scene"),
+        QStringLiteral("What to show: dialog (the package loaded), flash-run (after flashing the "
+                       "package) or composer (the scatter composer with a region being edited)."),
+        QStringLiteral("scene"), QStringLiteral("dialog"));
+    parser.addOptions({outputOption, stubOption, languageOption, sceneOption});
     parser.process(app);
+    const QString scene = parser.value(sceneOption);
+    if (scene != QLatin1String("dialog") && scene != QLatin1String("flash-run") &&
+        scene != QLatin1String("composer")) {
+        err() << "unknown scene " << scene << '\n';
+        return 1;
+    }
 
     if (parser.isSet(languageOption))
         installEspUtilityTranslation(QLocale(parser.value(languageOption)));
@@ -169,15 +221,28 @@ int main(int argc, char *argv[])
             bool loaded = false;
             QMetaObject::invokeMethod(&flasher, "on_scatterSelTool_clicked", Qt::DirectConnection,
                                       Q_RETURN_ARG(bool, loaded));
-            waitFor([] { return false; }, settleMs);
             const QString output = parser.value(outputOption);
             QDir().mkpath(QFileInfo(output).absolutePath());
-            if (!loaded)
+            if (!loaded) {
                 err() << "the demo package did not load\n";
-            else if (!flasher.grab().save(output))
-                err() << "cannot write " << output << '\n';
-            else
-                status = 0;
+            } else if (scene == QLatin1String("flash-run") && !runFlash(flasher)) {
+                err() << "the demo package was not flashed\n";
+            } else if (scene == QLatin1String("composer")) {
+                EspScatterWizard wizard(&flasher);
+                wizard.show();
+                composeRegions(wizard);
+                waitFor([] { return false; }, settleMs);
+                if (wizard.grab().save(output))
+                    status = 0;
+                else
+                    err() << "cannot write " << output << '\n';
+            } else {
+                waitFor([] { return false; }, settleMs);
+                if (flasher.grab().save(output))
+                    status = 0;
+                else
+                    err() << "cannot write " << output << '\n';
+            }
         }
     }
     chip.stop();
