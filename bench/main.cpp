@@ -78,10 +78,7 @@ int main(int argc, char *argv[])
 
     QCommandLineParser parser;
     parser.setApplicationDescription(QStringLiteral(
-        "Throughput of the protocol client against the virtual ESP8266, which runs as a child\n"
-        "process so that the CPU times are the host's alone. Writes data and firmware through the\n"
-        "ROM loader and the stub and reads back: 256 KiB each at 115200 baud, 1 MiB each at\n"
-        "921600 baud; first at the line rate, then unthrottled (1 MiB everywhere)."));
+        "Throughput of the protocol client against the virtual ESP8266, which runs as a child\nprocess so that the CPU times are the host's alone. Writes data and firmware through the\nROM loader and the stub and reads back: 256 KiB each at 115200 baud, 1 MiB each at\n921600 baud; first at the line rate, then unthrottled (1 MiB everywhere)."));
     parser.addHelpOption();
     const QCommandLineOption quickOption(
         QStringLiteral("quick"), QStringLiteral("A quarter of the sizes, for a smoke run."));

@@ -530,9 +530,10 @@ int CliApp::runDemo()
         m_console.plain(QStringLiteral("The demo failed; the lines above say where."));
         return exitCode;
     }
-    m_console.plain(QStringLiteral("Demo complete: %1 section(s) flashed from the package, "
-                                   "verified by MD5 and read back without a board.")
-                        .arg(regions.size()));
+    m_console.plain(
+        QStringLiteral(
+            "Demo complete: %1 section(s) flashed from the package, verified by MD5 and read back without a board.")
+            .arg(regions.size()));
     m_console.plain(QStringLiteral("  read-back scatter: %1").arg(readBack));
     m_console.plain(
         QStringLiteral("  flash it again:    esp-utility flash %1 --virtual").arg(readBack));

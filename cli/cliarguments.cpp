@@ -115,34 +115,5 @@ bool CliArguments::parse(const QStringList &arguments, CliArguments *result, QSt
 QString CliArguments::usage()
 {
     return QStringLiteral(
-        "usage: esp-utility COMMAND [ARGUMENTS] [OPTIONS]\n"
-        "\n"
-        "Commands:\n"
-        "  ports                                  list serial ports\n"
-        "  info                                   identify the boards\n"
-        "  flash SCATTER|PACKAGE [--only firmware|application]\n"
-        "                                         write the active sections\n"
-        "  verify SCATTER|PACKAGE                 compare every section with the flash by MD5\n"
-        "  verify ADDRESS:SIZE                    show the MD5 of a flash region\n"
-        "  read --scatter OUT.txt REGION...       read regions (ADDRESS:SIZE or ADDRESS-END)\n"
-        "                                         into files beside OUT.txt and save OUT.txt\n"
-        "  erase all|ADDRESS:SIZE                 erase the whole chip or a region\n"
-        "  pack SCATTER -o PACKAGE.zip --description TEXT [--trim]\n"
-        "                                         make a package of a loose scatter file\n"
-        "  image-info FILE [--trailer OFFSET]     describe a firmware image\n"
-        "  demo [PACKAGE] [--out DIR]             flash, verify and read back a package on a\n"
-        "                                         virtual chip\n"
-        "\n"
-        "Options:\n"
-        "  --port PATH      a board's serial port; repeat it to work on several boards at once\n"
-        "  --virtual [N]    start N virtual ESP8266 chips in this process and use them\n"
-        "  --stub FILE      the flash loader, when the scatter file has none (read, erase and\n"
-        "                   verify of a region need one)\n"
-        "  --yes            answer Yes to the scatter file's questions (missing loader, missing\n"
-        "                   checksum); without it they are answered No\n"
-        "  --help, --version\n"
-        "\n"
-        "Numbers: decimal, 0x hexadecimal, 0b binary, leading 0 octal, or with kb/mb.\n"
-        "Exit status: 0 when every board succeeded, 1 on failures, 2 for bad arguments or\n"
-        "unreadable files.\n");
+        "usage: esp-utility COMMAND [ARGUMENTS] [OPTIONS]\n\nCommands:\n  ports                                  list serial ports\n  info                                   identify the boards\n  flash SCATTER|PACKAGE [--only firmware|application]\n                                         write the active sections\n  verify SCATTER|PACKAGE                 compare every section with the flash by MD5\n  verify ADDRESS:SIZE                    show the MD5 of a flash region\n  read --scatter OUT.txt REGION...       read regions (ADDRESS:SIZE or ADDRESS-END)\n                                         into files beside OUT.txt and save OUT.txt\n  erase all|ADDRESS:SIZE                 erase the whole chip or a region\n  pack SCATTER -o PACKAGE.zip --description TEXT [--trim]\n                                         make a package of a loose scatter file\n  image-info FILE [--trailer OFFSET]     describe a firmware image\n  demo [PACKAGE] [--out DIR]             flash, verify and read back a package on a\n                                         virtual chip\n\nOptions:\n  --port PATH      a board's serial port; repeat it to work on several boards at once\n  --virtual [N]    start N virtual ESP8266 chips in this process and use them\n  --stub FILE      the flash loader, when the scatter file has none (read, erase and\n                   verify of a region need one)\n  --yes            answer Yes to the scatter file's questions (missing loader, missing\n                   checksum); without it they are answered No\n  --help, --version\n\nNumbers: decimal, 0x hexadecimal, 0b binary, leading 0 octal, or with kb/mb.\nExit status: 0 when every board succeeded, 1 on failures, 2 for bad arguments or\nunreadable files.\n");
 }

@@ -358,7 +358,7 @@ void ESPFlasher::scheduleAutoClose(bool success, const QString &message)
 {
     if (runMode != RUN_MODE_UPGRADE)
         return;
-    const QString text = message + QLatin1Char('\n') + tr("The tool will be closed");
+    const QString text = message + tr("\nThe tool will be closed");
     if (success) {
         QAutoCloseMessageBox::information(this, text, successBoxTimeoutSeconds, QString(),
                                           QMessageBox::Ok, QMessageBox::NoButton);

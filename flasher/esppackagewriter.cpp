@@ -208,8 +208,8 @@ bool EspPackageWriter::addSection(const ScatterSection &row, const QDir &scatter
     if (droppedBlocks > 0) {
         // Counted in whole blocks even when the last dropped piece was shorter.
         log(Severity::Success,
-            dialogText(QT_TRANSLATE_NOOP("ESPFlasher", "Saved %1 bytes from %2 (removed trailing "
-                                                       "FF's)"))
+            dialogText(
+                QT_TRANSLATE_NOOP("ESPFlasher", "Saved %1 bytes from %2 (removed trailing FF's)"))
                 .arg(QString::number(qint64(droppedBlocks) * trimBlockBytes), source.fileName()));
     }
     m_sections.append(ScatterWriter::sectionObject(row, hexlify(md5.result(), true), entryName));

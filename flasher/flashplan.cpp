@@ -40,17 +40,19 @@ QString FlashPlan::scatterFlashSize(const QVector<ScatterSection> &rows,
     if (detectedFlashSize != 0) {
         const QString guessed = ESPImageParser::flashSizeString(detectedFlashSize);
         if (notice) {
-            *notice = dialogText(QT_TRANSLATE_NOOP("ESPFlasher",
-                                                   "There is no firmware files in the current "
-                                                   "scatter - using guessed flash memory size %1"))
-                          .arg(guessed);
+            *notice =
+                dialogText(
+                    QT_TRANSLATE_NOOP(
+                        "ESPFlasher",
+                        "There is no firmware files in the current scatter - using guessed flash memory size %1"))
+                    .arg(guessed);
         }
         return guessed;
     }
     if (notice) {
-        *notice = dialogText(QT_TRANSLATE_NOOP("ESPFlasher",
-                                               "There is no firmware files in the current "
-                                               "scatter - cannot detect flash memory size!"));
+        *notice = dialogText(QT_TRANSLATE_NOOP(
+            "ESPFlasher",
+            "There is no firmware files in the current scatter - cannot detect flash memory size!"));
     }
     return QString();
 }
@@ -64,18 +66,19 @@ FlashPlan::Command FlashPlan::writeCommand(const ScatterSection &row, const QVar
         command.command = ESPToolWorker::WriteData;
         command.params << scatterFlashSize;
         command.announcement =
-            dialogText(QT_TRANSLATE_NOOP("ESPFlasher",
-                                         "Start writing user application from %1 to 0x%2 (max "
-                                         "size %3)"))
+            dialogText(
+                QT_TRANSLATE_NOOP("ESPFlasher",
+                                  "Start writing user application from %1 to 0x%2 (max size %3)"))
                 .arg(gFileDescrString(file), hex8(row.startAddress), scatterFlashSize);
         return command;
     }
     command.command = ESPToolWorker::WriteFirmware;
     command.params << row.flashSize << row.flashMode << row.flashFrequency;
     command.announcement =
-        dialogText(QT_TRANSLATE_NOOP("ESPFlasher",
-                                     "Start writing firmware from %1 to 0x%2 (flash memory size "
-                                     "%3, mode %4, frequency %5)"))
+        dialogText(
+            QT_TRANSLATE_NOOP(
+                "ESPFlasher",
+                "Start writing firmware from %1 to 0x%2 (flash memory size %3, mode %4, frequency %5)"))
             .arg(gFileDescrString(file), hex8(row.startAddress), row.flashSize, row.flashMode,
                  row.flashFrequency);
     return command;
@@ -155,8 +158,8 @@ FlashPlan::Expectation FlashPlan::expectedMd5(const ScatterSection &row, QIODevi
         if (line) {
             line->tone = Tone::Notice;
             line->text =
-                dialogText(QT_TRANSLATE_NOOP("ESPFlasher", "Cannot verify - firmware file %1 is "
-                                                           "invalid"))
+                dialogText(
+                    QT_TRANSLATE_NOOP("ESPFlasher", "Cannot verify - firmware file %1 is invalid"))
                     .arg(row.file);
         }
         return Expectation::InvalidImage;

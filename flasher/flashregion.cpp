@@ -87,9 +87,8 @@ QVariantList FlashRegion::md5Parameters(const QString &expectedMd5) const
 QString FlashRegion::md5RequestMessage() const
 {
     const QChar zero(QLatin1Char('0'));
-    return QCoreApplication::translate("ESPFlasher",
-                                       "Requested flash memory contents md5 for [0x%1:0x%2] "
-                                       "(size %3)")
+    return QCoreApplication::translate(
+               "ESPFlasher", "Requested flash memory contents md5 for [0x%1:0x%2] (size %3)")
         .arg(address, 8, 16, zero)
         .arg(size, 8, 16, zero)
         .arg(size);

@@ -179,9 +179,9 @@ bool ScatterValidator::checkLooseLoader(const QJsonObject &scatter, bool strict,
         return true;
     if (strict) {
         const QString question =
-            QCoreApplication::translate("ESPFlasher",
-                                        "This scatter file does not specify a flash loader, but "
-                                        "should. Or the flash loader file (%1) is missing")
+            QCoreApplication::translate(
+                "ESPFlasher",
+                "This scatter file does not specify a flash loader, but should. Or the flash loader file (%1) is missing")
                 .arg(stubPath);
         if (!m_prompts || !m_prompts->confirmMissingLoader(question, stubPath))
             return fail(error, loaderMissingMessage());
@@ -291,11 +291,12 @@ bool ScatterValidator::verifyChecksum(const QJsonObject &section, const QString 
 
     if (section.contains(QLatin1String("md5"))) {
         if (saved.compare(computed, Qt::CaseInsensitive) != 0) {
-            return fail(error, QCoreApplication::translate(
-                                   "ESPFlasher", "The data within the package is corrupted (saved "
-                                                 "md5 %1 does not match the computed one %2 for "
-                                                 "file %3)")
-                                   .arg(saved, computed, source));
+            return fail(
+                error,
+                QCoreApplication::translate(
+                    "ESPFlasher",
+                    "The data within the package is corrupted (saved md5 %1 does not match the computed one %2 for file %3)")
+                    .arg(saved, computed, source));
         }
     } else {
         const QString question =

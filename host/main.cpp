@@ -54,15 +54,13 @@ int main(int argc, char *argv[])
 
     QCommandLineParser parser;
     parser.setApplicationDescription(QStringLiteral(
-        "Flashes ESP8266EX and ESP8285 boards over a serial port.\n"
-        "The exit code is the dialog's result: 1 when it was accepted (an upgrade succeeded), "
-        "0 otherwise."));
+        "Flashes ESP8266EX and ESP8285 boards over a serial port.\nThe exit code is the dialog's result: 1 when it was accepted (an upgrade succeeded), 0 otherwise."));
     parser.addHelpOption();
     parser.addVersionOption();
     const QCommandLineOption modeOption(
         QStringLiteral("mode"),
-        QStringLiteral("upgrade: identify the board, ask for a package, flash it and close; "
-                       "tool (default): the interactive tool."),
+        QStringLiteral(
+            "upgrade: identify the board, ask for a package, flash it and close; tool (default): the interactive tool."),
         QStringLiteral("upgrade|tool"), QStringLiteral("tool"));
     const QCommandLineOption serialOption(
         QStringLiteral("serial"),
@@ -71,8 +69,8 @@ int main(int argc, char *argv[])
         QStringLiteral("SN"));
     const QCommandLineOption virtualOption(
         QStringLiteral("virtual"),
-        QStringLiteral("Start a virtual ESP8266 in this program, list it among the ports and "
-                       "preselect it."));
+        QStringLiteral(
+            "Start a virtual ESP8266 in this program, list it among the ports and preselect it."));
     const QCommandLineOption fastOption(
         QStringLiteral("virtual-fast"),
         QStringLiteral("With --virtual: no line-rate throttling (as fast as the computer goes)."));

@@ -408,15 +408,16 @@ QString ESPImageParser::dumpInfo(unsigned int trailerOffset) const
     const unsigned int fileSize = file_size();
 
     // The size behind "0x" is octal; existing logs and scripts read it that way.
-    QString text = QStringLiteral("FLASH:\n{%1 segments, %2 bytes total (0x%3)}\n"
-                                  "<FM: %4, FS: %5, FF: %6, PC: 0x%7>\n")
-                       .arg(m_segments.size())
-                       .arg(fileSize)
-                       .arg(fileSize, 16, 8, zero)
-                       .arg(getFlashMode())
-                       .arg(getFlashSize())
-                       .arg(getFlashFrequency())
-                       .arg(entry_point(), 8, 16, zero);
+    QString text =
+        QStringLiteral(
+            "FLASH:\n{%1 segments, %2 bytes total (0x%3)}\n<FM: %4, FS: %5, FF: %6, PC: 0x%7>\n")
+            .arg(m_segments.size())
+            .arg(fileSize)
+            .arg(fileSize, 16, 8, zero)
+            .arg(getFlashMode())
+            .arg(getFlashSize())
+            .arg(getFlashFrequency())
+            .arg(entry_point(), 8, 16, zero);
 
     // The end address is decimal behind "0x", and the fourth field stays an unfilled "%4".
     seekClamped(kHeaderSize);

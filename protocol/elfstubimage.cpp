@@ -84,10 +84,10 @@ bool ElfStubImage::loadElf(const QByteArray &bytes)
         return fail(
             QStringLiteral("The ELF file has an unknown byte order (%1)").arg(ident[EI_DATA]));
     if (fileSize < sizeof(Elf32_Ehdr))
-        return fail(QStringLiteral("The ELF file is truncated: its header needs %1 bytes, the file "
-                                   "has %2")
-                        .arg(sizeof(Elf32_Ehdr))
-                        .arg(fileSize));
+        return fail(
+            QStringLiteral("The ELF file is truncated: its header needs %1 bytes, the file has %2")
+                .arg(sizeof(Elf32_Ehdr))
+                .arg(fileSize));
 
     // A private copy: libelf gets a writable buffer and we never depend on the caller's lifetime.
     QByteArray buffer(bytes.constData(), bytes.size());
@@ -107,19 +107,20 @@ bool ElfStubImage::loadElf(const QByteArray &bytes)
     const bool hasTable = header.e_shoff != 0 || header.e_shnum != 0;
     if (hasTable) {
         if (header.e_shentsize != sizeof(Elf32_Shdr))
-            return fail(QStringLiteral("The section table is broken: entries of %1 bytes instead "
-                                       "of %2")
-                            .arg(header.e_shentsize)
-                            .arg(sizeof(Elf32_Shdr)));
+            return fail(
+                QStringLiteral("The section table is broken: entries of %1 bytes instead of %2")
+                    .arg(header.e_shentsize)
+                    .arg(sizeof(Elf32_Shdr)));
         if (header.e_shoff < sizeof(Elf32_Ehdr))
             return fail(QStringLiteral("The section table is broken: it overlaps the ELF header"));
         const quint64 declaredEnd = quint64(header.e_shoff) +
                                     quint64(qMax<quint16>(header.e_shnum, 1)) * sizeof(Elf32_Shdr);
         if (declaredEnd > fileSize)
-            return fail(QStringLiteral("The ELF file is truncated: its section table ends at byte "
-                                       "%1, the file has %2 bytes")
-                            .arg(declaredEnd)
-                            .arg(fileSize));
+            return fail(
+                QStringLiteral(
+                    "The ELF file is truncated: its section table ends at byte %1, the file has %2 bytes")
+                    .arg(declaredEnd)
+                    .arg(fileSize));
     }
 
     size_t sectionCount = 0;
@@ -132,10 +133,11 @@ bool ElfStubImage::loadElf(const QByteArray &bytes)
     // With more sections than the header can count, the real count sits in section 0.
     const quint64 tableEnd = quint64(header.e_shoff) + quint64(sectionCount) * sizeof(Elf32_Shdr);
     if (tableEnd > fileSize)
-        return fail(QStringLiteral("The ELF file is truncated: its section table ends at byte %1, "
-                                   "the file has %2 bytes")
-                        .arg(tableEnd)
-                        .arg(fileSize));
+        return fail(
+            QStringLiteral(
+                "The ELF file is truncated: its section table ends at byte %1, the file has %2 bytes")
+                .arg(tableEnd)
+                .arg(fileSize));
 
     size_t namesIndex = SHN_UNDEF;
     if (elf_getshdrstrndx(elf.get(), &namesIndex) != 0)
@@ -162,8 +164,8 @@ bool ElfStubImage::loadElf(const QByteArray &bytes)
         if (namesIndex != SHN_UNDEF) {
             const char *name = elf_strptr(elf.get(), namesIndex, sectionHeader.sh_name);
             if (!name)
-                return fail(QStringLiteral("The section names are broken: section %1 has no "
-                                           "readable name: %2")
+                return fail(QStringLiteral(
+                                "The section names are broken: section %1 has no readable name: %2")
                                 .arg(index)
                                 .arg(libelfMessage()));
             section.name = QString::fromUtf8(name);
@@ -172,21 +174,22 @@ bool ElfStubImage::loadElf(const QByteArray &bytes)
         section.address = sectionHeader.sh_addr;
         section.size = sectionHeader.sh_size;
         if (quint64(section.address) + section.size > (quint64(1) << 32))
-            return fail(QStringLiteral("The ELF file is broken: %1 runs past the end of the "
-                                       "address space")
-                            .arg(label));
+            return fail(
+                QStringLiteral("The ELF file is broken: %1 runs past the end of the address space")
+                    .arg(label));
 
         const bool hasFileData = sectionHeader.sh_type != SHT_NOBITS &&
                                  sectionHeader.sh_type != SHT_NULL && section.size > 0;
         if (hasFileData) {
             const quint64 end = quint64(sectionHeader.sh_offset) + section.size;
             if (end > fileSize)
-                return fail(QStringLiteral("The ELF file is truncated or broken: %1 lies at bytes "
-                                           "%2 to %3, the file has %4 bytes")
-                                .arg(label)
-                                .arg(sectionHeader.sh_offset)
-                                .arg(end)
-                                .arg(fileSize));
+                return fail(
+                    QStringLiteral(
+                        "The ELF file is truncated or broken: %1 lies at bytes %2 to %3, the file has %4 bytes")
+                        .arg(label)
+                        .arg(sectionHeader.sh_offset)
+                        .arg(end)
+                        .arg(fileSize));
             const Elf_Data *data = elf_rawdata(scn, nullptr);
             if (!data || !data->d_buf || data->d_size != section.size)
                 return fail(QStringLiteral("Cannot read the contents of %1: %2")
@@ -252,14 +255,14 @@ bool ElfStubImage::loadJson(const QByteArray &bytes)
             QStringLiteral("The loader's JSON needs \"text\" and \"data\" as base64 strings"));
     if (!jsonWord(object, "text_start", &text.address) ||
         !jsonWord(object, "data_start", &data.address) || !jsonWord(object, "entry", &entry))
-        return fail(QStringLiteral("The loader's JSON needs \"text_start\", \"data_start\" and "
-                                   "\"entry\" as 32-bit addresses"));
+        return fail(QStringLiteral(
+            "The loader's JSON needs \"text_start\", \"data_start\" and \"entry\" as 32-bit addresses"));
     for (Section *section : {&text, &data}) {
         section->size = quint32(section->data.size());
         if (quint64(section->address) + section->size > 0x100000000ULL)
-            return fail(QStringLiteral("The loader's %1 section runs past the end of the address "
-                                       "space")
-                            .arg(section->name));
+            return fail(
+                QStringLiteral("The loader's %1 section runs past the end of the address space")
+                    .arg(section->name));
     }
     constexpr quint16 machineXtensa = 94;
     m_sections = {text, data};

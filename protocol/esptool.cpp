@@ -385,8 +385,8 @@ void ESPTool::write_ram_prep(const ESP_FLASH_BEGIN_PKT &pkt)
             if (begin < stop && start < end) {
                 reportOperationError(
                     BadRequest,
-                    QStringLiteral("To be written RAM region [0x%1:0x%2] overlaps with already "
-                                   "loaded stub section %3 at [0x%4:0x%5]")
+                    QStringLiteral(
+                        "To be written RAM region [0x%1:0x%2] overlaps with already loaded stub section %3 at [0x%4:0x%5]")
                         .arg(hex8(pkt.address), hex8(quint32(end)), section.name,
                              hex8(quint32(start)), hex8(quint32(stop))));
                 return;
@@ -658,13 +658,17 @@ unsigned int ESPTool::run_spiflash_command(unsigned char command, const QByteArr
                                            unsigned int readBits)
 {
     if (readBits > 32) {
-        reportOperationError(BadRequest, QStringLiteral("Reading more than 32 bits back from a SPI "
-                                                        "flash operation is unsupported"));
+        reportOperationError(
+            BadRequest,
+            QStringLiteral(
+                "Reading more than 32 bits back from a SPI flash operation is unsupported"));
         return 0xFFFFFFFF;
     }
     if (data.size() > 64) {
-        reportOperationError(BadRequest, QStringLiteral("Writing more than 64 bytes of data with "
-                                                        "one SPI command is unsupported"));
+        reportOperationError(
+            BadRequest,
+            QStringLiteral(
+                "Writing more than 64 bytes of data with one SPI command is unsupported"));
         return 0xFFFFFFFF;
     }
     const unsigned int savedUser = read_reg(SPI_USR_REG);

@@ -102,9 +102,7 @@ int main(int argc, char *argv[])
 
     QCommandLineParser parser;
     parser.setApplicationDescription(QStringLiteral(
-        "A virtual ESP8266 behind a pseudo-terminal. Prints the device path on the first line,\n"
-        "then one line per command received, until interrupted (SIGINT / SIGTERM).\n"
-        "Point the utility at the printed path, e.g. through ESP_UTILITY_EXTRA_PORTS."));
+        "A virtual ESP8266 behind a pseudo-terminal. Prints the device path on the first line,\nthen one line per command received, until interrupted (SIGINT / SIGTERM).\nPoint the utility at the printed path, e.g. through ESP_UTILITY_EXTRA_PORTS."));
     parser.addHelpOption();
     const QCommandLineOption chipOption(
         QStringLiteral("chip"), QStringLiteral("Chip model: esp8266ex (default) or esp8285."),

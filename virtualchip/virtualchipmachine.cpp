@@ -587,8 +587,7 @@ QByteArray VirtualChipMachine::strayAnswer(quint8 answeredOpcode)
 {
     const quint8 opcode =
         answeredOpcode == VirtualEsp8266::ReadReg ? VirtualEsp8266::Sync : VirtualEsp8266::ReadReg;
-    QByteArray packet = QByteArray::fromHex("0100020000000000"
-                                            "0000");
+    QByteArray packet = QByteArray::fromHex("01000200000000000000");
     packet[1] = char(opcode);
     return packet;
 }

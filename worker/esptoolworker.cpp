@@ -200,8 +200,8 @@ bool ESPToolWorker::writeFile(const QVariant &file, bool firmware, unsigned int 
 void ESPToolWorker::doWriteFirmware(const QVariantList &params)
 {
     if (params.size() != 5 || !isUInt(params.at(1))) {
-        emit error(QStringLiteral("Invalid command: provide a file, an integer address, and flash "
-                                  "memory size/mode/frequency for the 'write_fw' cmd"));
+        emit error(QStringLiteral(
+            "Invalid command: provide a file, an integer address, and flash memory size/mode/frequency for the 'write_fw' cmd"));
         emit finished(false, WriteFirmware, {});
         return;
     }
@@ -213,9 +213,10 @@ void ESPToolWorker::doWriteFirmware(const QVariantList &params)
     const unsigned char freq = ESPImageParser::ff_fromString(freqText);
     if (size == 0xFF || mode == 0xFF || freq == 0xFF) {
         // A warning only: the unrecognised codes keep the image's own values.
-        emit error(QStringLiteral("Invalid parameters: flash memory size (%1), mode (%2), or "
-                                  "frequency (%3) is invalid")
-                       .arg(sizeText, modeText, freqText));
+        emit error(
+            QStringLiteral(
+                "Invalid parameters: flash memory size (%1), mode (%2), or frequency (%3) is invalid")
+                .arg(sizeText, modeText, freqText));
     }
     writeFile(params.at(0), true, params.at(1).toUInt(), size, mode, freq);
     emit finished(!failed, WriteFirmware, {});
@@ -224,8 +225,8 @@ void ESPToolWorker::doWriteFirmware(const QVariantList &params)
 void ESPToolWorker::doWriteData(const QVariantList &params)
 {
     if (params.size() != 3 || !isUInt(params.at(1))) {
-        emit error(QStringLiteral("Invalid command: provide a file, an integer address, and flash "
-                                  "memory size for the 'write_data' cmd"));
+        emit error(QStringLiteral(
+            "Invalid command: provide a file, an integer address, and flash memory size for the 'write_data' cmd"));
         emit finished(false, WriteData, {});
         return;
     }
@@ -238,8 +239,8 @@ void ESPToolWorker::doReadData(const QVariantList &params)
 {
     if (params.size() != 3 || !params.at(0).canConvert<QString>() || !isUInt(params.at(1)) ||
         !isUInt(params.at(2))) {
-        emit error(QStringLiteral("Invalid command: provide a file, an integer address and size "
-                                  "for the 'read_data' cmd"));
+        emit error(QStringLiteral(
+            "Invalid command: provide a file, an integer address and size for the 'read_data' cmd"));
         emit finished(false, ReadData, {});
         return;
     }

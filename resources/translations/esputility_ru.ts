@@ -157,7 +157,7 @@ To erase the entire flash, input 0x911 when asked to select the address/size.</s
         <translation>Порт %1:</translation>
     </message>
     <message>
-        <location filename="../../flasher/flashplan.cpp" line="+236"/>
+        <location filename="../../flasher/flashplan.cpp" line="+239"/>
         <source>Flasher error: </source>
         <translation>Ошибка прошивки: </translation>
     </message>
@@ -213,8 +213,10 @@ To erase the entire flash, input 0x911 when asked to select the address/size.</s
     </message>
     <message>
         <location line="+10"/>
-        <source>The tool will be closed</source>
-        <translation>Программа будет закрыта</translation>
+        <source>
+The tool will be closed</source>
+        <translation>
+Программа будет закрыта</translation>
     </message>
     <message>
         <location line="+26"/>
@@ -408,12 +410,12 @@ To erase the entire flash, input 0x911 when asked to select the address/size.</s
         <translation>Проверить область %1</translation>
     </message>
     <message>
-        <location filename="../../flasher/flashplan.cpp" line="-193"/>
+        <location filename="../../flasher/flashplan.cpp" line="-196"/>
         <source>Start loading stub from %1</source>
         <translation>Загрузка загрузчика из %1</translation>
     </message>
     <message>
-        <location line="+15"/>
+        <location line="+17"/>
         <source>There is no firmware files in the current scatter - using guessed flash memory size %1</source>
         <translation>В текущей разметке нет файлов микропрограммы - используется предполагаемый размер флеш-памяти %1</translation>
     </message>
@@ -423,7 +425,7 @@ To erase the entire flash, input 0x911 when asked to select the address/size.</s
         <translation>В текущей разметке нет файлов микропрограммы - размер флеш-памяти определить невозможно!</translation>
     </message>
     <message>
-        <location line="+16"/>
+        <location line="+17"/>
         <source>Start writing user application from %1 to 0x%2 (max size %3)</source>
         <translation>Запись пользовательского приложения из %1 по адресу 0x%2 (максимальный размер %3)</translation>
     </message>
@@ -463,12 +465,12 @@ To erase the entire flash, input 0x911 when asked to select the address/size.</s
         <translation>Прочитанная прошивка недопустима - не удаётся разобрать %1</translation>
     </message>
     <message>
-        <location line="+30"/>
+        <location line="+31"/>
         <source>Cannot verify - firmware file %1 is invalid</source>
         <translation>Проверка невозможна - файл прошивки %1 недопустим</translation>
     </message>
     <message>
-        <location line="+27"/>
+        <location line="+26"/>
         <source>MD5: </source>
         <translation>Сумма MD5: </translation>
     </message>
@@ -561,12 +563,12 @@ To erase the entire flash, input 0x911 when asked to select the address/size.</s
         <translation>Не удалось скопировать файл %1: %2</translation>
     </message>
     <message>
-        <location line="-31"/>
+        <location line="-30"/>
         <source>Saved %1 bytes from %2 (removed trailing FF&apos;s)</source>
         <translation>Сэкономлено байт: %1 в %2 (удалены конечные FF)</translation>
     </message>
     <message>
-        <location line="+48"/>
+        <location line="+47"/>
         <source>Created zip package in %1</source>
         <translation>Создан ZIP-пакет %1</translation>
     </message>
@@ -676,12 +678,12 @@ To erase the entire flash, input 0x911 when asked to select the address/size.</s
         <translation>Пропуск неизвестной секции разметки %1</translation>
     </message>
     <message>
-        <location line="+35"/>
+        <location line="+37"/>
         <source>The data within the package is corrupted (saved md5 %1 does not match the computed one %2 for file %3)</source>
         <translation>Данные в пакете повреждены (сохранённая сумма md5 %1 не совпадает с вычисленной %2 для файла %3)</translation>
     </message>
     <message>
-        <location line="+8"/>
+        <location line="+7"/>
         <source>Section %1 is missing an md5 checksum. Proceed?&lt;br&gt;Current md5: %2</source>
         <translation>У секции %1 нет контрольной суммы md5. Продолжить?&lt;br&gt;Текущая md5: %2</translation>
     </message>

@@ -178,10 +178,7 @@ int main(int argc, char *argv[])
 
     QCommandLineParser parser;
     parser.setApplicationDescription(QStringLiteral(
-        "Writes reproducible ESP8266 images.\n"
-        "  firmware     a bootable image: header, segments of pseudo-random data, checksum\n"
-        "  application  pseudo-random bytes, optionally followed by a run of 0xFF\n"
-        "Numbers: decimal or 0x hexadecimal, optionally with K/KB/M/MB."));
+        "Writes reproducible ESP8266 images.\n  firmware     a bootable image: header, segments of pseudo-random data, checksum\n  application  pseudo-random bytes, optionally followed by a run of 0xFF\nNumbers: decimal or 0x hexadecimal, optionally with K/KB/M/MB."));
     parser.addHelpOption();
     parser.addPositionalArgument(QStringLiteral("kind"), QStringLiteral("firmware | application"));
     parser.addOptions({
@@ -193,14 +190,14 @@ int main(int argc, char *argv[])
         {QStringLiteral("entry"), QStringLiteral("Firmware entry point (default 0x40100004)."),
          QStringLiteral("ADDR")},
         {QStringLiteral("segment"),
-         QStringLiteral("Firmware segment, repeatable (default 0x40100000:0x400 and "
-                        "0x3FFE8000:0x100)."),
+         QStringLiteral(
+             "Firmware segment, repeatable (default 0x40100000:0x400 and 0x3FFE8000:0x100)."),
          QStringLiteral("ADDR:SIZE")},
         {QStringLiteral("mode"), QStringLiteral("Flash mode: qio, qout, dio, dout or a code."),
          QStringLiteral("MODE"), QStringLiteral("dio")},
         {QStringLiteral("size"),
-         QStringLiteral("Flash size: 512KB, 256KB, 1MB, 2MB, 4MB, 2MB-C1, 4MB-C1, 4MB-C2, 8MB, "
-                        "16MB or a code."),
+         QStringLiteral(
+             "Flash size: 512KB, 256KB, 1MB, 2MB, 4MB, 2MB-C1, 4MB-C1, 4MB-C2, 8MB, 16MB or a code."),
          QStringLiteral("SIZE"), QStringLiteral("4MB")},
         {QStringLiteral("freq"), QStringLiteral("Flash frequency: 40m, 26m, 20m, 80m or a code."),
          QStringLiteral("FREQ"), QStringLiteral("40m")},

@@ -162,8 +162,7 @@ int main(int argc, char *argv[])
 
     QCommandLineParser parser;
     parser.setApplicationDescription(QStringLiteral(
-        "Saves a picture of the flasher dialog connected to a virtual ESP8266 with a demo "
-        "package loaded. Needs a display (scripts/screenshot provides a virtual one)."));
+        "Saves a picture of the flasher dialog connected to a virtual ESP8266 with a demo package loaded. Needs a display (scripts/screenshot provides a virtual one)."));
     parser.addHelpOption();
     const QCommandLineOption outputOption(
         {QStringLiteral("o"), QStringLiteral("output")}, QStringLiteral("PNG file to write."),
@@ -176,8 +175,8 @@ int main(int argc, char *argv[])
                                             QStringLiteral("code"));
     const QCommandLineOption sceneOption(
         QStringLiteral("scene"),
-        QStringLiteral("What to show: dialog (the package loaded), flash-run (after flashing the "
-                       "package) or composer (the scatter composer with a region being edited)."),
+        QStringLiteral(
+            "What to show: dialog (the package loaded), flash-run (after flashing the package) or composer (the scatter composer with a region being edited)."),
         QStringLiteral("scene"), QStringLiteral("dialog"));
     parser.addOptions({outputOption, stubOption, languageOption, sceneOption});
     parser.process(app);

@@ -89,12 +89,7 @@ int main(int argc, char *argv[])
 
     QCommandLineParser parser;
     parser.setApplicationDescription(QStringLiteral(
-        "Writes ESP Utility's stand-in loader stub for its virtual ESP8266: a 32-bit Xtensa ELF "
-        "file with a \".text\" and a \".data\" section of deterministic filler bytes and an entry "
-        "point inside \".text\".\n"
-        "The virtual chip does not execute the code; it starts its emulated loader when the entry "
-        "point lies inside downloaded code. This file is NOT a loader for real boards: a real chip "
-        "would run garbage."));
+        "Writes ESP Utility's stand-in loader stub for its virtual ESP8266: a 32-bit Xtensa ELF file with a \".text\" and a \".data\" section of deterministic filler bytes and an entry point inside \".text\".\nThe virtual chip does not execute the code; it starts its emulated loader when the entry point lies inside downloaded code. This file is NOT a loader for real boards: a real chip would run garbage."));
     parser.addHelpOption();
     const QString output = QStringLiteral("output");
     const QString textSize = QStringLiteral("text-size");
@@ -107,9 +102,8 @@ int main(int argc, char *argv[])
     const QString fromJson = QStringLiteral("from-json");
     parser.addOptions({
         {fromJson,
-         QStringLiteral("Convert a loader published in JSON form (base64 \"text\" and \"data\", "
-                        "\"text_start\", \"data_start\", \"entry\") into an ELF file instead of "
-                        "writing the stand-in; the size and address options do not apply."),
+         QStringLiteral(
+             "Convert a loader published in JSON form (base64 \"text\" and \"data\", \"text_start\", \"data_start\", \"entry\") into an ELF file instead of writing the stand-in; the size and address options do not apply."),
          QStringLiteral("file")},
         {{QStringLiteral("o"), output},
          QStringLiteral("ELF file to write (required)."),

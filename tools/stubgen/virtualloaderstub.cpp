@@ -24,8 +24,8 @@ QByteArray filled(const QByteArray &identification, quint32 size, quint32 seed)
 
 QByteArray VirtualLoaderStub::textIdentification()
 {
-    return QByteArrayLiteral("ESP Utility stand-in loader for the virtual ESP8266 - not for real "
-                             "boards. text.");
+    return QByteArrayLiteral(
+        "ESP Utility stand-in loader for the virtual ESP8266 - not for real boards. text.");
 }
 
 QByteArray VirtualLoaderStub::dataIdentification()
