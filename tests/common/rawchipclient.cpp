@@ -3,36 +3,25 @@
 #include <QElapsedTimer>
 #include <QtEndian>
 
-#include <cerrno>
 #include <fcntl.h>
 #include <poll.h>
 #include <termios.h>
 #include <unistd.h>
 
-RawChipClient::~RawChipClient()
-{
-    close();
-}
-
 bool RawChipClient::open(const QString &path)
 {
     close();
-    m_fd = ::open(path.toLocal8Bit().constData(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
-    if (m_fd < 0)
-        return false;
+    m_fd = ::open(path.toLocal8Bit().constData(), O_RDWR | O_NOCTTY | O_CLOEXEC);
     termios attributes{};
-    if (tcgetattr(m_fd, &attributes) == 0) {
+    if (m_fd >= 0 && tcgetattr(m_fd, &attributes) == 0) {
         cfmakeraw(&attributes);
         tcsetattr(m_fd, TCSANOW, &attributes);
     }
-    m_hungUp = false;
     m_wire.clear();
     m_decoded = 0;
-    m_inFrame = false;
-    m_escaped = false;
     m_frame.clear();
-    m_brokenFrames = 0;
-    return true;
+    m_escaped = m_skipping = m_hungUp = false;
+    return m_fd >= 0;
 }
 
 void RawChipClient::close()
@@ -44,120 +33,55 @@ void RawChipClient::close()
 
 bool RawChipClient::writeRaw(const QByteArray &bytes)
 {
-    int done = 0;
-    QElapsedTimer timer;
-    timer.start();
-    while (m_fd >= 0 && done < bytes.size()) {
-        const ssize_t n = ::write(m_fd, bytes.constData() + done, size_t(bytes.size() - done));
-        if (n > 0) {
-            done += int(n);
-            continue;
-        }
-        if (n < 0 && errno != EAGAIN && errno != EINTR)
-            return false;
-        if (timer.elapsed() > 5000)
-            return false;
-        pollfd fd{m_fd, POLLOUT, 0};
-        poll(&fd, 1, 50);
-    }
-    return m_fd >= 0;
-}
-
-bool RawChipClient::sendPacket(const QByteArray &packet)
-{
-    QByteArray frame(1, char(0xC0));
-    for (const char c : packet) {
-        if (quint8(c) == 0xC0)
-            frame.append("\xDB\xDC", 2);
-        else if (quint8(c) == 0xDB)
-            frame.append("\xDB\xDD", 2);
-        else
-            frame.append(c);
-    }
-    frame.append(char(0xC0));
-    return writeRaw(frame);
+    // Blocking: returns once the chip took everything (or the terminal went away).
+    return m_fd >= 0 && ::write(m_fd, bytes.constData(), size_t(bytes.size())) == bytes.size();
 }
 
 bool RawChipClient::sendCommand(quint8 opcode, const QByteArray &payload, quint32 checksum)
 {
-    QByteArray packet;
-    packet.append(char(0x00));
-    packet.append(char(opcode));
-    packet.append(char(payload.size() & 0xFF));
-    packet.append(char((payload.size() >> 8) & 0xFF));
-    packet.append(words({checksum}));
-    packet.append(payload);
-    return sendPacket(packet);
+    const QByteArray header = QByteArray(1, 0x00) + char(opcode) + char(payload.size() & 0xFF) +
+                              char(payload.size() >> 8);
+    return sendPacket(header + words({checksum}) + payload);
 }
 
-bool RawChipClient::sendData(quint8 opcode, const QByteArray &data, quint32 sequence,
-                             bool goodChecksum)
+bool RawChipClient::sendData(quint8 opcode, const QByteArray &data, quint32 sequence, bool goodSum)
 {
-    const quint8 sum = checksum(data);
     const QByteArray payload = words({quint32(data.size()), sequence, 0, 0}) + data;
-    return sendCommand(opcode, payload, goodChecksum ? sum : quint8(sum ^ 0x01));
-}
-
-bool RawChipClient::sendAck(quint32 totalReceived)
-{
-    return sendPacket(words({totalReceived}));
+    return sendCommand(opcode, payload, checksum(data) ^ (goodSum ? 0 : 1));
 }
 
 bool RawChipClient::fill(int timeoutMs)
 {
-    if (m_fd < 0)
-        return false;
     pollfd fd{m_fd, POLLIN, 0};
-    if (poll(&fd, 1, timeoutMs) <= 0)
+    if (m_fd < 0 || m_hungUp || timeoutMs <= 0 || poll(&fd, 1, timeoutMs) <= 0)
         return false;
     char buffer[65536];
-    bool got = false;
-    for (;;) {
-        const ssize_t n = ::read(m_fd, buffer, sizeof buffer);
-        if (n > 0) {
-            m_wire.append(buffer, int(n));
-            got = true;
-            continue;
-        }
-        if (n == 0 || (errno != EAGAIN && errno != EINTR))
-            m_hungUp = true;
-        break;
-    }
-    return got;
+    const ssize_t n = ::read(m_fd, buffer, sizeof buffer); // poll said it will not block
+    m_hungUp = n <= 0;
+    if (n > 0)
+        m_wire.append(buffer, int(n));
+    return n > 0;
 }
 
 bool RawChipClient::takeFrame(QByteArray *frame)
 {
+    // Plain RFC 1055; a frame with an invalid escape is dropped up to its closing delimiter.
     while (m_decoded < m_wire.size()) {
         const quint8 byte = quint8(m_wire[m_decoded++]);
-        if (m_escaped) {
+        if (m_escaped || m_skipping) {
+            const bool valid = m_escaped && (byte == 0xDC || byte == 0xDD);
+            m_frame = valid ? m_frame + char(byte == 0xDC ? 0xC0 : 0xDB) : QByteArray();
+            m_skipping = !valid && byte != 0xC0;
             m_escaped = false;
-            if (byte == 0xDC) {
-                m_frame.append(char(0xC0));
-            } else if (byte == 0xDD) {
-                m_frame.append(char(0xDB));
-            } else {
-                ++m_brokenFrames;
-                m_frame.clear();
-                m_inFrame = byte == 0xC0;
-            }
-            continue;
-        }
-        if (byte == 0xC0) {
-            if (m_inFrame && !m_frame.isEmpty()) {
-                *frame = m_frame;
-                m_frame.clear();
-                return true;
-            }
-            m_inFrame = true;
-            continue;
-        }
-        if (!m_inFrame)
-            continue;
-        if (byte == 0xDB)
+        } else if (byte == 0xDB) {
             m_escaped = true;
-        else
-            m_frame.append(char(byte));
+        } else if (byte != 0xC0) {
+            m_frame += char(byte);
+        } else if (!m_frame.isEmpty()) {
+            *frame = m_frame;
+            m_frame.clear();
+            return true;
+        }
     }
     return false;
 }
@@ -168,8 +92,7 @@ QByteArray RawChipClient::readFrame(int timeoutMs)
     timer.start();
     QByteArray frame;
     while (!takeFrame(&frame)) {
-        const int left = timeoutMs - int(timer.elapsed());
-        if (left <= 0 || m_hungUp || !fill(left))
+        if (!fill(timeoutMs - int(timer.elapsed())))
             return QByteArray();
     }
     return frame;
@@ -179,62 +102,45 @@ RawChipClient::Answer RawChipClient::readAnswer(int timeoutMs)
 {
     Answer answer;
     const QByteArray frame = readFrame(timeoutMs);
-    if (frame.size() < 10 || quint8(frame[0]) != 0x01)
-        return answer;
-    answer.valid = true;
-    answer.opcode = quint8(frame[1]);
-    answer.length = qFromLittleEndian<quint16>(frame.constData() + 2);
-    answer.value = qFromLittleEndian<quint32>(frame.constData() + 4);
-    answer.body = frame.mid(8);
+    answer.valid = frame.size() >= 10 && frame[0] == 0x01;
+    if (answer.valid) {
+        answer.opcode = quint8(frame[1]);
+        answer.length = qFromLittleEndian<quint16>(frame.constData() + 2);
+        answer.value = qFromLittleEndian<quint32>(frame.constData() + 4);
+        answer.body = frame.mid(8);
+    }
     return answer;
 }
 
 RawChipClient::Answer RawChipClient::command(quint8 opcode, const QByteArray &payload,
                                              int timeoutMs)
 {
-    if (!sendCommand(opcode, payload))
-        return Answer();
-    return readAnswer(timeoutMs);
+    return sendCommand(opcode, payload) ? readAnswer(timeoutMs) : Answer();
 }
 
 quint32 RawChipClient::readReg(quint32 address)
 {
     const Answer answer = command(0x0A, words({address}));
-    return answer.valid && answer.opcode == 0x0A && answer.status() == 0 ? answer.value
-                                                                         : 0xFFFFFFFF;
-}
-
-bool RawChipClient::writeReg(quint32 address, quint32 value)
-{
-    const Answer answer = command(0x09, words({address, value, 0xFFFFFFFF, 0}));
-    return answer.valid && answer.opcode == 0x09 && answer.status() == 0;
+    return answer.opcode == 0x0A && answer.status() == 0 ? answer.value : 0xFFFFFFFF;
 }
 
 int RawChipClient::sync(int timeoutMs)
 {
-    if (!sendCommand(0x08, syncPayload()))
-        return 0;
-    // The burst comes at once; a short wait after it shows whether more follow.
-    constexpr int surplusWaitMs = 100;
+    constexpr int surplusWaitMs = 100; // the burst comes at once: more after this is none
     int answers = 0;
-    while (readAnswer(answers == 0 ? timeoutMs : surplusWaitMs).valid)
-        ++answers;
+    if (sendCommand(0x08, syncPayload())) {
+        while (readAnswer(answers == 0 ? timeoutMs : surplusWaitMs).valid)
+            ++answers;
+    }
     return answers;
 }
 
-bool RawChipClient::startLoader(quint32 address, const QByteArray &code, quint32 entry)
+bool RawChipClient::startLoader(quint32 address, const QByteArray &code)
 {
-    const quint32 blockSize = 0x1800;
-    const quint32 blocks = (quint32(code.size()) + blockSize - 1) / blockSize;
-    if (command(0x05, words({quint32(code.size()), blocks, blockSize, address})).status() != 0)
-        return false;
-    for (quint32 i = 0; i < blocks; ++i) {
-        if (!sendData(0x07, code.mid(int(i * blockSize), int(blockSize)), i) ||
-            readAnswer().status() != 0)
-            return false;
-    }
-    const Answer end = command(0x06, words({0, entry}));
-    return end.valid && end.status() == 0 && readFrame() == QByteArrayLiteral("OHAI");
+    const quint32 size = quint32(code.size());
+    return command(0x05, words({size, 1, size, address})).status() == 0 &&
+           sendData(0x07, code, 0) && readAnswer().status() == 0 &&
+           command(0x06, words({0, address})).status() == 0 && readFrame() == "OHAI";
 }
 
 bool RawChipClient::waitForHangUp(int timeoutMs)
