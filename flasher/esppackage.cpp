@@ -113,14 +113,13 @@ bool EspPackage::contains(const QString &name) const
 
 qint64 EspPackage::uncompressedSize(const QString &name) const
 {
-    if (!isOpen())
+    // The entry's own record only: the whole info list is empty as soon as any other record of
+    // the archive cannot be read, which would hide the size of every readable entry.
+    QuaZipFileInfo64 info;
+    if (!isOpen() || !m_zip->setCurrentFile(name, QuaZip::csSensitive) ||
+        !m_zip->getCurrentFileInfo(&info))
         return -1;
-    const QList<QuaZipFileInfo64> infos = m_zip->getFileInfoList64();
-    for (const QuaZipFileInfo64 &info : infos) {
-        if (info.name == name)
-            return static_cast<qint64>(info.uncompressedSize);
-    }
-    return -1;
+    return static_cast<qint64>(info.uncompressedSize);
 }
 
 EspPackage::EntryStatus EspPackage::readEntry(const QString &name, QByteArray *data)

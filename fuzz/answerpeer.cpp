@@ -209,9 +209,12 @@ void AnswerPeer::clientStalled()
         readRequests();
         return;
     }
-    // The client waits for more than it asked an answer for: give it the next record.
-    if (m_active && m_out.isEmpty())
+    // The client waits for more than it asked an answer for: give it the next record. Not an
+    // answer of the chip model, whatever the record says.
+    if (m_active && m_out.isEmpty()) {
+        ++m_scriptedReplies;
         send(nextRecordReply(QByteArray()));
+    }
     if (m_active)
         m_stallTimer.start();
 }

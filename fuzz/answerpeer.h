@@ -44,7 +44,8 @@ public:
     void end();
 
     QByteArray modelFlash(quint32 offset, quint32 size) const;
-    // Replies so far that did not come from the chip model unchanged.
+    // Replies so far that were not the chip model's answer to a request (damaged, foreign, noise,
+    // or sent to a client that waited for more).
     int scriptedReplies() const { return m_scriptedReplies; }
 
 private slots:
