@@ -80,6 +80,9 @@ bool EspPackage::open()
         return false;
     }
     m_zipError = UNZ_OK;
+    // Listed once: the archive code lists relative to its current entry, and on a damaged
+    // archive a second listing may come back empty although the first one found every entry.
+    m_names = m_zip->getFileNameList();
     m_password = password(comment());
     return true;
 }
@@ -89,6 +92,7 @@ void EspPackage::close()
     if (m_zip && m_zip->isOpen())
         m_zip->close();
     m_zip.reset();
+    m_names.clear();
 }
 
 bool EspPackage::isOpen() const
@@ -103,7 +107,7 @@ QString EspPackage::comment() const
 
 QStringList EspPackage::entryNames() const
 {
-    return isOpen() ? m_zip->getFileNameList() : QStringList();
+    return isOpen() ? m_names : QStringList();
 }
 
 bool EspPackage::contains(const QString &name) const

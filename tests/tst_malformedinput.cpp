@@ -36,6 +36,26 @@ bool breakLastCentralRecord(const QString &path)
     return file.write(bytes) == bytes.size();
 }
 
+// Offset of the central directory's position in the end record.
+constexpr int endRecordDirectoryOffsetAt = 16;
+
+// Puts the central directory at offset 0 in the end record, while it really follows the
+// entries: the archive code then takes everything before it for a prefix (as in a
+// self-extracting archive) and finds no entry where the directory says.
+bool misplaceCentralDirectory(const QString &path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadWrite))
+        return false;
+    QByteArray bytes = file.readAll();
+    const int end = bytes.lastIndexOf(QByteArrayLiteral("PK\x05\x06"));
+    if (end < 0 || end + endRecordDirectoryOffsetAt + 4 > bytes.size())
+        return false;
+    qToLittleEndian<quint32>(0, bytes.data() + end + endRecordDirectoryOffsetAt);
+    file.seek(0);
+    return file.write(bytes) == bytes.size();
+}
+
 } // namespace
 
 class TestMalformedInput : public QObject
@@ -48,6 +68,7 @@ private:
 private slots:
     void packageEntrySizeDespiteAnUnreadableRecord();
     void packageRegionEndDespiteAnUnreadableRecord();
+    void packageEntryListIsStable();
 };
 
 void TestMalformedInput::packageEntrySizeDespiteAnUnreadableRecord()
@@ -103,6 +124,36 @@ void TestMalformedInput::packageRegionEndDespiteAnUnreadableRecord()
     QCOMPARE(validator.rows().size(), 1);
     QCOMPARE(validator.rows().at(0).startAddress, 0x1000u);
     QCOMPARE(validator.rows().at(0).endAddress, 0x1000u + quint32(application.size()));
+}
+
+void TestMalformedInput::packageEntryListIsStable()
+{
+    // The same question about the same open package gets the same answer, however often it is
+    // asked and whatever was read in between.
+    const QString path = m_dir.filePath(QStringLiteral("misplaced.zip"));
+    const QByteArray password = EspPackage::password(QStringLiteral("misplaced"));
+    const QString loader = QString::fromLatin1(EspPackage::stubEntryName);
+    QVERIFY(writeTestZip(
+        path, QStringLiteral("misplaced"),
+        {{loader, patternBytes(64, 6)}, {QStringLiteral("scatter.txt"), QByteArray("{}")}},
+        &password));
+    QVERIFY(misplaceCentralDirectory(path));
+
+    EspPackage package(path);
+    QVERIFY(package.open());
+    const QStringList names{loader, QStringLiteral("scatter.txt")};
+    for (int round = 0; round < 3; ++round) {
+        QCOMPARE(package.entryNames(), names);
+        QVERIFY(package.contains(loader));
+        QVERIFY(package.contains(QStringLiteral("scatter.txt")));
+    }
+    QByteArray bytes;
+    QVERIFY(package.readEntry(QStringLiteral("scatter.txt"), &bytes) !=
+            EspPackage::EntryStatus::Ok);
+    QCOMPARE(package.entryNames(), names);
+    QVERIFY(package.contains(loader));
+    package.close();
+    QVERIFY(package.entryNames().isEmpty());
 }
 
 QTEST_GUILESS_MAIN(TestMalformedInput)
