@@ -287,7 +287,7 @@ bool SoakSession::settle(bool success, bool isRead)
     m_connectionFailed = m_report.failed = true;
     m_report.failure = m_messages.isEmpty() ? QString() : m_messages.first();
     m_report.readNotices += notices;
-    // A failed read-back adds its designed digest notice to the reason (or is the reason itself
+    // A failed read-back adds its deliberate digest notice to the reason (or is the reason itself
     // when the transfer went through but the digests differ).
     const bool oneReason = isRead ? (reasons <= 1 && notices == 1) : (reasons == 1 && notices == 0);
     if (!oneReason) {
@@ -302,9 +302,11 @@ bool SoakSession::settle(bool success, bool isRead)
 bool SoakSession::connectChip()
 {
     m_connectionFailed = false;
+    m_connected = false;
     if (!run(ESPToolWorker::Connect, {m_chip->devicePath()}, QStringLiteral("connect")))
         return false;
-    return settle(m_result);
+    m_connected = settle(m_result);
+    return m_connected;
 }
 
 bool SoakSession::loadLoader()
@@ -511,8 +513,10 @@ void SoakSession::disconnectChip()
 {
     if (!run(ESPToolWorker::Disconnect, {}, QStringLiteral("disconnect")))
         return;
-    // After a failure the worker fails every command until the next connect, quietly.
-    const bool failedBefore = m_connectionFailed;
+    // After a failure on an established connection the worker fails every command until the
+    // next connect, quietly. A connect that failed leaves no connection to fail for: the
+    // disconnect after it may succeed.
+    const bool failedBefore = m_connectionFailed && m_connected;
     settle(m_result);
     if (failedBefore && m_result)
         violation(QStringLiteral("disconnect succeeded after a failed command"));

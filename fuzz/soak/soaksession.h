@@ -22,7 +22,7 @@ class WorkerClient;
 // thread. Every outcome is checked against the chip itself:
 // - a write, read, MD5 or erase that reports success matches the chip's flash at that moment;
 // - a connection whose commands all succeed says nothing; one with a failed command says why in
-//   exactly one message (the read-back digest notice is the designed exception), sent before
+//   exactly one message (the read-back digest notice is the one deliberate exception), sent before
 //   the failed command finished and never again on that connection;
 // - after a failure, a connect to the reset (or, when the port vanished, restarted) chip works.
 // Anything else is a violation, described in plain words.
@@ -98,7 +98,9 @@ private:
     // A device handed to the worker and its bytes; they must outlive the command.
     std::unique_ptr<QByteArray> m_deviceBytes;
     std::unique_ptr<QIODevice> m_device;
-    // The current connection has seen a failed command (and so its one message).
+    // The last connect succeeded; the connection has seen a failed command (and so its one
+    // message).
+    bool m_connected = false;
     bool m_connectionFailed = false;
     // Commands the chip handled, and the one during which its port vanishes (-1: none).
     std::atomic<int> m_chipCommands{0};
