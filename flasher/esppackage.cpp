@@ -80,6 +80,9 @@ bool EspPackage::open()
         return false;
     }
     m_zipError = UNZ_OK;
+    // Listed once: the archive code lists relative to its current entry, and on a damaged
+    // archive a second listing may come back empty although the first one found every entry.
+    m_names = m_zip->getFileNameList();
     m_password = password(comment());
     return true;
 }
@@ -89,6 +92,7 @@ void EspPackage::close()
     if (m_zip && m_zip->isOpen())
         m_zip->close();
     m_zip.reset();
+    m_names.clear();
 }
 
 bool EspPackage::isOpen() const
@@ -103,7 +107,7 @@ QString EspPackage::comment() const
 
 QStringList EspPackage::entryNames() const
 {
-    return isOpen() ? m_zip->getFileNameList() : QStringList();
+    return isOpen() ? m_names : QStringList();
 }
 
 bool EspPackage::contains(const QString &name) const
@@ -113,14 +117,13 @@ bool EspPackage::contains(const QString &name) const
 
 qint64 EspPackage::uncompressedSize(const QString &name) const
 {
-    if (!isOpen())
+    // The entry's own record only: the whole info list is empty as soon as any other record of
+    // the archive cannot be read, which would hide the size of every readable entry.
+    QuaZipFileInfo64 info;
+    if (!isOpen() || !m_zip->setCurrentFile(name, QuaZip::csSensitive) ||
+        !m_zip->getCurrentFileInfo(&info))
         return -1;
-    const QList<QuaZipFileInfo64> infos = m_zip->getFileInfoList64();
-    for (const QuaZipFileInfo64 &info : infos) {
-        if (info.name == name)
-            return static_cast<qint64>(info.uncompressedSize);
-    }
-    return -1;
+    return static_cast<qint64>(info.uncompressedSize);
 }
 
 EspPackage::EntryStatus EspPackage::readEntry(const QString &name, QByteArray *data)

@@ -56,6 +56,7 @@ public:
 private:
     QString m_path;
     std::unique_ptr<QuaZip> m_zip;
+    QStringList m_names; // entry names as listed when the package was opened
     QByteArray m_password;
     int m_zipError = 0;
 };

@@ -99,20 +99,22 @@ Settings settingsFromHash(const QHash<QString, QVariant> &settings)
 bool setupComPortFromHash(const QString &portName, const QHash<QString, QVariant> &settings,
                           QSerialPort &port)
 {
-    bool found = false;
-    const auto infos = QSerialPortInfo::availablePorts();
-    for (const QSerialPortInfo &info : infos) {
-        if (info.portName() == portName) {
-            port.setPort(info);
-            found = true;
-            break;
-        }
-    }
     // Extra ports are unknown to the enumeration (a pseudo-terminal has no port info), so they
-    // are opened by name.
-    if (!found && isExtraPort(portName)) {
+    // are opened by name, and looked up first: enumerating the system's ports costs milliseconds
+    // on every connect.
+    bool found = false;
+    if (isExtraPort(portName)) {
         port.setPortName(portName);
         found = true;
+    } else {
+        const auto infos = QSerialPortInfo::availablePorts();
+        for (const QSerialPortInfo &info : infos) {
+            if (info.portName() == portName) {
+                port.setPort(info);
+                found = true;
+                break;
+            }
+        }
     }
     if (!found)
         return false;
