@@ -114,6 +114,7 @@ void ESPToolWorker::run(int cmd, const QVariantList &params)
 
 void ESPToolWorker::report(const QString &text)
 {
+    ++toolReports;
     if (connecting) {
         if (connectError.isEmpty())
             connectError = text;
@@ -176,14 +177,26 @@ void ESPToolWorker::doLoadStub(const QVariantList &params)
 
 void ESPToolWorker::doGetInfo()
 {
-    QVariantList results;
-    results << tool->get_chip_description();
-    results << QStringLiteral("%1").arg(tool->get_chip_id(), 8, 16, QLatin1Char('0'));
-    results << QString::fromLatin1(tool->get_chip_mac().toHex().toUpper());
-    const ESPTool::SPIFLASH_IDENTIFIER flash = tool->get_flash_id();
-    results << flash.toString();
-    results << flash.flashSizeGuess();
-    emit finished(!failed, GetInfo, results);
+    // Once the chip stops answering, every further register read would wait out its time-out
+    // (over a minute for the whole identification): it ends at the first failure instead,
+    // still with its five results.
+    const quint64 reportsBefore = toolReports;
+    const auto answering = [&] { return toolReports == reportsBefore; };
+    const QString description = tool->get_chip_description();
+    QString chipId;
+    QString mac;
+    QString flashText;
+    unsigned int flashSize = 0;
+    if (answering())
+        chipId = QStringLiteral("%1").arg(tool->get_chip_id(), 8, 16, QLatin1Char('0'));
+    if (answering())
+        mac = QString::fromLatin1(tool->get_chip_mac().toHex().toUpper());
+    if (answering()) {
+        const ESPTool::SPIFLASH_IDENTIFIER flash = tool->get_flash_id();
+        flashText = flash.toString();
+        flashSize = flash.flashSizeGuess();
+    }
+    emit finished(!failed, GetInfo, {description, chipId, mac, flashText, flashSize});
 }
 
 bool ESPToolWorker::writeFile(const QVariant &file, bool firmware, unsigned int address,

@@ -91,5 +91,7 @@ private:
     // Errors raised while connecting: synchronisation retries are normal, so they are shown only
     // when the connect fails.
     bool connecting = false;
+    // Every tool error, shown or not: long operations stop at the first new one.
+    quint64 toolReports = 0;
     QString connectError;
 };
