@@ -3,8 +3,6 @@
 #include <QCoreApplication>
 #include <QDeadlineTimer>
 
-#include <pthread.h>
-
 WorkerHarness::WorkerHarness() : m_worker(new ESPToolWorker)
 {
     m_worker->moveToThread(&m_thread);
@@ -17,9 +15,6 @@ WorkerHarness::WorkerHarness() : m_worker(new ESPToolWorker)
     m_progress = std::make_unique<QSignalSpy>(this, &WorkerHarness::progress);
     m_finished = std::make_unique<QSignalSpy>(this, &WorkerHarness::finished);
     m_thread.start();
-    QMetaObject::invokeMethod(
-        m_worker, [this] { pthread_getcpuclockid(pthread_self(), &m_workerClock); },
-        Qt::BlockingQueuedConnection);
 }
 
 WorkerHarness::~WorkerHarness()
@@ -84,12 +79,4 @@ QList<int> WorkerHarness::finishedCommands() const
     for (const QList<QVariant> &call : *m_finished)
         commands << call.at(1).toInt();
     return commands;
-}
-
-qint64 WorkerHarness::workerCpuNs() const
-{
-    timespec spent{};
-    if (clock_gettime(m_workerClock, &spent) != 0)
-        return -1;
-    return qint64(spent.tv_sec) * 1000000000 + spent.tv_nsec;
 }

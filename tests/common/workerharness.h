@@ -8,7 +8,6 @@
 #include <QThread>
 #include <QVariantList>
 
-#include <ctime>
 #include <memory>
 
 // Runs an ESPToolWorker in a thread of its own and drives it the way the flasher dialog does:
@@ -48,8 +47,6 @@ public:
     QStringList errorTexts(int from = 0) const;
     // Command codes of every finished() so far, in arrival order.
     QList<int> finishedCommands() const;
-    // CPU time the worker thread has used so far, in nanoseconds.
-    qint64 workerCpuNs() const;
 
     static constexpr int defaultTimeoutMs = 30000;
 
@@ -61,7 +58,6 @@ signals:
 private:
     QThread m_thread;
     ESPToolWorker *m_worker; // deleted by its thread's finished()
-    clockid_t m_workerClock = CLOCK_THREAD_CPUTIME_ID;
     std::unique_ptr<QSignalSpy> m_errors;
     std::unique_ptr<QSignalSpy> m_progress;
     std::unique_ptr<QSignalSpy> m_finished;
