@@ -9,8 +9,6 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
-#include <QRegularExpression>
-#include <QStandardPaths>
 #include <QTemporaryDir>
 #include <QtEndian>
 #include <QtTest>
@@ -121,10 +119,6 @@ private slots:
 
         QVERIFY(!image.load(static_cast<QIODevice *>(nullptr)));
         QVERIFY(image.errorString().contains("not open for reading"));
-        buffer.close();
-        QVERIFY(buffer.open(QIODevice::WriteOnly));
-        QVERIFY(!image.load(&buffer));
-        QVERIFY(image.errorString().contains("not open for reading"));
 
         // Far more bytes than any loader has are refused without draining the device beyond the
         // limit; exactly at the limit is still read.
@@ -164,7 +158,6 @@ private slots:
                                 "\"entry\" as 32-bit addresses";
         row("JSON with trailing garbage", "{} x", "The loader's JSON cannot be parsed");
         row("JSON text not base64", loaderJson("text", "@@@###"), base64);
-        row("JSON address as text", loaderJson("text_start", "0x4010C500"), addresses);
         row("JSON address beyond 32 bits", loaderJson("entry", 4294967296.0), addresses);
         row("JSON section past the address space", loaderJson("text_start", 4294967295.0),
             "The loader's .text section runs past the end");
@@ -247,31 +240,6 @@ private slots:
         QCOMPARE(sectionNames(image), QStringList({"", "", ""}));
         QVERIFY(!image.section(".text"));
         QCOMPARE(image.sections().at(0).data.size(), 0x100);
-    }
-
-    void generatedStubIsAStandardElfFile()
-    {
-        // The writer's output as a standard tool reads it: one loadable segment per section.
-        const QString path = generatedStubPath();
-        QVERIFY(QFile::exists(path));
-        const QString readelf = QStandardPaths::findExecutable("readelf");
-        if (readelf.isEmpty())
-            QSKIP("readelf is not installed");
-        QProcess process;
-        process.start(readelf, {"-a", "-W", path});
-        QVERIFY(process.waitForFinished(30000));
-        const QString out = QString::fromLocal8Bit(process.readAllStandardOutput());
-        QCOMPARE(process.exitCode(), 0);
-        QVERIFY2(process.readAllStandardError().trimmed().isEmpty(), qPrintable(out));
-        QVERIFY2(!out.contains("Warning", Qt::CaseInsensitive), qPrintable(out));
-        for (const char *pattern :
-             {R"(Class:\s+ELF32)", R"(Data:\s+2's complement, little endian)", R"(Type:\s+EXEC)",
-              R"(Machine:\s+Tensilica Xtensa)", R"(Entry point address:\s+0x4010c004)",
-              R"(\.text\s+PROGBITS\s+4010c000\s+\S+\s+002100\s+00\s+AX\s)",
-              R"(\.data\s+PROGBITS\s+3ffe8000\s+\S+\s+000200\s+00\s+WA\s)",
-              R"(LOAD\s+\S+\s+0x4010c000\s+0x4010c000\s+0x02100\s+0x02100\s+R E)",
-              R"(LOAD\s+\S+\s+0x3ffe8000\s+0x3ffe8000\s+0x00200\s+0x00200\s+RW )"})
-            QVERIFY2(out.contains(QRegularExpression(pattern)), pattern);
     }
 };
 

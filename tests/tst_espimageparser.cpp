@@ -207,9 +207,7 @@ private slots:
         QCOMPARE(parser.flash_mode_int(), Code(3));
         QCOMPARE(parser.flash_size_int(), Code(6));
         QCOMPARE(parser.flash_frequency_int(), Code(15));
-        QCOMPARE(parser.getFlashMode(), QStringLiteral("qio"));
         QCOMPARE(parser.getFlashSize(), QStringLiteral("1Mb"));
-        QCOMPARE(parser.getFlashFrequency(), QStringLiteral("inv"));
         // The digest is of the image as written, without masking the frequency to its nibble.
         QCOMPARE(parser.md5(), md5Of(withHeaderCodes(image, 0, 0x3F)));
 
@@ -340,8 +338,8 @@ private slots:
         QFETCH(QString, crc);
         QBuffer device;
         device.setData(content);
-        QVERIFY(
-            device.open(QIODevice::ReadWrite)); // a writable buffer grows on a seek past its end
+        // Open for writing: a buffer that grows on a seek past its end would show.
+        QVERIFY(device.open(QIODevice::ReadWrite));
         ESPImageParser parser;
         QVERIFY(parser.load(&device, 0xFF, 0xFF, 0xFF));
         QList<uint> actual;
@@ -391,7 +389,7 @@ private slots:
 
     void readErrorWhileHashing()
     {
-        // The hash loops stop where the device stops giving bytes instead of spinning on.
+        // The hash loop stops where the device stops giving bytes instead of spinning on.
         EspImageBuilder builder;
         builder.addRandomSegment(0x40200000, 200000, 5);
         const QByteArray image = builder.build();
@@ -403,11 +401,6 @@ private slots:
         const QByteArray digest = parser.md5();
         QVERIFY(device.servedEnd < image.size());
         QCOMPARE(digest, md5Of(image.left(int(device.servedEnd))));
-        device.readsLeft = 1;
-        device.servedEnd = 0;
-        const QByteArray upy = parser.md5_upy();
-        QVERIFY(device.servedEnd < image.size() - 16);
-        QCOMPARE(upy, md5Of(image.mid(4, int(device.servedEnd) - 4)));
     }
 };
 

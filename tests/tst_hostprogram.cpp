@@ -21,7 +21,6 @@ private slots:
             << QStringList{"--mode", "auto"} << 2 << "--mode must be upgrade or tool, not \"auto\"";
         QTest::newRow("unknown language")
             << QStringList{"--lang", "de"} << 2 << "--lang must be ru or en";
-        QTest::newRow("unknown option") << QStringList{"--fast"} << 2 << "Unknown option 'fast'";
     }
 
     void arguments()

@@ -83,16 +83,13 @@ private slots:
 
     void firmware()
     {
-        // The demo's images: reproducible for a seed, dio 4 MB 40 MHz with two segments by
-        // default; the application generated as the generator's library makes it.
+        // The demo's images: dio 4 MB 40 MHz with two segments by default; the application as
+        // the generator's library makes it.
         QCOMPARE(run({"firmware", "-o", "@a"}), 0);
-        QCOMPARE(run({"firmware", "-o", "@b", "--seed", "2"}), 0);
         const QByteArray image = readFile("a");
         QCOMPARE(image.left(16), QByteArray::fromHex("e902024004001040 0000104000040000"));
         QCOMPARE(image.mid(16 + 0x400, 8), QByteArray::fromHex("0080fe3f00010000"));
         QCOMPARE(image.size(), 0x520);
-        QCOMPARE(readFile("b").size(), image.size());
-        QVERIFY(readFile("b") != image);
         QCOMPARE(run({"application", "-o", "@app", "--length", "1K", "--ff-tail", "24"}), 0);
         QCOMPARE(readFile("app"), EspImageBuilder::application(1024, 24, 1)); // seed 1 by default
 
@@ -118,9 +115,6 @@ private slots:
         QVERIFY(parser.dumpInfo(1156).endsWith(
             "IROM0:\t0x3000 bytes\nTotal:\t4172 (recorded 4172)\nMD5:\t" + digest + " (recorded " +
             digest + ")\n"));
-        QVERIFY(
-            m_output.contains(QByteArray("checksum 0x") +
-                              QByteArray::number(quint8(fw.at(0x47F)), 16).rightJustified(2, '0')));
     }
 };
 
