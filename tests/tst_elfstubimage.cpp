@@ -122,7 +122,7 @@ private slots:
 
         // Far more bytes than any loader has are refused without draining the device beyond the
         // limit; exactly at the limit is still read.
-        bytes = stubBytes(0x20, 0x20).leftJustified(int(ElfStubImage::MaxFileSize) + 1, '\0');
+        bytes = stubBytes(0x20, 0x20) + QByteArray(int(ElfStubImage::MaxFileSize), '\0');
         QBuffer huge(&bytes);
         QVERIFY(huge.open(QIODevice::ReadOnly));
         QVERIFY(!image.load(&huge));

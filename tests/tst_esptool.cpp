@@ -266,6 +266,7 @@ private slots:
     {
         QTest::addColumn<int>("busyReads");
         QTest::addColumn<QStringList>("messages");
+        QTest::newRow("finishes on the ninth poll") << 8 << QStringList{};
         // Only a command that finishes on the tenth poll is reported; one that never does is not.
         QTest::newRow("finishes on the tenth poll")
             << 9 << QStringList{"SPI command did not complete in time"};
