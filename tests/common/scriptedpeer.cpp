@@ -1,5 +1,7 @@
 #include "scriptedpeer.h"
 
+#include "protocol/espprotocol.h"
+
 #include <QtEndian>
 
 #include <chrono>
@@ -16,38 +18,19 @@ ScriptedPeer::~ScriptedPeer()
     m_thread.join();
 }
 
-QList<QByteArray> ScriptedPeer::requests() const
-{
-    QMutexLocker lock(&m_mutex);
-    return m_requests;
-}
-
 QByteArray ScriptedPeer::frame(const QByteArray &packet)
 {
-    QByteArray out(1, char(0xC0));
-    for (const char c : packet) {
-        if (quint8(c) == 0xC0)
-            out.append("\xDB\xDC", 2);
-        else if (quint8(c) == 0xDB)
-            out.append("\xDB\xDD", 2);
-        else
-            out.append(c);
-    }
-    out.append(char(0xC0));
-    return out;
+    return ESPProtocol::encode(packet);
 }
 
 QByteArray ScriptedPeer::response(quint8 opcode, const QByteArray &body, quint32 value)
 {
-    QByteArray packet;
-    packet.append(char(0x01)).append(char(opcode));
-    char word[4];
-    qToLittleEndian(quint16(body.size()), word);
-    packet.append(word, 2);
-    qToLittleEndian(value, word);
-    packet.append(word, 4);
-    packet.append(body);
-    return packet;
+    QByteArray packet(8, '\0');
+    packet[0] = 0x01;
+    packet[1] = char(opcode);
+    qToLittleEndian(quint16(body.size()), packet.data() + 2);
+    qToLittleEndian(value, packet.data() + 4);
+    return packet + body;
 }
 
 QList<ScriptedPeer::Reply> ScriptedPeer::syncBurst()
@@ -60,36 +43,15 @@ QList<ScriptedPeer::Reply> ScriptedPeer::syncBurst()
 
 void ScriptedPeer::run()
 {
-    QByteArray packet;
-    bool inFrame = false;
-    bool escaped = false;
+    // The product's own decoder: its framing rules are pinned by the protocol tests.
+    ESPProtocol decoder;
     while (!m_stop) {
-        const QByteArray chunk = m_pty.readMaster(20, 1);
-        for (const char c : chunk) {
-            const quint8 byte = quint8(c);
-            if (!inFrame) {
-                inFrame = byte == 0xC0;
-                continue;
-            }
-            if (escaped) {
-                packet.append(byte == 0xDC ? char(0xC0) : char(0xDB));
-                escaped = false;
-            } else if (byte == 0xDB) {
-                escaped = true;
-            } else if (byte != 0xC0) {
-                packet.append(c);
-            } else if (!packet.isEmpty()) {
-                {
-                    QMutexLocker lock(&m_mutex);
-                    m_requests.append(packet);
-                }
-                for (const Reply &reply : m_script(packet)) {
-                    if (reply.delayMs > 0)
-                        std::this_thread::sleep_for(std::chrono::milliseconds(reply.delayMs));
-                    m_pty.writeMaster(reply.bytes);
-                }
-                packet.clear();
-                inFrame = false;
+        decoder.feed(m_pty.readMaster(20, 1));
+        for (QByteArray packet = decoder.deque(); !packet.isNull(); packet = decoder.deque()) {
+            for (const Reply &reply : m_script(packet)) {
+                if (reply.delayMs > 0)
+                    std::this_thread::sleep_for(std::chrono::milliseconds(reply.delayMs));
+                m_pty.writeMaster(reply.bytes);
             }
         }
     }

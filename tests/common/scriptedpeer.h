@@ -4,15 +4,13 @@
 
 #include <QByteArray>
 #include <QList>
-#include <QMutex>
 
 #include <atomic>
 #include <functional>
 #include <thread>
 
 // A device that answers by script, for protocol details that a faithful chip never produces:
-// packets in exact batches, odd sizes, a wrong greeting. It decodes requests with a SLIP decoder
-// of its own and records them.
+// packets in exact batches, odd sizes, stray answers, a wrong greeting.
 class ScriptedPeer
 {
 public:
@@ -28,7 +26,6 @@ public:
 
     bool isValid() const { return m_pty.isValid(); }
     QString port() const { return m_pty.slavePath(); }
-    QList<QByteArray> requests() const;
 
     static QByteArray frame(const QByteArray &packet);
     // A response packet: direction 1, opcode, body length, value word, body.
@@ -41,8 +38,6 @@ private:
 
     PtyPair m_pty;
     Script m_script;
-    mutable QMutex m_mutex;
-    QList<QByteArray> m_requests;
     std::atomic<bool> m_stop{false};
     std::thread m_thread;
 };
