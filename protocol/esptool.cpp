@@ -730,10 +730,14 @@ unsigned int ESPTool::spiflash_status(int count)
 
 QByteArray ESPTool::get_efuses()
 {
+    // A read that fails yields all ones; once one has failed the rest would only wait out their
+    // time-outs for the same result, so they are not asked for.
+    const quint64 reportsBefore = reportCount;
     QByteArray efuses;
     for (const unsigned int address : {EFUSE_WORD3, EFUSE_WORD2, EFUSE_WORD1, EFUSE_WORD0}) {
+        const quint32 word = reportCount == reportsBefore ? read_reg(address) : 0xFFFFFFFF;
         char be[4];
-        qToBigEndian(quint32(read_reg(address)), be);
+        qToBigEndian(word, be);
         efuses.append(be, 4);
     }
     return efuses;

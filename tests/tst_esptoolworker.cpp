@@ -5,12 +5,13 @@
 #include <QBuffer>
 #include <QCryptographicHash>
 #include <QTemporaryDir>
+#include <QThread>
 #include <QtTest>
 
 // The worker: parameter checks (each refusal gives its exact message and one finished(false)
-// without touching the unconnected client), then against the virtual ESP8266. Its use from the
-// dialog's worker thread, whole-chip erase, verification and a port vanishing mid-flash are covered
-// end to end by the dialog's tests.
+// without touching the unconnected client), then in its own thread against the virtual ESP8266.
+// Whole-chip erase, verification and a port vanishing mid-flash are also covered end to end by
+// the dialog's tests.
 namespace {
 
 using Cmd = ESPToolWorker::Command;
@@ -51,8 +52,10 @@ int countOpcode(VirtualEsp8266 &chip, quint8 opcode)
                              [opcode](const auto &record) { return record.opcode == opcode; }));
 }
 
-// A worker and a fresh virtual chip, driven as the dialog drives the worker: every command a
-// queued execute() call, so that commands also arrive while another one waits for the chip.
+// A worker in a thread of its own and a fresh virtual chip, driven as the dialog drives the
+// worker: every command a queued execute() call (so commands also arrive while another one
+// waits for the chip), every signal delivered back queued into the test's thread, where it is
+// recorded in the shape of a QSignalSpy.
 struct Session
 {
     struct Outcome
@@ -63,18 +66,40 @@ struct Session
     };
 
     explicit Session(bool stub = true, const VirtualEsp8266::Config &config = {})
-        : fixture(config), stub(stub)
-    {}
+        : fixture(config), worker(new ESPToolWorker), stub(stub)
+    {
+        worker->moveToThread(&thread);
+        QObject::connect(&thread, &QThread::finished, worker, &QObject::deleteLater);
+        QObject::connect(
+            worker, &ESPToolWorker::error, &receiver,
+            [this](const QString &reason) { errors.append({reason}); }, Qt::QueuedConnection);
+        QObject::connect(
+            worker, &ESPToolWorker::progress, &receiver,
+            [this](int total, int current) {
+                progress.append({total, current});
+            },
+            Qt::QueuedConnection);
+        QObject::connect(
+            worker, &ESPToolWorker::finished, &receiver,
+            [this](bool result, int cmd, const QVariantList &params) {
+                finished.append({result, cmd, params});
+            },
+            Qt::QueuedConnection);
+        thread.start();
+    }
+    ~Session()
+    {
+        thread.quit();
+        thread.wait();
+    }
     void post(int cmd, const QVariantList &params = {})
     {
-        QMetaObject::invokeMethod(
-            &worker, [this, cmd, params] { worker.execute(cmd, params); }, Qt::QueuedConnection);
+        QMetaObject::invokeMethod(worker, "execute", Qt::QueuedConnection, Q_ARG(int, cmd),
+                                  Q_ARG(QVariantList, params));
     }
     bool waitForFinished(int total)
     {
-        while (finished.count() < total && finished.wait(30000)) {
-        }
-        return finished.count() >= total;
+        return QTest::qWaitFor([&] { return finished.count() >= total; }, 30000);
     }
     Outcome run(int cmd, const QVariantList &params = {})
     {
@@ -84,6 +109,7 @@ struct Session
         Outcome outcome;
         if (!waitForFinished(finishedBefore + 1))
             return outcome;
+        // error() precedes finished() from the worker thread, and queued delivery keeps order.
         outcome.result = finished.at(finishedBefore).at(0).toBool();
         outcome.results = finished.at(finishedBefore).at(2).toList();
         for (int i = errorsBefore; i < errors.count(); ++i)
@@ -108,10 +134,12 @@ struct Session
     }
 
     ChipFixture fixture;
-    ESPToolWorker worker; // destroyed before the chip
-    QSignalSpy errors{&worker, &ESPToolWorker::error};
-    QSignalSpy progress{&worker, &ESPToolWorker::progress};
-    QSignalSpy finished{&worker, &ESPToolWorker::finished};
+    QThread thread;
+    ESPToolWorker *worker; // lives in `thread`, deleted when it ends (before the chip stops)
+    QObject receiver;      // in the test's thread: where the worker's signals arrive
+    QList<QList<QVariant>> errors;
+    QList<QList<QVariant>> progress;
+    QList<QList<QVariant>> finished;
     bool stub;
 };
 
@@ -356,6 +384,23 @@ private slots:
         else
             QCOMPARE(outcome.errors.first(), expected);
         QCOMPARE(session.chip().commandLog().size(), 0); // nothing was sent
+    }
+
+    // A chip that stops answering ends the identification at its first unanswered read instead
+    // of letting every further read wait out its time-out; the five results still come.
+    void identificationStopsAtTheFirstFailure()
+    {
+        Session session;
+        QVERIFY(session.start());
+        session.chip().armSilence(0);
+        session.chip().clearCounters();
+        const Session::Outcome info = session.run(Cmd::GetInfo);
+        QVERIFY(!info.result);
+        QCOMPARE(info.results.size(), 5);
+        QCOMPARE(info.errors, QStringList{toolError("No response for 0x0a command", 1)});
+        // One read request (14 bytes framed, a few more when escaped) went out, not dozens.
+        QVERIFY2(session.chip().counters().bytesIn < 2 * 14,
+                 qPrintable(QString::number(session.chip().counters().bytesIn)));
     }
 
     void faultsDuringWrite()

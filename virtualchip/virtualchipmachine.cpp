@@ -600,10 +600,10 @@ qint64 VirtualChipMachine::writeTerminal(qint64 now, bool *waitWritable)
         if (perByte > 0) {
             m_txWireNs = qMax(m_txWireNs, now);
             allowed = (now + txQuantumNs - m_txWireNs) / perByte;
-            // Wake again when a handful of bytes may go, not a single one: the lead keeps the
-            // line busy meanwhile, and the host is spared a read per byte.
+            // Wake again when half the lead has gone out, not for every single byte: the rest
+            // of the lead keeps the line busy meanwhile, and the host is spared a read per byte.
             if (allowed <= 0)
-                return m_txWireNs - txQuantumNs + perByte * txWakeBytes;
+                return m_txWireNs - txQuantumNs / 2;
         }
         // Gather whole frames (the first one possibly started) up to what the line allows;
         // a baud switch ends the gathering, since later bytes leave at the new rate.

@@ -71,9 +71,8 @@ private:
         quint32 baudAfter = 0;
     };
 
-    static constexpr int maxLogRecords = 1000000;   // oldest records are dropped beyond
-    static constexpr qint64 txQuantumNs = 20000000; // throttled writes run ahead by 20 ms
-    static constexpr qint64 txWakeBytes = 64; // bytes allowed before a throttled write resumes
+    static constexpr int maxLogRecords = 1000000;      // oldest records are dropped beyond
+    static constexpr qint64 txQuantumNs = 4000000;     // throttled writes run ahead by 4 ms
     static constexpr qint64 vanishGraceNs = 200000000; // answers get 200 ms to be read
     static constexpr qint64 vanishPollNs = 5000000;    // 5 ms between delivery checks
     static constexpr qint64 vanishSettleNs = 30000000; // 30 ms for written bytes to arrive
