@@ -1,18 +1,15 @@
 #include "flasher/espflasher.h"
+#include "flasher/esppackage.h"
 
 #include "flashertestkit.h"
 #include "modalanswerer.h"
 #include "scattertestfiles.h"
 
-#include <QAction>
-#include <QApplication>
-#include <QCheckBox>
 #include <QHeaderView>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QLineEdit>
 #include <QMenu>
-#include <QPushButton>
 #include <QSettings>
 #include <QTableWidget>
 #include <QTemporaryDir>
@@ -25,37 +22,59 @@ using namespace FlasherTestKit;
 
 namespace {
 
-constexpr int kindRole = Qt::UserRole + 7;
-constexpr int modeRole = Qt::UserRole + 2;
-constexpr int sizeRole = Qt::UserRole + 3;
-constexpr int frequencyRole = Qt::UserRole + 4;
-constexpr int md5Role = Qt::UserRole + 6;
+const QByteArray ff(1024, '\xFF');
+const QByteArray stub = noiseBytes(900, 7);
+// Firmware is never trimmed, even with a tail of 0xFF.
+const QByteArray boot = patternBytes(2048, 1) + ff;
+// Data, an interior block of 0xFF that stays, data, then a tail block of 0xFF.
+const QByteArray app = patternBytes(512, 2) + ff + patternBytes(512, 4) + ff;
+// 512 bytes, then a short last piece of 88 bytes of 0xFF.
+const QByteArray small = patternBytes(512, 3) + ff.left(88);
+const QString description = QStringLiteral("Demo package \u03a9 1.0");
 
-const QString selectTitle = QStringLiteral("Select scatter file");
-const QString parseTitle = QStringLiteral("Parse scatter file");
+QJsonArray goodSections()
+{
+    return {firmwareSection("0x0", "boot.bin", md5Hex(boot), "qio"),
+            applicationSection("0x10000", "app.bin", md5Hex(app).toLower()),
+            applicationSection("0x80000", "images/small.bin", md5Hex(small))};
+}
 
-QStringList menuEntries(QToolButton *tool)
+QByteArray scatterBytes(const QJsonArray &sections, const QString &chip = "ESP8266EX")
+{
+    return QJsonDocument(QJsonObject{{"chip", chip}, {"stub", "stub.elf"}, {"sections", sections}})
+        .toJson();
+}
+
+// "text=row" per action of a tool's menu.
+QStringList menuEntries(QWidget *flasher, const char *tool)
 {
     QStringList entries;
-    if (!tool->menu())
-        return entries;
-    for (QAction *action : tool->menu()->actions())
+    for (QAction *action : child<QToolButton>(flasher, tool)->menu()->actions())
         entries << QStringLiteral("%1=%2").arg(action->text()).arg(action->data().toInt());
     return entries;
 }
 
-QList<Qt::CheckState> activeStates(QTableWidget *table)
+// Everything a scatter table row holds: check state, type text and roles, the texts of
+// columns 2 to 4; "-" for a missing cell.
+QStringList rowCells(QTableWidget *table, int row)
 {
-    QList<Qt::CheckState> states;
-    for (int row = 0; row < table->rowCount(); ++row) {
-        const QTableWidgetItem *item = table->item(row, 0);
-        states << (item ? item->checkState() : Qt::PartiallyChecked);
+    QStringList cells;
+    const QTableWidgetItem *active = table->item(row, 0);
+    cells << (active ? QString::number(active->checkState()) : QStringLiteral("-"));
+    if (const QTableWidgetItem *type = table->item(row, 1)) {
+        cells << type->text();
+        for (int role : {7, 2, 3, 4, 6})
+            cells << type->data(Qt::UserRole + role).toString();
     }
-    return states;
+    for (int column = 2; column < 5; ++column)
+        cells << (table->item(row, column) ? table->item(row, column)->text() : QString("-"));
+    return cells;
 }
 
 } // namespace
 
+// Scatter files and packages: loading, refusals and creating packages. The worker here is
+// never connected.
 class TestEspFlasherScatter : public QObject
 {
     Q_OBJECT
@@ -66,49 +85,26 @@ private slots:
     void cleanup();
 
     void loadsLooseScatter();
-    void startsInRememberedDirectory();
-    void cancelChangesNothing();
-    void failures_data();
-    void failures();
-    void notAScatterObject_data();
-    void notAScatterObject();
-    void jsonNameIsLoose();
-    void missingLoader_data();
-    void missingLoader();
-    void currentLoaderIsKept();
-    void missingChecksum_data();
-    void missingChecksum();
-    void missingChecksumTimesOut();
+    void loadOutcomes_data();
+    void loadOutcomes();
     void skippedSectionInTheMiddle();
-    void skippedLastSection();
-    void endAddresses_data();
-    void endAddresses();
-    void headerClickAppliesHeaderState();
-    void flashSizeText();
-    void templateAdoptsConnectedChip();
-    void upgradeModeChoosesComponents_data();
-    void upgradeModeChoosesComponents();
-    void upgradeCancelled_data();
-    void upgradeCancelled();
+    void packageRoundTrip_data();
+    void packageRoundTrip();
+    void packageRefused_data();
+    void packageRefused();
 
 private:
-    void makeFlasher(ESPFlasher::RUN_MODE mode, quint32 flashBytes = 0x400000);
-    QJsonObject goodDocument() const;
-    QString dirPath(const QString &text) const;
-    void expectCleared();
+    QString path(const QString &name) const { return QDir(dir->path()).absoluteFilePath(name); }
+    QLineEdit *edit(const char *name) const { return child<QLineEdit>(flasher.get(), name); }
+    bool enabled(const char *name) { return child<QWidget>(flasher.get(), name)->isEnabled(); }
+    // A refused file leaves no scatter loaded and no package open.
+    void expectRefused(const QString &message);
 
     QTemporaryDir settingsDir;
-    std::unique_ptr<ScatterDir> files;
+    std::unique_ptr<QTemporaryDir> dir;
     std::unique_ptr<ModalAnswerer> answerer;
     std::unique_ptr<ESPFlasher> flasher;
     QTableWidget *table = nullptr;
-    QLineEdit *scatterEdit = nullptr;
-    QLineEdit *stubEdit = nullptr;
-    QPushButton *flashTool = nullptr;
-    QToolButton *readTool = nullptr;
-    QString stubPath;
-    QByteArray boot;
-    QByteArray app;
 };
 
 void TestEspFlasherScatter::initTestCase()
@@ -118,688 +114,358 @@ void TestEspFlasherScatter::initTestCase()
     isolateSettings(settingsDir.path());
 }
 
+// An identified chip and a loose scatter file of a firmware and two applications, loaded.
 void TestEspFlasherScatter::init()
 {
     QSettings().clear();
-    files = std::make_unique<ScatterDir>();
-    QVERIFY(files->isValid());
-    boot = patternBytes(3000, 1);
-    app = patternBytes(5000, 2);
-    stubPath = files->write(QStringLiteral("stub.elf"), patternBytes(700, 3));
-    QVERIFY(!files->write(QStringLiteral("boot.bin"), boot).isEmpty());
-    QVERIFY(!files->write(QStringLiteral("app.bin"), app).isEmpty());
+    dir = std::make_unique<QTemporaryDir>();
+    writeTestFile(dir->path(), "stub.elf", stub);
+    writeTestFile(dir->path(), "boot.bin", boot);
+    writeTestFile(dir->path(), "app.bin", app);
+    writeTestFile(dir->path(), "images/small.bin", small);
     answerer = std::make_unique<ModalAnswerer>();
-    makeFlasher(ESPFlasher::RUN_MODE_STANDALONE);
-}
-
-void TestEspFlasherScatter::makeFlasher(ESPFlasher::RUN_MODE mode, quint32 flashBytes)
-{
-    flasher = std::make_unique<ESPFlasher>(mode, nullptr);
+    flasher = std::make_unique<ESPFlasher>(ESPFlasher::RUN_MODE_STANDALONE, nullptr);
     table = child<QTableWidget>(flasher.get(), "scatterTable");
-    scatterEdit = child<QLineEdit>(flasher.get(), "scatterEdit");
-    stubEdit = child<QLineEdit>(flasher.get(), "stubEdit");
-    flashTool = child<QPushButton>(flasher.get(), "flashTool");
-    readTool = child<QToolButton>(flasher.get(), "readTool");
-    // In the upgrade mode an identification goes on to choosing a scatter file.
-    if (mode == ESPFlasher::RUN_MODE_STANDALONE)
-        QVERIFY(
-            deliverFinished(flasher.get(), true, 3, chipInfo("ESP8266EX", "00a1b2c3", flashBytes)));
+    QVERIFY(deliverFinished(flasher.get(), true, 3, chipInfo()));
+    // Only ".zip" makes a package: a ".json" name is a loose scatter file.
+    answerer->answerFile(writeTestFile(dir->path(), "scatter.json", scatterBytes(goodSections())));
+    QVERIFY(selectScatter(flasher.get()));
+    QCOMPARE(table->rowCount(), 3);
 }
 
 void TestEspFlasherScatter::cleanup()
 {
-    if (answerer) {
-        QCOMPARE(answerer->unexpected(), QStringList());
-        QCOMPARE(answerer->remaining(), 0);
-    }
+    QCOMPARE(answerer->unexpected(), QStringList());
+    QCOMPARE(answerer->remaining(), 0);
     flasher.reset();
     answerer.reset();
-    files.reset();
 }
 
-QJsonObject TestEspFlasherScatter::goodDocument() const
+void TestEspFlasherScatter::expectRefused(const QString &message)
 {
-    return QJsonObject{
-        {"chip", "ESP8266EX"},
-        {"stub", "stub.elf"},
-        {"sections", QJsonArray{firmwareSection("0x0", "boot.bin", md5Hex(boot)),
-                                applicationSection("0x1000", "app.bin", md5Hex(app).toLower())}}};
-}
-
-QString TestEspFlasherScatter::dirPath(const QString &text) const
-{
-    QString result = text;
-    return result.replace(QLatin1String("{dir}"), files->dir().absolutePath());
-}
-
-void TestEspFlasherScatter::expectCleared()
-{
+    QCOMPARE(answerer->last().title, QStringLiteral("Select scatter file"));
+    QCOMPARE(answerer->last().text, QString(message).replace("{dir}", dir->path()));
     QCOMPARE(table->rowCount(), 0);
-    QVERIFY(scatterEdit->text().isEmpty());
-    QVERIFY(!flashTool->isEnabled());
-    QVERIFY(!readTool->isEnabled());
+    QVERIFY(edit("scatterEdit")->text().isEmpty());
+    QVERIFY(!enabled("flashTool") && !enabled("readTool"));
+    // Refusals show a box and write nothing into the log.
+    QCOMPARE(logLines(flasher.get()), QStringList{line(green, "Retrieved chip info")});
+    // With no package open, packing asks for a target instead of refusing.
+    answerer->answerFile(QString());
+    child<QToolButton>(flasher.get(), "zipTool")->click();
+    QCOMPARE(answerer->last().title, QStringLiteral("Save Package As"));
 }
 
 void TestEspFlasherScatter::loadsLooseScatter()
 {
-    const QString path = files->writeScatter("scatter.txt", goodDocument());
-    answerer->answerFile(path);
-    QVERIFY(selectScatter(flasher.get()));
-
-    QCOMPARE(answerer->seen().size(), 1);
-    QCOMPARE(answerer->last().title, selectTitle);
-    QCOMPARE(answerer->last().items, QStringList{"Packages and Scatter files (*.zip *.txt)"});
-
-    QCOMPARE(scatterEdit->text(), path);
-    QCOMPARE(stubEdit->text(), stubPath);
-    QCOMPARE(QSettings().value("Scatter/Dir").toString(), files->dir().absolutePath());
-    QCOMPARE(table->rowCount(), 2);
-
-    const QTableWidgetItem *active = table->item(0, 0);
-    QVERIFY(active->flags() & Qt::ItemIsUserCheckable);
-    QCOMPARE(active->checkState(), Qt::Checked);
-    QVERIFY(active->text().isEmpty());
-    const QTableWidgetItem *firmware = table->item(0, 1);
-    QCOMPARE(firmware->text(), QStringLiteral("Firmware"));
-    QCOMPARE(firmware->data(kindRole).toInt(), 0);
-    QVERIFY(firmware->data(kindRole).isValid());
-    QCOMPARE(firmware->data(modeRole).toString(), QStringLiteral("dio"));
-    QCOMPARE(firmware->data(sizeRole).toString(), QStringLiteral("4MB"));
-    QCOMPARE(firmware->data(frequencyRole).toString(), QStringLiteral("40m"));
-    QCOMPARE(firmware->data(md5Role).toString(), md5Hex(boot));
-    QCOMPARE(table->item(0, 2)->text(), QStringLiteral("0x00000000"));
-    QCOMPARE(table->item(0, 3)->text(), QStringLiteral("0x00000bb8"));
-    QCOMPARE(table->item(0, 4)->text(), QStringLiteral("boot.bin"));
-
-    const QTableWidgetItem *application = table->item(1, 1);
-    QCOMPARE(table->item(1, 0)->checkState(), Qt::Checked);
-    QCOMPARE(application->text(), QStringLiteral("Application"));
-    QCOMPARE(application->data(kindRole).toInt(), 1);
-    QVERIFY(!application->data(sizeRole).isValid());
-    QCOMPARE(application->data(md5Role).toString(), md5Hex(app).toLower());
-    QCOMPARE(table->item(1, 2)->text(), QStringLiteral("0x00001000"));
-    QCOMPARE(table->item(1, 3)->text(), QStringLiteral("0x00002388"));
-    QCOMPARE(table->item(1, 4)->text(), QStringLiteral("app.bin"));
-
-    QVERIFY(flashTool->isEnabled());
-    QVERIFY(readTool->isEnabled());
-    QCOMPARE(menuEntries(child<QToolButton>(flasher.get(), "eraseTool")),
-             (QStringList{"Erase boot.bin region=0", "Erase app.bin region=1"}));
-    QCOMPARE(menuEntries(child<QToolButton>(flasher.get(), "verifyTool")),
-             (QStringList{"Verify boot.bin region=0", "Verify app.bin region=1"}));
+    QCOMPARE(answerer->last().title + "|" + answerer->last().items.join(','),
+             "Select scatter file|Packages and Scatter files (*.zip *.txt)");
+    QCOMPARE(edit("scatterEdit")->text(), path("scatter.json"));
+    QCOMPARE(edit("stubEdit")->text(), path("stub.elf"));
+    QCOMPARE(QSettings().value("Scatter/Dir").toString(), dir->path());
+    QCOMPARE(rowCells(table, 0),
+             (QStringList{"2", "Firmware", "0", "qio", "4MB", "40m", md5Hex(boot), "0x00000000",
+                          "0x00000c00", "boot.bin"}));
+    QCOMPARE(rowCells(table, 1),
+             (QStringList{"2", "Application", "1", "", "", "", md5Hex(app).toLower(), "0x00010000",
+                          "0x00010c00", "app.bin"}));
+    QCOMPARE(menuEntries(flasher.get(), "eraseTool"),
+             (QStringList{"Erase boot.bin region=0", "Erase app.bin region=1",
+                          "Erase small.bin region=2"}));
+    QVERIFY(enabled("flashTool") && enabled("readTool"));
     // A loose file logs nothing when it loads.
-    QCOMPARE(logStrings(flasher.get()), QStringList{line(green, "Retrieved chip info")});
-}
+    QCOMPARE(logLines(flasher.get()), QStringList{line(green, "Retrieved chip info")});
 
-void TestEspFlasherScatter::startsInRememberedDirectory()
-{
-    const QString path = files->writeScatter("scatter.txt", goodDocument());
-    answerer->answerFile(path);
-    QVERIFY(selectScatter(flasher.get()));
-
-    // A new dialog starts where the last file was chosen; so does the loader chooser.
-    makeFlasher(ESPFlasher::RUN_MODE_STANDALONE);
-    answerer->answerFile(QString());
-    QVERIFY(!selectScatter(flasher.get()));
-    QCOMPARE(answerer->last().directory, files->dir().absolutePath());
-
-    answerer->answerFile(stubPath);
-    child<QToolButton>(flasher.get(), "stubSelTool")->click();
-    QCOMPARE(answerer->last().title, QStringLiteral("Select Flash Loader"));
-    QCOMPARE(answerer->last().items, QStringList{"Elf files (*.elf)"});
-    QCOMPARE(answerer->last().directory, files->dir().absolutePath());
-    QCOMPARE(stubEdit->text(), stubPath);
-
-    // Cancelling the loader chooser keeps the loader.
-    answerer->answerFile(QString());
-    child<QToolButton>(flasher.get(), "stubSelTool")->click();
-    QCOMPARE(stubEdit->text(), stubPath);
-}
-
-void TestEspFlasherScatter::cancelChangesNothing()
-{
-    const QString path = files->writeScatter("scatter.txt", goodDocument());
-    answerer->answerFile(path);
-    QVERIFY(selectScatter(flasher.get()));
+    // Cancelling the chooser, which starts at the loaded file, changes nothing.
     table->item(1, 0)->setCheckState(Qt::Unchecked);
-
     answerer->answerFile(QString());
     QVERIFY(!selectScatter(flasher.get()));
-    // The chooser started at the loaded file.
-    QCOMPARE(answerer->last().directory, files->dir().absolutePath());
-    QCOMPARE(scatterEdit->text(), path);
-    QCOMPARE(stubEdit->text(), stubPath);
-    QCOMPARE(table->rowCount(), 2);
-    QCOMPARE(activeStates(table), (QList<Qt::CheckState>{Qt::Checked, Qt::Unchecked}));
-    QVERIFY(flashTool->isEnabled());
-    QVERIFY(readTool->isEnabled());
-}
+    QCOMPARE(answerer->last().directory, dir->path());
+    QCOMPARE(edit("scatterEdit")->text(), path("scatter.json"));
+    QCOMPARE(rowCells(table, 1).first(), QStringLiteral("0"));
+    QVERIFY(enabled("flashTool"));
 
-void TestEspFlasherScatter::failures_data()
-{
-    QTest::addColumn<QJsonObject>("document");
-    QTest::addColumn<QString>("message");
-
-    // The bytes init() writes.
-    const QString boot = md5Hex(patternBytes(3000, 1));
-    const QString app = md5Hex(patternBytes(5000, 2));
-    const auto document = [](const QString &chip, const QJsonArray &sections) {
-        QJsonObject object{{"stub", "stub.elf"}, {"sections", sections}};
-        if (!chip.isNull())
-            object.insert("chip", chip);
-        return object;
+    // A click on the "Active" header gives every row the header's mark; other columns do not.
+    const auto marks = [this] {
+        return rowCells(table, 0).first() + rowCells(table, 1).first() + rowCells(table, 2).first();
     };
-    const QJsonArray good{firmwareSection("0x0", "boot.bin", boot),
-                          applicationSection("0x1000", "app.bin", app)};
+    table->horizontalHeader()->sectionClicked(0);
+    QCOMPARE(marks(), QStringLiteral("222"));
+    table->horizontalHeaderItem(0)->setCheckState(Qt::Unchecked);
+    table->horizontalHeader()->sectionClicked(4);
+    QCOMPARE(marks(), QStringLiteral("222"));
+    table->horizontalHeader()->sectionClicked(0);
+    QCOMPARE(marks(), QStringLiteral("000"));
 
-    QTest::newRow("another chip")
-        << document("ESP8285", good)
-        << "This scatter file belongs to a different chip (ESP8285 vs ESP8266EX / 00a1b2c3)";
-    QTest::newRow("no chip") << document(QString(), good)
-                             << "This scatter file belongs to a different chip ( vs ESP8266EX / "
-                                "00a1b2c3)";
-    QTest::newRow("no sections") << document("ESP8266EX", QJsonArray())
-                                 << "This scatter file is invalid (no section definitions present)";
-    QTest::newRow("missing file") << document(
-                                         "ESP8266EX",
-                                         QJsonArray{firmwareSection("0x0", "boot.bin", boot),
-                                                    applicationSection("0x1000", "gone.bin", app)})
-                                  << "File gone.bin (application) does not exist";
-    QTest::newRow("bad address") << document("ESP8266EX",
-                                             QJsonArray{firmwareSection("0xZZ", "boot.bin", boot)})
-                                 << "Section firmware address 0xZZ is invalid";
-    QJsonObject numeric = applicationSection("", "app.bin", app);
-    numeric.insert("address", 4096);
-    QTest::newRow("address as a number")
-        << document("ESP8266EX", QJsonArray{numeric}) << "Section application address  is invalid";
-    QJsonObject noOptions = firmwareSection("0x0", "boot.bin", boot);
-    noOptions.remove("options");
-    QTest::newRow("no firmware options")
-        << document("ESP8266EX", QJsonArray{noOptions}) << "Mandatory firmware options are missing";
-    QTest::newRow("empty flash mode")
-        << document("ESP8266EX", QJsonArray{firmwareSection("0x0", "boot.bin", boot, "")})
-        << "Mandatory firmware options are missing";
-    QJsonObject textOptions = firmwareSection("0x0", "boot.bin", boot);
-    textOptions.insert("options", "dio");
-    QTest::newRow("options not an object") << document("ESP8266EX", QJsonArray{textOptions})
-                                           << "Mandatory firmware options are missing";
-    const QString wrong = md5Hex(QByteArray("something else"));
-    QTest::newRow("md5 mismatch")
-        << document("ESP8266EX", QJsonArray{applicationSection("0x1000", "app.bin", app),
-                                            firmwareSection("0x0", "boot.bin", wrong)})
-        << QStringLiteral("The data within the package is corrupted (saved md5 %1 does not match "
-                          "the computed one %2 for file {dir}/boot.bin)")
-               .arg(wrong, boot);
-}
-
-void TestEspFlasherScatter::failures()
-{
-    QFETCH(QJsonObject, document);
-    QFETCH(QString, message);
-
-    // A good scatter first: a failed load must leave nothing of it behind.
-    answerer->answerFile(files->writeScatter("good.txt", goodDocument()));
-    QVERIFY(selectScatter(flasher.get()));
-    QCOMPARE(table->rowCount(), 2);
-
-    answerer->answerFile(files->writeScatter("bad.txt", document));
+    // A loader field that names no file: the run stops before it starts.
+    edit("stubEdit")->clear();
     answerer->answerBox(QMessageBox::Ok);
-    QVERIFY(!selectScatter(flasher.get()));
-
-    QCOMPARE(answerer->last().className, QStringLiteral("QMessageBox"));
-    QCOMPARE(answerer->last().title, selectTitle);
-    QCOMPARE(answerer->last().text, dirPath(message));
-    expectCleared();
-    // Failures show a box and write nothing into the log.
-    QCOMPARE(logStrings(flasher.get()), QStringList{line(green, "Retrieved chip info")});
+    QVERIFY(QMetaObject::invokeMethod(flasher.get(), "on_flashTool_clicked"));
+    QCOMPARE(answerer->last().title + "|" + answerer->last().text,
+             "Flash Loader|Flash loader file " + dir->path() + " does not exist!");
+    QCOMPARE(logLines(flasher.get()).size(), 1);
 }
 
-void TestEspFlasherScatter::notAScatterObject_data()
+void TestEspFlasherScatter::loadOutcomes_data()
 {
     QTest::addColumn<QByteArray>("bytes");
-    QTest::newRow("array") << QByteArray("[1, 2]");
-    QTest::newRow("broken") << QByteArray("{\"chip\": ");
-    QTest::newRow("empty") << QByteArray();
+    QTest::addColumn<QStringList>("answers"); // "Yes", "No", "wait" (unanswered), "loader"
+    QTest::addColumn<QString>("question");    // text|default button; {dir}: the folder
+    QTest::addColumn<QString>("message");     // the refusal; empty: loaded
+    QTest::addColumn<QString>("logged");      // the last log line when loaded
+
+    const auto row = [](const char *name, const QByteArray &bytes, const QStringList &answers,
+                        const QString &question, const QString &message, const QString &logged) {
+        QTest::newRow(name) << bytes << answers << question << message << logged;
+    };
+    QJsonObject noOptions = firmwareSection("0x0", "boot.bin", md5Hex(boot));
+    noOptions.remove("options");
+    const QString wrong = md5Hex("something else");
+    QByteArray missingStub = scatterBytes(goodSections());
+    missingStub.replace("stub.elf", "missing.elf");
+    const QByteArray noMd5 = scatterBytes({applicationSection("0x1000", "app.bin", "")});
+    const QString loaderQuestion =
+        "This scatter file does not specify a flash loader, but should. Or the flash loader "
+        "file ({dir}/missing.elf) is missing|&No";
+    const QString md5Question = "Section {dir}/app.bin is missing an md5 checksum. "
+                                "Proceed?<br>Current md5: " +
+                                md5Hex(app) + "|&No (10)";
+    const QString noChecksum = "No saved checksum for {dir}/app.bin";
+
+    row("another chip", scatterBytes(goodSections(), "ESP8285"), {}, "",
+        "This scatter file belongs to a different chip (ESP8285 vs ESP8266EX / 00a1b2c3)", "");
+    row("missing file", scatterBytes({applicationSection("0x1000", "gone.bin", md5Hex(app))}), {},
+        "", "File gone.bin (application) does not exist", "");
+    row("bad address", scatterBytes({firmwareSection("0xZZ", "boot.bin", md5Hex(boot))}), {}, "",
+        "Section firmware address 0xZZ is invalid", "");
+    row("no firmware options", scatterBytes({noOptions}), {}, "",
+        "Mandatory firmware options are missing", "");
+    row("md5 mismatch",
+        scatterBytes({applicationSection("0x1000", "app.bin", md5Hex(app)),
+                      firmwareSection("0x0", "boot.bin", wrong)}),
+        {}, "",
+        "The data within the package is corrupted (saved md5 " + wrong +
+            " does not match the computed one " + md5Hex(boot) + " for file {dir}/boot.bin)",
+        "");
+    row("not an object", "[1, 2]", {}, "",
+        "{dir}/scatter.txt is not a valid scatter file: no error occurred", "");
+    row("loader missing, No", missingStub, {"No"}, loaderQuestion,
+        "The mandatory flash loader file is missing", "");
+    row("loader missing, Yes and chosen", missingStub, {"Yes", "loader"}, loaderQuestion, "",
+        line(green, "Retrieved chip info"));
+    row("md5 missing, No", noMd5, {"No"}, md5Question, noChecksum, "");
+    row("md5 missing, Yes", noMd5, {"Yes"}, md5Question, "",
+        line(amber, "Proceeding without checksum verification for %1 as per users request"));
+    // Nobody answers: No is pressed after ten seconds.
+    row("md5 missing, unanswered", noMd5, {"wait"}, md5Question, noChecksum, "");
 }
 
-void TestEspFlasherScatter::notAScatterObject()
+// A loose scatter file over the loaded one: refused with a box, or loaded after questions.
+void TestEspFlasherScatter::loadOutcomes()
 {
     QFETCH(QByteArray, bytes);
+    QFETCH(QStringList, answers);
+    QFETCH(QString, question);
+    QFETCH(QString, message);
+    QFETCH(QString, logged);
 
-    QJsonParseError parseError;
-    QJsonDocument::fromJson(bytes, &parseError);
-    const QString path = files->write("list.txt", bytes);
-    answerer->answerFile(path);
-    answerer->answerBox(QMessageBox::Ok);
-    QVERIFY(!selectScatter(flasher.get()));
-    QCOMPARE(
-        answerer->last().text,
-        QStringLiteral("%1 is not a valid scatter file: %2").arg(path, parseError.errorString()));
-    expectCleared();
-}
-
-// Only ".zip" makes a package: a ".json" name is read as a loose scatter file.
-void TestEspFlasherScatter::jsonNameIsLoose()
-{
-    const QString path = files->writeScatter("scatter.json", goodDocument());
-    answerer->answerFile(path);
-    QVERIFY(selectScatter(flasher.get()));
-    QCOMPARE(scatterEdit->text(), path);
-    QCOMPARE(table->rowCount(), 2);
-}
-
-void TestEspFlasherScatter::missingLoader_data()
-{
-    QTest::addColumn<QString>("stub");
-    QTest::addColumn<int>("answer");
-    QTest::addColumn<bool>("choose");
-    QTest::addColumn<bool>("loaded");
-
-    QTest::newRow("no stub key, answered No")
-        << QString() << int(QMessageBox::No) << false << false;
-    QTest::newRow("missing stub, answered No")
-        << "missing.elf" << int(QMessageBox::No) << false << false;
-    QTest::newRow("answered Yes, loader chosen")
-        << "missing.elf" << int(QMessageBox::Yes) << true << true;
-    QTest::newRow("answered Yes, chooser cancelled")
-        << "missing.elf" << int(QMessageBox::Yes) << false << false;
-}
-
-void TestEspFlasherScatter::missingLoader()
-{
-    QFETCH(QString, stub);
-    QFETCH(int, answer);
-    QFETCH(bool, choose);
-    QFETCH(bool, loaded);
-
-    QJsonObject document = goodDocument();
-    document.remove("stub");
-    if (!stub.isNull())
-        document.insert("stub", stub);
-    const QString path = files->writeScatter("scatter.txt", document);
-
-    answerer->answerFile(path);
-    answerer->answerBox(QMessageBox::StandardButton(answer));
-    if (answer == QMessageBox::Yes)
-        answerer->answerFile(choose ? stubPath : QString());
-    if (!loaded)
-        answerer->answerBox(QMessageBox::Ok);
-    QCOMPARE(selectScatter(flasher.get()), loaded);
-
-    const ModalAnswerer::Seen question = answerer->seen().at(1);
-    QCOMPARE(question.title, parseTitle);
-    QCOMPARE(question.defaultButton, QStringLiteral("&No"));
-    QCOMPARE(question.text,
-             QStringLiteral("This scatter file does not specify a flash loader, but should. Or "
-                            "the flash loader file (%1) is missing")
-                 .arg(files->dir().absoluteFilePath(stub)));
-    if (answer == QMessageBox::Yes)
-        QCOMPARE(answerer->seen().at(2).title, QStringLiteral("Select Flash Loader"));
-
-    if (loaded) {
-        QCOMPARE(stubEdit->text(), stubPath);
-        QCOMPARE(table->rowCount(), 2);
-        QCOMPARE(scatterEdit->text(), path);
-    } else {
-        QCOMPARE(answerer->last().text,
-                 QStringLiteral("The mandatory flash loader file is missing"));
-        QVERIFY(stubEdit->text().isEmpty());
-        expectCleared();
+    edit("stubEdit")->clear();
+    answerer->answerFile(writeTestFile(dir->path(), "scatter.txt", bytes));
+    for (const QString &answer : answers) {
+        if (answer == QLatin1String("wait"))
+            answerer->leaveBox();
+        else if (answer == QLatin1String("loader"))
+            answerer->answerFile(path("stub.elf"));
+        else
+            answerer->answerBox(answer == QLatin1String("Yes") ? QMessageBox::Yes
+                                                               : QMessageBox::No);
     }
-}
-
-// A loader already chosen is used for a scatter file that names none, without a question.
-void TestEspFlasherScatter::currentLoaderIsKept()
-{
-    answerer->answerFile(stubPath);
-    child<QToolButton>(flasher.get(), "stubSelTool")->click();
-    QCOMPARE(stubEdit->text(), stubPath);
-
-    QJsonObject document = goodDocument();
-    document.remove("stub");
-    answerer->answerFile(files->writeScatter("scatter.txt", document));
-    QVERIFY(selectScatter(flasher.get()));
-    QCOMPARE(stubEdit->text(), stubPath);
-    QCOMPARE(answerer->seen().size(), 2);
-}
-
-void TestEspFlasherScatter::missingChecksum_data()
-{
-    QTest::addColumn<int>("answer");
-    QTest::newRow("Yes") << int(QMessageBox::Yes);
-    QTest::newRow("No") << int(QMessageBox::No);
-}
-
-void TestEspFlasherScatter::missingChecksum()
-{
-    QFETCH(int, answer);
-
-    QJsonObject document = goodDocument();
-    document.insert("sections", QJsonArray{firmwareSection("0x0", "boot.bin", md5Hex(boot)),
-                                           applicationSection("0x1000", "app.bin", QString())});
-    answerer->answerFile(files->writeScatter("scatter.txt", document));
-    answerer->answerBox(QMessageBox::StandardButton(answer));
-    const bool yes = answer == QMessageBox::Yes;
-    if (!yes)
+    if (!message.isEmpty())
         answerer->answerBox(QMessageBox::Ok);
-    QCOMPARE(selectScatter(flasher.get()), yes);
-
-    const ModalAnswerer::Seen question = answerer->seen().at(1);
-    QCOMPARE(question.className, QStringLiteral("QAutoCloseMessageBox"));
-    QCOMPARE(question.title, parseTitle);
-    QCOMPARE(question.text, QStringLiteral("Section %1 is missing an md5 checksum. Proceed?<br>"
-                                           "Current md5: %2")
-                                .arg(files->path("app.bin"), md5Hex(app)));
-    // No is pressed by itself after ten seconds.
-    QCOMPARE(question.defaultButton, QStringLiteral("&No (10)"));
-
-    if (yes) {
-        QCOMPARE(table->rowCount(), 2);
-        QVERIFY(table->item(1, 1)->data(md5Role).toString().isEmpty());
-        QCOMPARE(logStrings(flasher.get()).last(),
-                 line(amber, "Proceeding without checksum verification for %1 as per users "
-                             "request"));
-    } else {
-        QCOMPARE(answerer->last().text,
-                 QStringLiteral("No saved checksum for %1").arg(files->path("app.bin")));
-        expectCleared();
+    QCOMPARE(selectScatter(flasher.get()), message.isEmpty());
+    if (!question.isEmpty()) {
+        const ModalAnswerer::Seen asked = answerer->seen().at(2);
+        QCOMPARE(asked.title, QStringLiteral("Parse scatter file"));
+        QCOMPARE(asked.text + "|" + asked.defaultButton, question.replace("{dir}", dir->path()));
     }
-}
-
-void TestEspFlasherScatter::missingChecksumTimesOut()
-{
-    QJsonObject document = goodDocument();
-    document.insert("sections", QJsonArray{applicationSection("0x1000", "app.bin", QString())});
-    answerer->answerFile(files->writeScatter("scatter.txt", document));
-    answerer->leaveBox();
-    answerer->answerBox(QMessageBox::Ok);
-    QVERIFY(!selectScatter(flasher.get()));
-    QCOMPARE(answerer->seen().size(), 3);
-    QCOMPARE(answerer->last().text,
-             QStringLiteral("No saved checksum for %1").arg(files->path("app.bin")));
-    expectCleared();
+    if (!message.isEmpty()) {
+        expectRefused(message);
+        return;
+    }
+    QCOMPARE(table->rowCount(), QJsonDocument::fromJson(bytes)["sections"].toArray().size());
+    QCOMPARE(edit("stubEdit")->text(), path("stub.elf"));
+    QCOMPARE(logLines(flasher.get()).last(), logged);
 }
 
 void TestEspFlasherScatter::skippedSectionInTheMiddle()
 {
-    QJsonObject document = goodDocument();
-    QJsonObject capital = firmwareSection("0x40000", "boot.bin", md5Hex(boot));
+    QJsonArray sections = goodSections();
+    QJsonObject capital = sections.at(0).toObject();
     capital.insert("type", "Firmware");
-    document.insert("sections",
-                    QJsonArray{firmwareSection("0x0", "boot.bin", md5Hex(boot)), capital,
-                               applicationSection("0x1000", "app.bin", md5Hex(app))});
-    answerer->answerFile(files->writeScatter("scatter.txt", document));
+    sections.insert(1, capital);
+    answerer->answerFile(writeTestFile(dir->path(), "skip.txt", scatterBytes(sections)));
     QVERIFY(selectScatter(flasher.get()));
 
-    QCOMPARE(logStrings(flasher.get()).last(),
-             line(amber, "Skip unknown scatter section Firmware"));
-    QCOMPARE(table->rowCount(), 2);
-    QCOMPARE(table->item(0, 4)->text(), QStringLiteral("boot.bin"));
-    for (int column = 0; column < table->columnCount(); ++column)
-        QVERIFY(table->item(1, column) == nullptr);
-
-    // The row without cells gets no menu entries, and nothing that walks rows trips on it.
-    QCOMPARE(menuEntries(child<QToolButton>(flasher.get(), "eraseTool")),
-             QStringList{"Erase boot.bin region=0"});
-    QCOMPARE(menuEntries(child<QToolButton>(flasher.get(), "verifyTool")),
-             QStringList{"Verify boot.bin region=0"});
-    QVERIFY(flashTool->isEnabled());
-    flasher->parseFinish();
+    // The table shrinks by a row, but later sections keep their index: the skipped one's row
+    // stays without cells and the last section drops out.
+    QCOMPARE(logLines(flasher.get()).last(), line(amber, "Skip unknown scatter section Firmware"));
+    QCOMPARE(table->rowCount(), 3);
+    QCOMPARE(rowCells(table, 1), (QStringList{"-", "-", "-", "-"}));
+    QCOMPARE(rowCells(table, 2).last(), QStringLiteral("app.bin"));
+    QCOMPARE(menuEntries(flasher.get(), "verifyTool"),
+             (QStringList{"Verify boot.bin region=0", "Verify app.bin region=2"}));
+    // Nothing that walks the rows trips on it.
+    answerer->expect("FlashTypeSelector",
+                     [](QWidget *modal) { static_cast<QDialog *>(modal)->accept(); });
     QVERIFY(flasher->autoSelectByType());
     QCOMPARE(flasher->getScatterFlashSize(), QStringLiteral("4MB"));
-    QMetaObject::invokeMethod(flasher.get(), "scatterTableHeaderClickHandler", Qt::DirectConnection,
-                              Q_ARG(int, 0));
-    // The action waits for the loader first (which the unconnected worker cannot load).
-    answerer->ignore("QProgressDialog");
-    for (QAction *action : child<QToolButton>(flasher.get(), "eraseTool")->menu()->actions())
-        action->trigger();
-    QCOMPARE(activeStates(table), (QList<Qt::CheckState>{Qt::Checked, Qt::PartiallyChecked}));
+    QVERIFY(
+        QMetaObject::invokeMethod(flasher.get(), "scatterTableHeaderClickHandler", Q_ARG(int, 0)));
+    QCOMPARE(rowCells(table, 1).first(), QStringLiteral("-"));
 }
 
-void TestEspFlasherScatter::skippedLastSection()
+void TestEspFlasherScatter::packageRoundTrip_data()
 {
-    QJsonObject document = goodDocument();
-    QJsonObject unknown = applicationSection("0x80000", "app.bin", md5Hex(app));
-    unknown.insert("type", "bootloader");
-    document.insert("sections",
-                    QJsonArray{firmwareSection("0x0", "boot.bin", md5Hex(boot)),
-                               applicationSection("0x1000", "app.bin", md5Hex(app)), unknown});
-    answerer->answerFile(files->writeScatter("scatter.txt", document));
+    QTest::addColumn<QString>("text"); // the description typed; null: the prompt is cancelled
+    QTest::addColumn<bool>("trim");
+    QTest::addColumn<QStringList>("saved"); // "Saved..." log lines, {dir}: the folder
+
+    const QStringList trimmed{
+        "Saved 1024 bytes from {dir}/app.bin (removed trailing FF's)",
+        "Saved 512 bytes from {dir}/images/small.bin (removed trailing FF's)"};
+    QTest::newRow("trimmed") << description << true << trimmed;
+    QTest::newRow("not trimmed") << description << false << QStringList();
+    // An empty description still packages: the password then comes from the salt alone.
+    QTest::newRow("no description") << QString() << true << trimmed;
+}
+
+// A package made of the loose scatter file holds every file, protected by the password of its
+// description, and loads back through the dialog.
+void TestEspFlasherScatter::packageRoundTrip()
+{
+    QFETCH(QString, text);
+    QFETCH(bool, trim);
+    QFETCH(QStringList, saved);
+
+    answerer->answerFile(path("release"));
+    if (text.isNull())
+        answerer->cancelInput();
+    else
+        answerer->answerInput(text);
+    answerer->answerBox(trim ? QMessageBox::Yes : QMessageBox::No);
+    child<QToolButton>(flasher.get(), "zipTool")->click();
+    const QVector<ModalAnswerer::Seen> seen = answerer->seen();
+    QCOMPARE(seen.at(1).title + "|" + seen.at(1).items.join(',') + "|" + seen.at(1).directory,
+             "Save Package As|ZIP packages (*.zip)|" + dir->path());
+    QCOMPARE(seen.at(2).title + "|" + seen.at(2).text,
+             QStringLiteral("Create Package|Package Description:"));
+    QCOMPARE(seen.at(3).text,
+             QStringLiteral("Remove FF's from the end of application images to save space?"));
+    const QString zipPath = path("release.zip");
+    QStringList expected{line(green, "Retrieved chip info")};
+    for (QString entry : saved)
+        expected << line(green, entry.replace("{dir}", dir->path()));
+    QCOMPARE(logLines(flasher.get()), expected << line(green, "Created zip package in " + zipPath));
+
+    EspPackage package(zipPath);
+    QVERIFY(package.open());
+    const QString comment = text.isNull() ? QString() : description;
+    QCOMPARE(package.comment(), comment);
+    QCOMPARE(package.entryNames(), (QStringList{"esp8266_loader_stub.elf", "boot.bin", "app.bin",
+                                                "small.bin", "scatter.txt"}));
+    QByteArray stored[5];
+    for (int i = 0; i < 5; ++i)
+        QCOMPARE(package.readEntry(package.entryNames().at(i), &stored[i]),
+                 EspPackage::EntryStatus::Ok);
+    package.close();
+    QCOMPARE(stored[0], stub);
+    QCOMPARE(stored[1], boot);
+    QCOMPARE(stored[2], trim ? app.left(2048) : app);
+    QCOMPARE(stored[3], trim ? small.left(512) : small);
+    const QJsonArray sections = QJsonDocument::fromJson(stored[4])["sections"].toArray();
+    QCOMPARE(sections.at(0)["md5"].toString(), md5Hex(boot));
+    QCOMPARE(sections.at(1)["md5"].toString(), md5Hex(stored[2]));
+    QCOMPARE(sections.at(2)["file"].toString(), QStringLiteral("small.bin"));
+
+    // Loaded back, under a name whose suffix differs in case.
+    const QString upper = path("FIRMWARE.ZIP");
+    QVERIFY(QFile::rename(zipPath, upper));
+    answerer->answerFile(upper);
     QVERIFY(selectScatter(flasher.get()));
-    QCOMPARE(table->rowCount(), 2);
-    QCOMPARE(table->item(0, 4)->text(), QStringLiteral("boot.bin"));
-    QCOMPARE(table->item(1, 4)->text(), QStringLiteral("app.bin"));
-    QCOMPARE(logStrings(flasher.get()).last(),
-             line(amber, "Skip unknown scatter section bootloader"));
-}
+    QCOMPARE(logLines(flasher.get()).last(),
+             line(green, QStringLiteral("Loaded package %1: %2").arg(upper, comment)));
+    QCOMPARE(edit("stubEdit")->text(), QStringLiteral("esp8266_loader_stub.elf"));
+    QCOMPARE(table->rowCount(), 3);
+    QCOMPARE(rowCells(table, 1).at(6), md5Hex(stored[2]));
+    // Without a size key a region is as long as the stored entry.
+    QCOMPARE(rowCells(table, 1).at(8), trim ? QStringLiteral("0x00010800") : "0x00010c00");
+    QVERIFY(enabled("flashTool"));
+    // Reading and packing work on loose files: not while a package is open.
+    QVERIFY(!enabled("readTool"));
+    child<QToolButton>(flasher.get(), "zipTool")->click();
+    QCOMPARE(logLines(flasher.get()).last(), line(amber, "The operation is not supported"));
 
-void TestEspFlasherScatter::endAddresses_data()
-{
-    QTest::addColumn<QString>("address");
-    QTest::addColumn<QString>("size");
-    QTest::addColumn<QString>("start");
-    QTest::addColumn<QString>("end");
-
-    // app.bin holds 5000 bytes (0x1388).
-    QTest::newRow("hex, size given") << "0x1000"
-                                     << "0x100"
-                                     << "0x00001000"
-                                     << "0x00001100";
-    QTest::newRow("decimal, file size") << "4096" << QString() << "0x00001000"
-                                        << "0x00002388";
-    QTest::newRow("hex, file size") << "0x1000" << QString() << "0x00001000"
-                                    << "0x00002388";
-    QTest::newRow("kb suffix, size in kb") << "64kb"
-                                           << "4kb"
-                                           << "0x00010000"
-                                           << "0x00011000";
-    QTest::newRow("octal") << "010000"
-                           << "0"
-                           << "0x00001000"
-                           << "0x00001000";
-}
-
-void TestEspFlasherScatter::endAddresses()
-{
-    QFETCH(QString, address);
-    QFETCH(QString, size);
-    QFETCH(QString, start);
-    QFETCH(QString, end);
-
-    QJsonObject section = applicationSection(address, "app.bin", md5Hex(app));
-    if (!size.isNull())
-        section.insert("size", size);
-    QJsonObject document = goodDocument();
-    document.insert("sections", QJsonArray{section});
-    answerer->answerFile(files->writeScatter("scatter.txt", document));
-    QVERIFY(selectScatter(flasher.get()));
-    QCOMPARE(table->item(0, 2)->text(), start);
-    QCOMPARE(table->item(0, 3)->text(), end);
-}
-
-void TestEspFlasherScatter::headerClickAppliesHeaderState()
-{
-    answerer->answerFile(files->writeScatter("scatter.txt", goodDocument()));
-    QVERIFY(selectScatter(flasher.get()));
-    flasher->show();
-    QVERIFY(QTest::qWaitForWindowExposed(flasher.get()));
-
-    QHeaderView *header = table->horizontalHeader();
-    const auto clickHeader = [header](int section) {
-        const QPoint centre(header->sectionViewportPosition(section) +
-                                header->sectionSize(section) / 2,
-                            header->height() / 2);
-        QTest::mouseClick(header->viewport(), Qt::LeftButton, Qt::NoModifier, centre);
-    };
-    const QList<Qt::CheckState> all{Qt::Checked, Qt::Checked};
-    const QList<Qt::CheckState> none{Qt::Unchecked, Qt::Unchecked};
-
-    for (int row = 0; row < table->rowCount(); ++row)
-        table->item(row, 0)->setCheckState(Qt::Unchecked);
-    // The header starts checked: a click checks every row, and the header stays as it is.
-    clickHeader(0);
-    QCOMPARE(activeStates(table), all);
-    QCOMPARE(table->horizontalHeaderItem(0)->checkState(), Qt::Checked);
-
-    table->horizontalHeaderItem(0)->setCheckState(Qt::Unchecked);
-    clickHeader(0);
-    QCOMPARE(activeStates(table), none);
-
-    // Other columns leave the marks alone.
-    table->horizontalHeaderItem(0)->setCheckState(Qt::Checked);
-    clickHeader(1);
-    clickHeader(4);
-    QCOMPARE(activeStates(table), none);
-}
-
-void TestEspFlasherScatter::flashSizeText()
-{
-    answerer->answerFile(files->writeScatter("scatter.txt", goodDocument()));
-    QVERIFY(selectScatter(flasher.get()));
-    const int lines = logStrings(flasher.get()).size();
-    QCOMPARE(flasher->getScatterFlashSize(), QStringLiteral("4MB"));
-    QCOMPARE(logStrings(flasher.get()).size(), lines);
-
-    // No firmware row: the size guessed from the chip's flash ID.
-    QJsonObject document = goodDocument();
-    document.insert("sections", QJsonArray{applicationSection("0x1000", "app.bin", md5Hex(app))});
-    const QString applicationOnly = files->writeScatter("application.txt", document);
-    answerer->answerFile(applicationOnly);
-    QVERIFY(selectScatter(flasher.get()));
-    QCOMPARE(flasher->getScatterFlashSize(), QStringLiteral("4Mb"));
-    QCOMPARE(logStrings(flasher.get()).last(),
-             line(amber, "There is no firmware files in the current scatter - using guessed "
-                         "flash memory size 4Mb"));
-
-    // Neither: nothing to go by.
-    makeFlasher(ESPFlasher::RUN_MODE_STANDALONE, 0);
-    answerer->answerFile(applicationOnly);
-    QVERIFY(selectScatter(flasher.get()));
-    QVERIFY(flasher->getScatterFlashSize().isEmpty());
-    QCOMPARE(logStrings(flasher.get()).last(),
-             line(amber, "There is no firmware files in the current scatter - cannot detect "
-                         "flash memory size!"));
-}
-
-// A template for reading flash: a foreign chip is adopted, files are not looked at.
-void TestEspFlasherScatter::templateAdoptsConnectedChip()
-{
-    QJsonObject document{
-        {"chip", "ESP8285"},
-        {"sections", QJsonArray{firmwareSection("0x0", "nowhere.bin", QString()),
-                                applicationSection("0x1000", "later.bin", QString())}}};
-    answerer->answerFile(stubPath);
-    QString error;
-    QVERIFY(flasher->parseScatterObject(document, false, QFileInfo(files->path("t.txt")), &error));
-    QCOMPARE(error, QString());
-    QCOMPARE(document.value("chip").toString(), chipField());
-    QCOMPARE(stubEdit->text(), stubPath);
-    QCOMPARE(table->rowCount(), 2);
-    QCOMPARE(table->item(0, 4)->text(), QStringLiteral("nowhere.bin"));
-    // Firmware options are neither checked nor kept; the kind is left unset (reads firmware).
-    QVERIFY(!table->item(0, 1)->data(kindRole).isValid());
-    QVERIFY(!table->item(0, 1)->data(modeRole).isValid());
-    QCOMPARE(table->item(1, 1)->data(kindRole).toInt(), 1);
-}
-
-void TestEspFlasherScatter::upgradeModeChoosesComponents_data()
-{
-    QTest::addColumn<bool>("bothKinds");
-    QTest::addColumn<bool>("firmware");
-    QTest::addColumn<bool>("application");
-    QTest::addColumn<QList<Qt::CheckState>>("states");
-
-    QTest::newRow("firmware only")
-        << true << true << false << QList<Qt::CheckState>{Qt::Checked, Qt::Unchecked};
-    QTest::newRow("application only")
-        << true << false << true << QList<Qt::CheckState>{Qt::Unchecked, Qt::Checked};
-    QTest::newRow("both") << true << true << true
-                          << QList<Qt::CheckState>{Qt::Checked, Qt::Checked};
-    QTest::newRow("one kind, no question")
-        << false << false << false << QList<Qt::CheckState>{Qt::Checked};
-}
-
-void TestEspFlasherScatter::upgradeModeChoosesComponents()
-{
-    QFETCH(bool, bothKinds);
-    QFETCH(bool, firmware);
-    QFETCH(bool, application);
-    QFETCH(QList<Qt::CheckState>, states);
-
-    makeFlasher(ESPFlasher::RUN_MODE_UPGRADE);
-    QJsonObject document = goodDocument();
-    if (!bothKinds)
-        document.insert("sections",
-                        QJsonArray{applicationSection("0x1000", "app.bin", md5Hex(app))});
-    answerer->answerFile(files->writeScatter("scatter.txt", document));
-    if (bothKinds) {
-        answerer->expect("FlashTypeSelector", [firmware, application](QWidget *modal) {
-            auto *dialog = static_cast<QDialog *>(modal);
-            dialog->findChild<QCheckBox *>("firmwareCheck")->setChecked(firmware);
-            dialog->findChild<QCheckBox *>("applicationCheck")->setChecked(application);
-            dialog->accept();
-        });
-    }
-    QSignalSpy finished(flasher.get(), &QDialog::finished);
-    QVERIFY(deliverFinished(flasher.get(), true, 3, chipInfo()));
-
-    QCOMPARE(answerer->seen().size(), bothKinds ? 2 : 1);
-    QCOMPARE(activeStates(table), states);
-    // The chosen rows go on to flashing, which starts with the loader. The worker here was
-    // never connected, so the run fails and the tool closes with reject.
-    QCOMPARE(logStrings(flasher.get()).last(), line(green, "Start loading stub from " + stubPath));
+    // The loader is an entry of the package, or a file when its path is absolute.
+    edit("stubEdit")->setText("elsewhere.elf");
     answerer->answerBox(QMessageBox::Ok);
-    QVERIFY(finished.wait());
-    QCOMPARE(finished.first().first().toInt(), int(QDialog::Rejected));
-    QCOMPARE(answerer->last().text,
-             QStringLiteral("UBoot operation failure.\nThe tool will be closed"));
+    QVERIFY(QMetaObject::invokeMethod(flasher.get(), "on_flashTool_clicked"));
+    QCOMPARE(answerer->last().title + "|" + answerer->last().text,
+             QStringLiteral("Flash Loader|The stub file elsewhere.elf is not in the package"));
+    edit("stubEdit")->setText(path("stub.elf"));
+    QVERIFY(QMetaObject::invokeMethod(flasher.get(), "on_flashTool_clicked"));
+    QCOMPARE(logLines(flasher.get()).last(),
+             line(green, "Start loading stub from " + path("stub.elf")));
 }
 
-void TestEspFlasherScatter::upgradeCancelled_data()
+void TestEspFlasherScatter::packageRefused_data()
 {
-    QTest::addColumn<QString>("how");
-    QTest::newRow("no file chosen") << "cancel file";
-    QTest::newRow("invalid scatter") << "invalid";
-    QTest::newRow("components dialog rejected") << "reject";
-    QTest::newRow("no component chosen") << "none";
+    QTest::addColumn<QString>("kind");
+    QTest::addColumn<QString>("message"); // {dir}: the folder of bad.zip
+
+    const QString invalid = "{dir}/bad.zip package is invalid: ";
+    QTest::newRow("not a zip") << "text"
+                               << "Package {dir}/bad.zip is invalid and cannot be opened";
+    QTest::newRow("no scatter.txt") << "no scatter"
+                                    << "scatter.txt not found in package {dir}/bad.zip";
+    QTest::newRow("foreign password") << "foreign"
+                                      << "scatter.txt from package {dir}/bad.zip cannot be read";
+    QTest::newRow("md5 mismatch") << "md5"
+                                  << invalid +
+                                         "The data within the package is corrupted (saved md5 " +
+                                         md5Hex("nothing") + " does not match the computed one " +
+                                         md5Hex(app) + " for file app.bin)";
+    QTest::newRow("loader missing")
+        << "no stub" << invalid + "The mandatory flash loader file is missing";
 }
 
-void TestEspFlasherScatter::upgradeCancelled()
+void TestEspFlasherScatter::packageRefused()
 {
-    QFETCH(QString, how);
+    QFETCH(QString, kind);
+    QFETCH(QString, message);
 
-    makeFlasher(ESPFlasher::RUN_MODE_UPGRADE);
-    QJsonObject document = goodDocument();
-    if (how == QLatin1String("invalid"))
-        document.insert("chip", "ESP8285");
-    answerer->answerFile(how == QLatin1String("cancel file")
-                             ? QString()
-                             : files->writeScatter("scatter.txt", document));
-    if (how == QLatin1String("invalid"))
-        answerer->answerBox(QMessageBox::Ok);
-    if (how == QLatin1String("reject") || how == QLatin1String("none")) {
-        const bool accept = how == QLatin1String("none");
-        answerer->expect("FlashTypeSelector", [accept](QWidget *modal) {
-            auto *dialog = static_cast<QDialog *>(modal);
-            dialog->findChild<QCheckBox *>("firmwareCheck")->setChecked(false);
-            dialog->findChild<QCheckBox *>("applicationCheck")->setChecked(false);
-            if (accept)
-                dialog->accept();
-            else
-                dialog->reject();
-        });
-    }
+    const QJsonObject scatter{
+        {"chip", "ESP8266EX"},
+        {"stub", "esp8266_loader_stub.elf"},
+        {"sections", QJsonArray{applicationSection(
+                         "0x10000", "app.bin", kind == "md5" ? md5Hex("nothing") : md5Hex(app))}}};
+    ZipEntries entries{{"esp8266_loader_stub.elf", stub},
+                       {"app.bin", app},
+                       {"scatter.txt", QJsonDocument(scatter).toJson()}};
+    if (kind == "no scatter")
+        entries.removeLast();
+    if (kind == "no stub")
+        entries.removeFirst();
+    const QByteArray password =
+        EspPackage::password(kind == "foreign" ? QStringLiteral("another") : description);
+    if (kind == "text")
+        QVERIFY(!writeTestFile(dir->path(), "bad.zip", "this is no archive").isEmpty());
+    else
+        QVERIFY(writeTestZip(path("bad.zip"), description, entries, &password));
+
+    answerer->answerFile(path("bad.zip"));
     answerer->answerBox(QMessageBox::Ok);
-
-    QSignalSpy finished(flasher.get(), &QDialog::finished);
-    QVERIFY(deliverFinished(flasher.get(), true, 3, chipInfo()));
-    const ModalAnswerer::Seen box = answerer->last();
-    QCOMPARE(box.className, QStringLiteral("QAutoCloseMessageBox"));
-    QCOMPARE(box.text, QStringLiteral("Upgrade cancelled.\nThe tool will be closed"));
-    QCOMPARE(box.title, QStringLiteral("Brimcote ESP Utility"));
-    QCOMPARE(box.defaultButton, QStringLiteral("OK (10)"));
-    QVERIFY(finished.wait());
-    QCOMPARE(finished.first().first().toInt(), int(QDialog::Rejected));
+    QVERIFY(!selectScatter(flasher.get()));
+    expectRefused(message);
 }
 
 QTEST_MAIN(TestEspFlasherScatter)

@@ -6,215 +6,98 @@
 #include "flashertestkit.h"
 #include "testpaths.h"
 
-#include <QFile>
-#include <QGroupBox>
+#include <QLabel>
+#include <QLineEdit>
 #include <QPushButton>
 #include <QRegularExpression>
 #include <QTableWidget>
-#include <QTranslator>
 #include <QXmlStreamReader>
 #include <QtTest>
 
 using namespace FlasherTestKit;
-
-namespace {
-
-struct Message
-{
-    QString context;
-    QString source;
-    QString translation;
-    QString type; // the translation's type attribute: unfinished, obsolete, vanished...
-};
-
-QVector<Message> readTs(const QString &path, QString *error)
-{
-    QVector<Message> messages;
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly)) {
-        *error = file.errorString();
-        return messages;
-    }
-    QXmlStreamReader xml(&file);
-    QString context;
-    Message message;
-    while (!xml.atEnd()) {
-        xml.readNext();
-        if (!xml.isStartElement())
-            continue;
-        if (xml.name() == QLatin1String("name")) {
-            context = xml.readElementText();
-        } else if (xml.name() == QLatin1String("message")) {
-            message = Message();
-            message.context = context;
-        } else if (xml.name() == QLatin1String("source")) {
-            message.source = xml.readElementText();
-        } else if (xml.name() == QLatin1String("translation")) {
-            message.type = xml.attributes().value(QLatin1String("type")).toString();
-            message.translation = xml.readElementText();
-            messages.append(message);
-        }
-    }
-    if (xml.hasError())
-        *error = xml.errorString();
-    return messages;
-}
-
-QStringList sorted(QStringList list)
-{
-    list.sort();
-    return list;
-}
-
-QStringList matches(const QString &text, const QRegularExpression &pattern)
-{
-    QStringList found;
-    auto it = pattern.globalMatch(text);
-    while (it.hasNext())
-        found << it.next().captured();
-    return sorted(found);
-}
-
-QString tsPath()
-{
-    return testSourceDir() + QStringLiteral("/resources/translations/esputility_ru.ts");
-}
-
-const QLocale russian(QLocale::Russian, QLocale::Russia);
-const QLocale english(QLocale::English, QLocale::UnitedStates);
-
-} // namespace
 
 class TestEspFlasherTranslation : public QObject
 {
     Q_OBJECT
 
 private slots:
-    void cleanup();
-
-    void translationIsEmbedded();
-    void dialogShowsRussian();
-    void otherWidgetsShowRussian();
-    void languageWithoutCountry();
-    void englishRemovesTheTranslation();
-    void installingAgainReplaces();
+    void cleanup() { installEspUtilityTranslation(QLocale(QLocale::English)); }
+    void russianShows();
     void everyTextIsTranslated();
-    void buildCompiledTheCurrentSource();
 };
 
-void TestEspFlasherTranslation::cleanup()
-{
-    installEspUtilityTranslation(english);
-}
-
-void TestEspFlasherTranslation::translationIsEmbedded()
-{
-    QFile compiled(QStringLiteral(":/esptool/translations/esputility_ru.qm"));
-    QVERIFY(compiled.open(QIODevice::ReadOnly));
-    QVERIFY(compiled.size() > 0);
-}
-
-void TestEspFlasherTranslation::dialogShowsRussian()
-{
-    QVERIFY(installEspUtilityTranslation(russian));
-    ESPFlasher flasher(ESPFlasher::RUN_MODE_STANDALONE, nullptr);
-    QCOMPARE(flasher.windowTitle(), QStringLiteral("Утилита Brimcote ESP"));
-    QCOMPARE(child<QPushButton>(&flasher, "comPortConnect")->text(), QStringLiteral("Подключить"));
-    QCOMPARE(child<QPushButton>(&flasher, "flashTool")->text(), QStringLiteral("Прошить"));
-    QCOMPARE(child<QGroupBox>(&flasher, "groupBox")->title(), QStringLiteral("Журнал"));
-    QCOMPARE(child<QTableWidget>(&flasher, "scatterTable")->horizontalHeaderItem(0)->text(),
-             QStringLiteral("Активно"));
-
-    // A message built from both the dialog's and the worker's texts.
-    QVERIFY(deliverFinished(&flasher, false, 3));
-    QCOMPARE(logStrings(&flasher),
-             QStringList{line(red, "Операция UBoot получение сведений (3) завершилась с ошибкой")});
-}
-
-void TestEspFlasherTranslation::otherWidgetsShowRussian()
-{
-    QVERIFY(installEspUtilityTranslation(russian));
-    FlashTypeSelector selector;
-    QCOMPARE(selector.windowTitle(), QStringLiteral("Компоненты"));
-    EspScatterWizard wizard(nullptr);
-    QCOMPARE(wizard.windowTitle(), QStringLiteral("Составление файла разметки"));
-    QCOMPARE(wizard.findChild<QPushButton *>("finishButton")->text(), QStringLiteral("Начать"));
-}
-
-void TestEspFlasherTranslation::languageWithoutCountry()
+// The dialogs, and messages filled in after translation, under each class's own context.
+void TestEspFlasherTranslation::russianShows()
 {
     QVERIFY(installEspUtilityTranslation(QLocale(QLocale::Russian)));
     ESPFlasher flasher(ESPFlasher::RUN_MODE_STANDALONE, nullptr);
+    QCOMPARE(flasher.windowTitle(), QStringLiteral("Утилита Brimcote ESP"));
     QCOMPARE(child<QPushButton>(&flasher, "comPortConnect")->text(), QStringLiteral("Подключить"));
+    QCOMPARE(child<QTableWidget>(&flasher, "scatterTable")->horizontalHeaderItem(0)->text(),
+             QStringLiteral("Активно"));
+    // The dialog's text with the worker's name of the command.
+    QVERIFY(deliverFinished(&flasher, false, 3));
+    QCOMPARE(logLines(&flasher),
+             QStringList{line(red, "Операция UBoot получение сведений (3) завершилась с ошибкой")});
+
+    QCOMPARE(FlashTypeSelector(nullptr).windowTitle(), QStringLiteral("Компоненты"));
+    EspScatterWizard wizard(nullptr);
+    QCOMPARE(wizard.windowTitle(), QStringLiteral("Составление файла разметки"));
+    auto *finish = wizard.findChild<QPushButton *>("finishButton");
+    QCOMPARE(finish->text(), QStringLiteral("Начать"));
+    finish->click();
+    wizard.findChild<QLineEdit *>("regionStartAddress")->setText("zz");
+    finish->click();
+    QCOMPARE(wizard.findChild<QLabel *>("regionValuesWarning")->text(),
+             QStringLiteral("<font color=\"red\">Начальный адрес zz некорректен</font>"));
+
+    // Installing again replaces the translator; a language without one leaves English.
+    QVERIFY(installEspUtilityTranslation(QLocale(QLocale::Russian, QLocale::Russia)));
+    QVERIFY(!installEspUtilityTranslation(QLocale(QLocale::German)));
+    QCOMPARE(ESPFlasher(ESPFlasher::RUN_MODE_STANDALONE, nullptr).windowTitle(),
+             QStringLiteral("Brimcote ESP Utility"));
 }
 
-void TestEspFlasherTranslation::englishRemovesTheTranslation()
-{
-    QVERIFY(installEspUtilityTranslation(russian));
-    // No translation for English: the library's own texts show again.
-    QVERIFY(!installEspUtilityTranslation(english));
-    ESPFlasher flasher(ESPFlasher::RUN_MODE_STANDALONE, nullptr);
-    QCOMPARE(flasher.windowTitle(), QStringLiteral("Brimcote ESP Utility"));
-    QVERIFY(!installEspUtilityTranslation(QLocale(QLocale::German, QLocale::Germany)));
-}
-
-void TestEspFlasherTranslation::installingAgainReplaces()
-{
-    QVERIFY(installEspUtilityTranslation(russian));
-    QVERIFY(installEspUtilityTranslation(russian));
-    // Had the first translator stayed installed, this would still read Russian.
-    QVERIFY(!installEspUtilityTranslation(english));
-    ESPFlasher flasher(ESPFlasher::RUN_MODE_STANDALONE, nullptr);
-    QCOMPARE(child<QPushButton>(&flasher, "comPortConnect")->text(), QStringLiteral("Connect"));
-}
-
-// Every text translated, with its placeholders, markup, entities and outer blanks intact.
+// Every current text translated, with its placeholders, markup, entities, line breaks and outer
+// blanks intact, in each class's context.
 void TestEspFlasherTranslation::everyTextIsTranslated()
 {
-    QString error;
-    const QVector<Message> messages = readTs(tsPath(), &error);
-    QVERIFY2(error.isEmpty(), qPrintable(error));
-    QVERIFY(messages.size() > 100);
-
-    const QRegularExpression placeholder(QStringLiteral("%\\d"));
-    const QRegularExpression tag(QStringLiteral("<[^>]*>"));
-    const QRegularExpression entity(QStringLiteral("&\\w+;"));
-    const QRegularExpression outerBlanks(QStringLiteral("^\\s*|\\s*$"));
+    QFile file(testSourceDir() + QStringLiteral("/resources/translations/esputility_ru.ts"));
+    QVERIFY(file.open(QIODevice::ReadOnly));
+    const auto keptParts = [](const QString &text) {
+        static const QRegularExpression kept(QStringLiteral("%\\d|<[^>]*>|&\\w+;|^\\s+|\\s+$|\\n"));
+        QStringList parts;
+        for (auto it = kept.globalMatch(text); it.hasNext();)
+            parts << it.next().captured();
+        parts.sort();
+        return parts;
+    };
+    QXmlStreamReader xml(&file);
+    QString context;
+    QString source;
     QSet<QString> contexts;
-    for (const Message &message : messages) {
-        if (message.type == QLatin1String("obsolete") || message.type == QLatin1String("vanished"))
+    while (!xml.atEnd()) {
+        if (xml.readNext() != QXmlStreamReader::StartElement)
             continue;
-        const QString where = message.context + QStringLiteral(": ") + message.source;
-        contexts.insert(message.context);
-        QVERIFY2(message.type.isEmpty(), qPrintable(where));
-        QVERIFY2(!message.translation.trimmed().isEmpty(), qPrintable(where));
-        QVERIFY2(message.translation != message.source || message.source == QLatin1String("MAC:"),
-                 qPrintable(where));
-        QCOMPARE(matches(message.translation, placeholder), matches(message.source, placeholder));
-        QCOMPARE(matches(message.translation, tag), matches(message.source, tag));
-        QCOMPARE(matches(message.translation, entity), matches(message.source, entity));
-        QCOMPARE(matches(message.translation, outerBlanks), matches(message.source, outerBlanks));
-        QCOMPARE(message.translation.count(QLatin1Char('\n')),
-                 message.source.count(QLatin1Char('\n')));
-    }
-    QCOMPARE(sorted(contexts.values()),
-             (QStringList{"ESPFlasher", "ESPToolWorker", "EspScatterWizard", "FlashTypeSelector"}));
-}
-
-void TestEspFlasherTranslation::buildCompiledTheCurrentSource()
-{
-    QString error;
-    const QVector<Message> messages = readTs(tsPath(), &error);
-    QVERIFY2(error.isEmpty(), qPrintable(error));
-    QTranslator compiled;
-    QVERIFY(compiled.load(QStringLiteral(":/esptool/translations/esputility_ru.qm")));
-    for (const Message &message : messages) {
-        if (!message.type.isEmpty())
+        if (xml.name() == QLatin1String("name"))
+            context = xml.readElementText();
+        if (xml.name() == QLatin1String("source"))
+            source = xml.readElementText();
+        if (xml.name() != QLatin1String("translation"))
             continue;
-        QCOMPARE(compiled.translate(message.context.toUtf8().constData(),
-                                    message.source.toUtf8().constData()),
-                 message.translation);
+        const QString type = xml.attributes().value(QLatin1String("type")).toString();
+        const QString translation = xml.readElementText();
+        if (type == QLatin1String("obsolete") || type == QLatin1String("vanished"))
+            continue;
+        const QByteArray where = (context + ": " + source).toUtf8();
+        QVERIFY2(type.isEmpty() && !translation.trimmed().isEmpty(), where);
+        QVERIFY2(translation != source || source == QLatin1String("MAC:"), where);
+        QCOMPARE(keptParts(translation), keptParts(source));
+        contexts.insert(context);
     }
+    QVERIFY2(!xml.hasError(), qPrintable(xml.errorString()));
+    QCOMPARE(contexts, (QSet<QString>{"ESPFlasher", "ESPToolWorker", "EspScatterWizard",
+                                      "FlashTypeSelector"}));
 }
 
 QTEST_MAIN(TestEspFlasherTranslation)

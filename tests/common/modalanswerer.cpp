@@ -2,7 +2,6 @@
 
 #include <QAbstractButton>
 #include <QApplication>
-#include <QDialog>
 #include <QFileDialog>
 #include <QInputDialog>
 #include <QLineEdit>
@@ -14,17 +13,29 @@ namespace {
 constexpr int pollIntervalMs = 10;
 const char *const answeredProperty = "modalAnswerer_answered";
 
-void rejectLater(QWidget *modal)
+ModalAnswerer::Seen describe(QWidget *modal)
 {
-    if (auto *dialog = qobject_cast<QDialog *>(modal))
-        QMetaObject::invokeMethod(dialog, "reject", Qt::QueuedConnection);
-    else
-        QMetaObject::invokeMethod(modal, "close", Qt::QueuedConnection);
+    ModalAnswerer::Seen seen;
+    seen.className = QString::fromLatin1(modal->metaObject()->className());
+    seen.title = modal->windowTitle();
+    if (auto *box = qobject_cast<QMessageBox *>(modal)) {
+        seen.text = box->text();
+        seen.icon = box->icon();
+        if (QPushButton *button = box->defaultButton())
+            seen.defaultButton = button->text();
+    } else if (auto *input = qobject_cast<QInputDialog *>(modal)) {
+        seen.text = input->labelText();
+        seen.items = input->comboBoxItems();
+    } else if (auto *files = qobject_cast<QFileDialog *>(modal)) {
+        seen.items = files->nameFilters();
+        seen.directory = files->directory().absolutePath();
+    }
+    return seen;
 }
 
 } // namespace
 
-ModalAnswerer::ModalAnswerer(QObject *parent) : QObject(parent)
+ModalAnswerer::ModalAnswerer()
 {
     m_timer.setInterval(pollIntervalMs);
     connect(&m_timer, &QTimer::timeout, this, &ModalAnswerer::poll);
@@ -48,7 +59,6 @@ void ModalAnswerer::answerFile(const QString &path)
         // selectFile() leaves the name field alone while it has the focus: type it in.
         if (auto *name = dialog->findChild<QLineEdit *>(QStringLiteral("fileNameEdit")))
             name->setText(path);
-        // QFileDialog hides accept(); the dialog's own override still runs.
         static_cast<QDialog *>(dialog)->accept();
     });
 }
@@ -83,51 +93,22 @@ void ModalAnswerer::cancelInput()
     expect("QInputDialog", [](QWidget *modal) { static_cast<QInputDialog *>(modal)->reject(); });
 }
 
-void ModalAnswerer::ignore(const char *className)
-{
-    m_ignored.append(QByteArray(className));
-}
-
-ModalAnswerer::Seen ModalAnswerer::describe(QWidget *modal)
-{
-    Seen seen;
-    seen.className = QString::fromLatin1(modal->metaObject()->className());
-    seen.title = modal->windowTitle();
-    if (auto *box = qobject_cast<QMessageBox *>(modal)) {
-        seen.text = box->text();
-        if (QPushButton *button = box->defaultButton())
-            seen.defaultButton = button->text();
-    } else if (auto *input = qobject_cast<QInputDialog *>(modal)) {
-        seen.text = input->labelText();
-        seen.items = input->comboBoxItems();
-    } else if (auto *files = qobject_cast<QFileDialog *>(modal)) {
-        seen.items = files->nameFilters();
-        seen.directory = files->directory().absolutePath();
-    }
-    return seen;
-}
-
 void ModalAnswerer::poll()
 {
     QWidget *modal = QApplication::activeModalWidget();
     if (!modal || !modal->isVisible() || modal->property(answeredProperty).toBool())
         return;
-    for (const QByteArray &ignored : qAsConst(m_ignored)) {
-        if (modal->inherits(ignored.constData()))
-            return;
-    }
+    if (modal->inherits("QProgressDialog") || modal->inherits("ESPFlasher"))
+        return;
     modal->setProperty(answeredProperty, true);
     const Seen seen = describe(modal);
     m_seen.append(seen);
-
-    if (m_steps.isEmpty() || !modal->inherits(m_steps.first().className.constData())) {
-        const QString wanted = m_steps.isEmpty() ? QStringLiteral("nothing")
-                                                 : QString::fromLatin1(m_steps.first().className);
-        m_unexpected.append(QStringLiteral("%1 (wanted %2): %3 %4")
-                                .arg(seen.className, wanted, seen.title, seen.text));
-        rejectLater(modal);
+    if (m_steps.isEmpty() || !modal->inherits(m_steps.first().first.constData())) {
+        m_unexpected.append(seen.className + QLatin1Char(' ') + seen.title + QLatin1Char(' ') +
+                            seen.text);
+        // Queued: the modal's own event loop must be running to end.
+        QMetaObject::invokeMethod(modal, "close", Qt::QueuedConnection);
         return;
     }
-    const Step step = m_steps.takeFirst();
-    step.action(modal);
+    m_steps.takeFirst().second(modal);
 }
