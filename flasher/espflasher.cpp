@@ -745,57 +745,49 @@ void ESPFlasher::saveScatter()
 // ---------------------------------------------------------------------------------------------
 // Erase and verify
 
-void ESPFlasher::on_eraseTool_clicked()
+bool ESPFlasher::askRegion(const QString &title, const QString &preset, bool erase,
+                           FlashRegion *region)
 {
     if (!stubLoaded && !waitStubLoaded())
-        return;
+        return false;
     ui->progressBar->setValue(0);
     bool accepted = false;
-    const QString text =
-        QInputDialog::getText(this, tr("Erase Flash Memory"), tr("Region [address:size]:"),
-                              QLineEdit::Normal, QStringLiteral("0x911"), &accepted);
+    const QString text = QInputDialog::getText(this, title, tr("Region [address:size]:"),
+                                               QLineEdit::Normal, preset, &accepted);
     if (!accepted || text.isEmpty())
-        return;
-    FlashRegion region;
-    switch (FlashRegion::parseErase(text, &region)) {
+        return false;
+    const FlashRegion::Parse parsed =
+        erase ? FlashRegion::parseErase(text, region) : FlashRegion::parseAddressSize(text, region);
+    switch (parsed) {
     case FlashRegion::Parse::Ok:
-        // No announcement: the result line says that the flash was erased.
-        queueCommand(ESPToolWorker::EraseFlash, region.eraseParameters());
-        break;
+        return true;
     case FlashRegion::Parse::NoColon:
     case FlashRegion::Parse::Empty:
-        log(LogColour::Notice, FlashRegion::invalidEraseFormatMessage());
-        break;
+        log(LogColour::Notice, erase ? FlashRegion::invalidEraseFormatMessage()
+                                     : FlashRegion::invalidVerifyFormatMessage());
+        return false;
     case FlashRegion::Parse::BadNumber:
         // A mistyped number is ignored without a word.
-        break;
+        return false;
     }
+    return false;
+}
+
+void ESPFlasher::on_eraseTool_clicked()
+{
+    FlashRegion region;
+    // No announcement: the result line says that the flash was erased.
+    if (askRegion(tr("Erase Flash Memory"), QStringLiteral("0x911"), true, &region))
+        queueCommand(ESPToolWorker::EraseFlash, region.eraseParameters());
 }
 
 void ESPFlasher::on_verifyTool_clicked()
 {
-    if (!stubLoaded && !waitStubLoaded())
-        return;
-    ui->progressBar->setValue(0);
-    bool accepted = false;
-    const QString text = QInputDialog::getText(this, tr("Verify Flash Memory Contents"),
-                                               tr("Region [address:size]:"), QLineEdit::Normal,
-                                               QString(), &accepted);
-    if (!accepted || text.isEmpty())
-        return;
     FlashRegion region;
-    switch (FlashRegion::parseAddressSize(text, &region)) {
-    case FlashRegion::Parse::Ok:
-        log(LogColour::Success, region.md5RequestMessage());
-        queueCommand(ESPToolWorker::FlashMd5, region.md5Parameters());
-        break;
-    case FlashRegion::Parse::NoColon:
-    case FlashRegion::Parse::Empty:
-        log(LogColour::Notice, FlashRegion::invalidVerifyFormatMessage());
-        break;
-    case FlashRegion::Parse::BadNumber:
-        break;
-    }
+    if (!askRegion(tr("Verify Flash Memory Contents"), QString(), false, &region))
+        return;
+    log(LogColour::Success, region.md5RequestMessage());
+    queueCommand(ESPToolWorker::FlashMd5, region.md5Parameters());
 }
 
 void ESPFlasher::eraseActionHandler()

@@ -15,6 +15,7 @@
 #include <memory>
 
 class EspPackage;
+class FlashRegion;
 class ESPToolWorker;
 class QAction;
 class QFileInfo;
@@ -135,6 +136,9 @@ private:
 
     // Erase and verify of a scatter row from the buttons' menus.
     void processEraseVerifyAction(QAction *action, int command);
+    // Asks for an "address:size" region (for an erase also 0x911, the whole chip), after making
+    // sure that the loader runs. False when cancelled or not usable (a format error is logged).
+    bool askRegion(const QString &title, const QString &preset, bool erase, FlashRegion *region);
     bool expectedMd5ForRow(const ScatterSection &row, QString *md5);
     std::unique_ptr<QIODevice> openSectionImage(const QString &file);
 

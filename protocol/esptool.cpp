@@ -348,12 +348,7 @@ unsigned int ESPTool::read_reg(unsigned int address)
 void ESPTool::write_reg(unsigned int address, unsigned int value, unsigned int mask,
                         unsigned int delayUs)
 {
-    ESP_WRITE_REG_PKT pkt;
-    pkt.address = address;
-    pkt.value = value;
-    pkt.mask = mask;
-    pkt.delayUs = delayUs;
-    write_reg(pkt);
+    write_reg(ESP_WRITE_REG_PKT{address, value, mask, delayUs});
 }
 
 void ESPTool::write_reg(const ESP_WRITE_REG_PKT &pkt)
@@ -365,12 +360,7 @@ void ESPTool::write_reg(const ESP_WRITE_REG_PKT &pkt)
 void ESPTool::write_ram_prep(unsigned int address, unsigned int size, unsigned int blocks,
                              unsigned int blockSize)
 {
-    ESP_FLASH_BEGIN_PKT pkt;
-    pkt.size = size;
-    pkt.blocks = blocks;
-    pkt.blockSize = blockSize;
-    pkt.address = address;
-    write_ram_prep(pkt);
+    write_ram_prep(ESP_FLASH_BEGIN_PKT{size, blocks, blockSize, address});
 }
 
 void ESPTool::write_ram_prep(const ESP_FLASH_BEGIN_PKT &pkt)

@@ -90,8 +90,7 @@ qint64 VirtualChipLoader::busyUntilUs() const
     return qMax(m_busyUntilUs, isStub() ? m_backgroundUntilUs : 0);
 }
 
-VirtualEsp8266::CommandRecord VirtualChipLoader::handleCommand(const QByteArray &frame,
-                                                               qint64 nowUs)
+VirtualEsp8266::CommandRecord VirtualChipLoader::recordOf(const QByteArray &frame) const
 {
     VirtualEsp8266::CommandRecord record;
     record.opcode = quint8(frame[1]);
@@ -105,6 +104,14 @@ VirtualEsp8266::CommandRecord VirtualChipLoader::handleCommand(const QByteArray 
         record.dataSize = word(payload, 0);
         record.sequence = word(payload, 4);
     }
+    return record;
+}
+
+VirtualEsp8266::CommandRecord VirtualChipLoader::handleCommand(const QByteArray &frame,
+                                                               qint64 nowUs)
+{
+    VirtualEsp8266::CommandRecord record = recordOf(frame);
+    const QByteArray payload = frame.mid(headerSize);
     m_opcode = record.opcode;
     Result result;
     if (payload.size() != record.payloadLength)
@@ -120,18 +127,8 @@ VirtualEsp8266::CommandRecord VirtualChipLoader::handleCommand(const QByteArray 
 VirtualEsp8266::CommandRecord VirtualChipLoader::refuseCommand(const QByteArray &frame, quint8 code,
                                                                qint64 nowUs)
 {
-    VirtualEsp8266::CommandRecord record;
-    record.opcode = quint8(frame[1]);
-    record.payloadLength = qFromLittleEndian<quint16>(frame.constData() + 2);
-    record.checksum = quint8(frame[4]);
-    record.byStub = isStub();
+    VirtualEsp8266::CommandRecord record = recordOf(frame);
     const QByteArray payload = frame.mid(headerSize);
-    if ((record.opcode == VirtualEsp8266::FlashData || record.opcode == VirtualEsp8266::MemData) &&
-        payload.size() >= dataHeaderSize) {
-        record.dataPacket = true;
-        record.dataSize = word(payload, 0);
-        record.sequence = word(payload, 4);
-    }
     m_opcode = record.opcode;
     const quint8 romCode = code ? code : quint8(VirtualEsp8266::RomFailedToAct);
     const quint8 stubCode = code ? code : quint8(VirtualEsp8266::StubFailedSpiOp);

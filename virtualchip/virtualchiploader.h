@@ -72,6 +72,8 @@ public:
     QByteArray ram(quint32 address, quint32 size) const;
 
 private:
+    // The log record of a received request, before it is answered.
+    VirtualEsp8266::CommandRecord recordOf(const QByteArray &frame) const;
     struct MemSession
     {
         bool active = false;
