@@ -3,22 +3,19 @@
 #include "scattertestfiles.h"
 #include "testpaths.h"
 
-#include "flasher/esppackage.h"
-#include "flasher/scatterloader.h"
-#include "flasher/scattervalidator.h"
 #include "tools/imagegen/espimagebuilder.h"
 
-#include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QtTest>
 
 namespace {
 
 constexpr quint32 applicationAddress = 0x10000;
-const char *const chipOfTheVirtualBoard = "ESP8266EX / 00a1b2c3";
+const QString chipOfTheVirtualBoard = QStringLiteral("ESP8266EX / 00a1b2c3");
 
 // A firmware image whose header says qio / 1MB / 40m; scatter files flash it as dio / 4MB / 40m.
 QByteArray firmwareImage()
@@ -33,9 +30,9 @@ QByteArray firmwareImage()
 }
 
 // The image as the chip holds it after a write with dio / 4MB / 40m.
-QByteArray writtenFirmware(const QByteArray &image)
+QByteArray writtenFirmware()
 {
-    QByteArray written = image;
+    QByteArray written = firmwareImage();
     written[2] = char(2);
     written[3] = char(4 << 4 | 0);
     return written;
@@ -47,49 +44,12 @@ QByteArray applicationImage()
     return EspImageBuilder::application(0x6000, 0x2000, 21);
 }
 
-struct ScatterOptions
+// The result columns of a port's summary row: "<chip>  <mac>  <result>".
+QString summaryRow(const CliRun &run, const QString &port)
 {
-    bool stub = true;
-    bool md5 = true;
-    QString chip = QStringLiteral("ESP8266EX");
-};
-
-QJsonObject section(const QString &type, quint32 address, const QString &file,
-                    const QByteArray &bytes, bool withMd5)
-{
-    QJsonObject object{
-        {"type", type}, {"address", QStringLiteral("0x%1").arg(address, 0, 16)}, {"file", file}};
-    if (withMd5)
-        object.insert("md5", md5Hex(bytes));
-    if (type == QLatin1String("firmware")) {
-        object.insert("options", QJsonObject{{"flash", QJsonObject{{"mode", "dio"},
-                                                                   {"size", "4MB"},
-                                                                   {"frequency", "40m"}}}});
-    }
-    return object;
-}
-
-// firmware.bin at 0x0, app.bin at 0x10000, the project's loader as loader.elf.
-QString writeScatterSet(const QDir &dir, const ScatterOptions &options = ScatterOptions())
-{
-    const QByteArray firmware = firmwareImage();
-    const QByteArray application = applicationImage();
-    writeTestFile(dir, "firmware.bin", firmware);
-    writeTestFile(dir, "app.bin", application);
-    QFile::copy(generatedStubPath(), dir.absoluteFilePath("loader.elf"));
-    QJsonObject document{
-        {"chip", options.chip},
-        {"sections", QJsonArray{section("firmware", 0, "firmware.bin", firmware, options.md5),
-                                section("application", applicationAddress, "app.bin", application,
-                                        options.md5)}}};
-    if (options.stub)
-        document.insert("stub", "loader.elf");
-    return writeTestFile(dir, "scatter.txt", QJsonDocument(document).toJson());
-}
-
-bool contains(const QStringList &lines, const QString &text)
-{
-    return lines.contains(text);
+    const QRegularExpression row("^" + QRegularExpression::escape(port) + " +(.*)$",
+                                 QRegularExpression::MultilineOption);
+    return row.match(run.out).captured(1);
 }
 
 } // namespace
@@ -101,17 +61,53 @@ class TestCli : public QObject
 private:
     std::unique_ptr<QTemporaryDir> m_dir;
     std::unique_ptr<ChipFixture> m_chip;
+    CliRun m_run; // the last run
 
-    QDir dir() const { return QDir(m_dir->path()); }
-    QString stub() const { return generatedStubPath(); }
+    QString path(const QString &name) const { return m_dir->filePath(name); }
+    VirtualEsp8266 &chip() { return m_chip->chip(); }
+    bool out(const QString &line) const { return m_run.outLines().contains(line); }
+    bool err(const QString &line) const { return m_run.errLines().contains(line); }
+
+    // Runs the program on the board (with the project's loader when asked) and checks its exit
+    // code; the transcript is printed when it differs.
+    bool run(int exitCode, QStringList arguments, bool onBoard = true, bool withStub = false)
+    {
+        if (withStub)
+            arguments << "--stub" << generatedStubPath();
+        m_run = runCli(onBoard ? arguments << "--port" << m_chip->port() : arguments);
+        if (m_run.exitCode != exitCode)
+            qWarning("%s", qPrintable(m_run.transcript()));
+        return m_run.exitCode == exitCode;
+    }
+
+    // firmware.bin at 0x0, app.bin at 0x10000 (its md5 in lower case), loader.elf beside them.
+    QString writeScatterSet(const QString &chip = "ESP8266EX", bool withStub = true,
+                            bool withMd5 = true)
+    {
+        writeTestFile(m_dir->path(), "firmware.bin", firmwareImage());
+        writeTestFile(m_dir->path(), "app.bin", applicationImage());
+        QFile::copy(generatedStubPath(), path("loader.elf"));
+        QJsonObject firmware{{"type", "firmware"}, {"address", "0x0"}, {"file", "firmware.bin"}};
+        firmware["options"] = QJsonObject{
+            {"flash", QJsonObject{{"mode", "dio"}, {"size", "4MB"}, {"frequency", "40m"}}}};
+        QJsonObject application{
+            {"type", "application"}, {"address", "0x10000"}, {"file", "app.bin"}};
+        if (withMd5) {
+            firmware["md5"] = md5Hex(firmwareImage());
+            application["md5"] = md5Hex(applicationImage()).toLower();
+        }
+        QJsonObject document{{"chip", chip}, {"sections", QJsonArray{firmware, application}}};
+        if (withStub)
+            document["stub"] = "loader.elf";
+        return writeTestFile(m_dir->path(), "scatter.txt", QJsonDocument(document).toJson());
+    }
 
 private slots:
     void init()
     {
         m_dir = std::make_unique<QTemporaryDir>();
-        QVERIFY(m_dir->isValid());
         m_chip = std::make_unique<ChipFixture>();
-        QVERIFY(m_chip->start());
+        QVERIFY(m_dir->isValid() && m_chip->start());
     }
 
     void cleanup()
@@ -120,354 +116,164 @@ private slots:
         m_dir.reset();
     }
 
-    void flashLooseScatterWritesTheChip()
+    void flashWritesTheChip()
     {
-        const QString scatter = writeScatterSet(dir());
-        const CliRun run = runCli({"flash", scatter, "--port", m_chip->port()});
-        QVERIFY2(run.exitCode == 0, qPrintable(run.transcript()));
-        const QByteArray firmware = firmwareImage();
-        const QByteArray application = applicationImage();
-        QCOMPARE(m_chip->chip().flash(0, firmware.size()), writtenFirmware(firmware));
-        QCOMPARE(m_chip->chip().flash(applicationAddress, application.size()), application);
-
-        const QStringList out = run.outLines();
-        QVERIFY(
-            contains(out, "Start writing firmware from " + dir().absoluteFilePath("firmware.bin") +
-                              " to 0x00000000 (flash memory size 4MB, mode dio, frequency 40m)"));
-        QVERIFY(contains(out, "Start writing user application from " +
-                                  dir().absoluteFilePath("app.bin") +
-                                  " to 0x00010000 (max size 4MB)"));
-        QVERIFY(contains(out, "Firmware has been successfully flashed."));
-        QVERIFY(contains(out, "Application has been successfully flashed."));
-        QVERIFY(contains(out, "Finished flashing package"));
-        // The summary row of the board.
-        QVERIFY2(run.out.contains(QRegularExpression(
-                     QStringLiteral("\n%1 +ESP8266EX / 00a1b2c3 +18FE34A1B2C3 +ok")
-                         .arg(QRegularExpression::escape(m_chip->port())))),
-                 qPrintable(run.out));
+        QVERIFY(run(0, {"flash", writeScatterSet()}));
+        QCOMPARE(chip().flash(0, writtenFirmware().size()), writtenFirmware());
+        QCOMPARE(chip().flash(applicationAddress, 0x8000), applicationImage());
+        QVERIFY(out("Start writing firmware from " + path("firmware.bin") +
+                    " to 0x00000000 (flash memory size 4MB, mode dio, frequency 40m)"));
+        QVERIFY(out("Start writing user application from " + path("app.bin") +
+                    " to 0x00010000 (max size 4MB)"));
+        QVERIFY(out("Firmware has been successfully flashed."));
+        QVERIFY(out("Application has been successfully flashed."));
+        QVERIFY(out("Finished flashing package"));
+        QVERIFY(summaryRow(m_run, m_chip->port())
+                    .contains(QRegularExpression("^ESP8266EX / 00a1b2c3 +18FE34A1B2C3 +ok")));
         // Progress goes to stderr, as plain lines when it is no terminal.
-        QVERIFY(run.err.contains("write data: 100%"));
-        QVERIFY(!run.err.contains('\r'));
+        QVERIFY(m_run.err.contains("write data: 100%") && !m_run.err.contains('\r'));
+
+        chip().reset();
+        chip().setFlash(0, QByteArray(0x20000, char(0xFF)));
+        QVERIFY(run(0, {"flash", path("scatter.txt"), "--only", "application"}));
+        QVERIFY(out("Skipping section 1"));
+        QCOMPARE(chip().flash(0, 16), QByteArray(16, char(0xFF)));
+        QCOMPARE(chip().flash(applicationAddress, 0x8000), applicationImage());
     }
 
-    void flashPackageMadeByPack()
+    void packThenFlashThePackage_data()
     {
-        const QString scatter = writeScatterSet(dir());
-        const QString package = dir().absoluteFilePath("out/board");
-        QDir().mkpath(dir().absoluteFilePath("out"));
-        const CliRun pack =
-            runCli({"pack", scatter, "-o", package, "--description", "Board 1.0", "--trim"});
-        QVERIFY2(pack.exitCode == 0, qPrintable(pack.transcript()));
-        QVERIFY(contains(pack.outLines(), "Created zip package in " + package + ".zip"));
-
-        const CliRun run = runCli({"flash", package + ".zip", "--port", m_chip->port()});
-        QVERIFY2(run.exitCode == 0, qPrintable(run.transcript()));
-        QVERIFY(contains(run.outLines(), "Start loading stub from esp8266_loader_stub.elf"));
-        QVERIFY(
-            contains(run.outLines(),
-                     "Start writing user application from app.bin to 0x00010000 (max size 4MB)"));
-        const QByteArray firmware = firmwareImage();
-        const QByteArray application = applicationImage();
-        QCOMPARE(m_chip->chip().flash(0, firmware.size()), writtenFirmware(firmware));
-        // The trimmed image on an erased chip reads back as the whole one.
-        QCOMPARE(m_chip->chip().flash(applicationAddress, application.size()), application);
+        QTest::addColumn<bool>("trim");
+        QTest::newRow("trimmed") << true;
+        QTest::newRow("whole") << false;
     }
 
-    void flashOnlyOneKind_data()
+    void packThenFlashThePackage()
     {
-        QTest::addColumn<QString>("only");
-        QTest::addColumn<bool>("firmwareWritten");
-        QTest::addColumn<QString>("skipped");
-        QTest::newRow("firmware") << "firmware" << true << "Skipping section 2";
-        QTest::newRow("application") << "application" << false << "Skipping section 1";
-    }
-
-    void flashOnlyOneKind()
-    {
-        QFETCH(QString, only);
-        QFETCH(bool, firmwareWritten);
-        QFETCH(QString, skipped);
-        const QString scatter = writeScatterSet(dir());
-        const CliRun run = runCli({"flash", scatter, "--only", only, "--port", m_chip->port()});
-        QVERIFY2(run.exitCode == 0, qPrintable(run.transcript()));
-        QVERIFY(contains(run.outLines(), skipped));
-        const QByteArray firmware = firmwareImage();
-        const QByteArray application = applicationImage();
-        const QByteArray erasedFirmware(firmware.size(), char(0xFF));
-        const QByteArray erasedApplication(application.size(), char(0xFF));
-        QCOMPARE(m_chip->chip().flash(0, firmware.size()),
-                 firmwareWritten ? writtenFirmware(firmware) : erasedFirmware);
-        QCOMPARE(m_chip->chip().flash(applicationAddress, application.size()),
-                 firmwareWritten ? erasedApplication : application);
+        QFETCH(bool, trim);
+        QStringList pack{"pack", writeScatterSet(), "-o", path("board"), "--description", "Ü 2"};
+        QVERIFY(run(0, trim ? pack << "--trim" : pack, false));
+        QVERIFY(out("Created zip package in " + path("board.zip")));
+        QCOMPARE(m_run.out.contains("Saved 8192 bytes from " + path("app.bin")), trim);
+        QVERIFY(run(0, {"flash", path("board.zip")}));
+        QVERIFY(out("Start loading stub from esp8266_loader_stub.elf"));
+        QVERIFY(out("Start writing user application from app.bin to 0x00010000 (max size 4MB)"));
+        QCOMPARE(chip().flash(0, writtenFirmware().size()), writtenFirmware());
+        // A trimmed image on an erased chip reads back as the whole one.
+        QCOMPARE(chip().flash(applicationAddress, 0x8000), applicationImage());
     }
 
     void verifyFindsMatchesAndMismatches()
     {
-        const QString scatter = writeScatterSet(dir());
-        QCOMPARE(runCli({"flash", scatter, "--port", m_chip->port()}).exitCode, 0);
-        m_chip->chip().reset();
-
-        const CliRun good = runCli({"verify", scatter, "--port", m_chip->port()});
-        QVERIFY2(good.exitCode == 0, qPrintable(good.transcript()));
-        // Firmware: the image as written, header patched; application: its saved md5.
-        const QString firmwareMd5 = md5Hex(writtenFirmware(firmwareImage()));
+        QVERIFY(run(0, {"flash", writeScatterSet()}));
+        chip().reset();
+        // Firmware: the image as written, header patched; application: its saved md5, in
+        // whatever letter case.
+        QVERIFY(run(0, {"verify", path("scatter.txt")}));
+        const QString firmwareMd5 = md5Hex(writtenFirmware());
         const QString applicationMd5 = md5Hex(applicationImage());
-        QVERIFY(contains(good.outLines(), "Checksum verified (MD5: " + firmwareMd5 + ")"));
-        QVERIFY(contains(good.outLines(), "Checksum verified (MD5: " + applicationMd5 + ")"));
-        QVERIFY(good.out.contains("2 of 2 section(s) verified"));
+        QVERIFY(out("Checksum verified (MD5: " + firmwareMd5 + ")"));
+        QVERIFY(out("Checksum verified (MD5: " + applicationMd5 + ")"));
+        QVERIFY(m_run.out.contains("2 of 2 section(s) verified"));
 
         QByteArray damaged = applicationImage();
         damaged[100] = char(damaged.at(100) ^ 0x01);
-        m_chip->chip().setFlash(applicationAddress, damaged);
-        m_chip->chip().reset();
-        const CliRun bad = runCli({"verify", scatter, "--port", m_chip->port()});
-        QCOMPARE(bad.exitCode, 1);
-        QVERIFY(contains(bad.outLines(), "Checksum verified (MD5: " + firmwareMd5 + ")"));
-        QVERIFY2(contains(bad.errLines(), "Checksum verification failed (" + md5Hex(damaged) +
-                                              " vs " + applicationMd5 + ")"),
-                 qPrintable(bad.transcript()));
-        QVERIFY(bad.out.contains("FAILED: 1 of 2 section(s) failed verification"));
-    }
+        chip().setFlash(applicationAddress, damaged);
+        chip().reset();
+        QVERIFY(run(1, {"verify", path("scatter.txt")}));
+        QVERIFY(err("Checksum verification failed (" + md5Hex(damaged) + " vs " +
+                    applicationMd5.toLower() + ")"));
+        QVERIFY(m_run.out.contains("FAILED: 1 of 2 section(s) failed verification"));
 
-    void verifyRegionShowsItsMd5()
-    {
-        const QByteArray data = patternBytes(0x1000, 3);
-        m_chip->chip().setFlash(0x2000, data);
-        const CliRun run =
-            runCli({"verify", "0x2000:4kb", "--stub", stub(), "--port", m_chip->port()});
-        QVERIFY2(run.exitCode == 0, qPrintable(run.transcript()));
-        QVERIFY(contains(run.outLines(), "Requested flash memory contents md5 for "
-                                         "[0x00002000:0x00001000] (size 4096)"));
-        QVERIFY(contains(run.outLines(), "MD5: " + md5Hex(data)));
+        chip().reset();
+        QVERIFY(run(0, {"verify", "0x10000:4kb"}, true, true));
+        QVERIFY(out("Requested flash memory contents md5 for [0x00010000:0x00001000] (size 4096)"));
+        QVERIFY(out("MD5: " + md5Hex(damaged.left(0x1000))));
     }
 
     void readBackReflashesASecondChip()
     {
-        const QString scatter = writeScatterSet(dir());
-        QCOMPARE(runCli({"flash", scatter, "--port", m_chip->port()}).exitCode, 0);
-        m_chip->chip().reset();
-
-        const QString readScatter = dir().absoluteFilePath("read/copy.txt");
-        const CliRun read = runCli({"read", "--scatter", readScatter, "0x0:0x2000",
-                                    "0x10000-0x18000", "--stub", stub(), "--port", m_chip->port()});
-        QVERIFY2(read.exitCode == 0, qPrintable(read.transcript()));
-        QVERIFY(contains(read.outLines(), "Extracted flash parameters: 4Mb / dio / 40MHz"));
-        QVERIFY(contains(read.outLines(), "Scatter file saved to " + readScatter));
-
-        // The files hold exactly what the chip holds.
-        QFile firmwareFile(dir().absoluteFilePath("read/region-00000000-00002000.bin"));
-        QVERIFY(firmwareFile.open(QIODevice::ReadOnly));
-        QCOMPARE(firmwareFile.readAll(), m_chip->chip().flash(0, 0x2000));
-        QFile applicationFile(dir().absoluteFilePath("read/region-00010000-00018000.bin"));
-        QVERIFY(applicationFile.open(QIODevice::ReadOnly));
-        QCOMPARE(applicationFile.readAll(), m_chip->chip().flash(applicationAddress, 0x8000));
-
-        // The saved scatter passes the strict check: a firmware row with options, an
-        // application row, the loader beside it.
-        ScatterLoader loader;
-        QVERIFY(loader.load(readScatter));
-        QJsonObject document = loader.document();
-        ScatterValidator validator(chipOfTheVirtualBoard, QString());
-        QString error;
-        QVERIFY2(validator.parseScatterObject(document, true, QFileInfo(readScatter), &error),
-                 qPrintable(error));
-        QCOMPARE(validator.rows().size(), 2);
-        QCOMPARE(validator.rows().at(0).kind, int(ScatterSection::Firmware));
-        QCOMPARE(validator.rows().at(0).flashMode, QString("dio"));
-        QCOMPARE(validator.rows().at(1).kind, int(ScatterSection::Application));
-        QCOMPARE(QFileInfo(validator.loaderText()).canonicalFilePath(),
-                 QFileInfo(stub()).canonicalFilePath());
+        QVERIFY(run(0, {"flash", writeScatterSet()}));
+        chip().reset();
+        const QString copy = path("read/copy.txt");
+        QVERIFY(run(0, {"read", "--scatter", copy, "0x0:0x2000", "0x10000-0x18000"}, true, true));
+        QVERIFY(out("Extracted flash parameters: 4Mb / dio / 40MHz"));
+        QVERIFY(out("Scatter file saved to " + copy));
+        QFile region(path("read/region-00010000-00018000.bin"));
+        QVERIFY(region.open(QIODevice::ReadOnly));
+        QCOMPARE(region.readAll(), chip().flash(applicationAddress, 0x8000));
 
         ChipFixture second;
         QVERIFY(second.start());
-        const CliRun flash = runCli({"flash", readScatter, "--port", second.port()});
-        QVERIFY2(flash.exitCode == 0, qPrintable(flash.transcript()));
-        QCOMPARE(second.chip().flash(0, 0x20000), m_chip->chip().flash(0, 0x20000));
-    }
-
-    void readRegionOfPlainDataIsAnApplication()
-    {
-        m_chip->chip().setFlash(0x3000, QByteArray(0x1000, char(0xE8)));
-        const QString readScatter = dir().absoluteFilePath("r.txt");
-        const CliRun run = runCli({"read", "--scatter", readScatter, "0x3000:0x1000", "--stub",
-                                   stub(), "--port", m_chip->port()});
-        QVERIFY2(run.exitCode == 0, qPrintable(run.transcript()));
-        QFile file(readScatter);
-        QVERIFY(file.open(QIODevice::ReadOnly));
-        const QJsonArray sections =
-            QJsonDocument::fromJson(file.readAll()).object().value("sections").toArray();
-        QCOMPARE(sections.size(), 1);
-        QCOMPARE(sections.at(0).toObject().value("type").toString(), QString("application"));
-        QCOMPARE(sections.at(0).toObject().value("md5").toString(),
-                 md5Hex(QByteArray(0x1000, char(0xE8))));
-        QVERIFY(!sections.at(0).toObject().contains("options"));
+        // The saved scatter passes the strict check and writes the same flash, headers included.
+        QVERIFY(run(0, {"flash", copy, "--port", second.port()}, false));
+        QCOMPARE(second.chip().flash(0, 0x20000), chip().flash(0, 0x20000));
     }
 
     void readIntoAnUnwritableFileFails()
     {
         // The region's file name is taken by a directory, so the worker cannot write it.
-        QVERIFY(dir().mkpath("region-00000000-00001000.bin"));
-        const CliRun run = runCli({"read", "--scatter", dir().absoluteFilePath("x.txt"),
-                                   "0x0:0x1000", "--stub", stub(), "--port", m_chip->port()});
-        QCOMPARE(run.exitCode, 1);
-        QVERIFY2(run.err.contains("Invalid parameters: cannot write to"), qPrintable(run.err));
-        QVERIFY(!QFile::exists(dir().absoluteFilePath("x.txt")));
+        QVERIFY(QDir(m_dir->path()).mkpath("region-00000000-00001000.bin"));
+        QVERIFY(run(1, {"read", "--scatter", path("x.txt"), "0x0:0x1000"}, true, true));
+        QVERIFY(m_run.err.contains("Invalid parameters: cannot write to"));
+        QVERIFY(!QFile::exists(path("x.txt")));
     }
 
     void eraseRegionAndWholeChip()
     {
         const QByteArray data = patternBytes(0x3000, 4);
-        m_chip->chip().setFlash(0x1000, data);
-        const CliRun region =
-            runCli({"erase", "0x2000:0x1000", "--stub", stub(), "--port", m_chip->port()});
-        QVERIFY2(region.exitCode == 0, qPrintable(region.transcript()));
-        QVERIFY(contains(region.outLines(), "Flash memory has been erased."));
-        QCOMPARE(m_chip->chip().flash(0x1000, 0x1000), data.left(0x1000));
-        QCOMPARE(m_chip->chip().flash(0x2000, 0x1000), QByteArray(0x1000, char(0xFF)));
-        QCOMPARE(m_chip->chip().flash(0x3000, 0x1000), data.mid(0x2000));
-
-        m_chip->chip().reset();
-        const CliRun all = runCli({"erase", "all", "--stub", stub(), "--port", m_chip->port()});
-        QVERIFY2(all.exitCode == 0, qPrintable(all.transcript()));
-        QCOMPARE(m_chip->chip().flash(0, 0x10000), QByteArray(0x10000, char(0xFF)));
-        const auto erases = m_chip->chip().counters().erases;
-        QVERIFY(!erases.isEmpty());
-        QCOMPARE(erases.last().kind, VirtualEsp8266::EraseKind::Chip);
+        chip().setFlash(0x1000, data);
+        QVERIFY(run(0, {"erase", "0x2000:0x1000"}, true, true));
+        QVERIFY(out("Flash memory has been erased."));
+        QCOMPARE(chip().flash(0x1000, 0x3000),
+                 data.left(0x1000) + QByteArray(0x1000, char(0xFF)) + data.mid(0x2000));
+        chip().reset();
+        QVERIFY(run(0, {"erase", "all"}, true, true));
+        QCOMPARE(chip().flash(0, 0x10000), QByteArray(0x10000, char(0xFF)));
+        QCOMPARE(chip().counters().erases.last().kind, VirtualEsp8266::EraseKind::Chip);
     }
 
-    void infoShowsTheChip()
+    void infoAndASilentChip()
     {
-        const CliRun run = runCli({"info", "--port", m_chip->port()});
-        QVERIFY2(run.exitCode == 0, qPrintable(run.transcript()));
-        QVERIFY(contains(run.outLines(), QString("Chip:       ") + chipOfTheVirtualBoard));
-        QVERIFY(contains(run.outLines(), "MAC:        18FE34A1B2C3"));
-        QVERIFY(contains(run.outLines(), "Flash size: 4Mb"));
-    }
-
-    void silentChipFailsTheBoard()
-    {
-        m_chip->chip().armSilence(0);
-        const CliRun run = runCli({"info", "--port", m_chip->port()});
-        QCOMPARE(run.exitCode, 1);
-        QVERIFY(contains(run.errLines(), "UBoot operation connect (0) finished with error"));
-        QVERIFY(run.out.contains(QRegularExpression(
-            QStringLiteral("\n%1 +- +- +FAILED").arg(QRegularExpression::escape(m_chip->port())))));
+        QVERIFY(run(0, {"info"}));
+        QVERIFY(out("Chip:       " + chipOfTheVirtualBoard));
+        QVERIFY(out("MAC:        18FE34A1B2C3"));
+        QVERIFY(out("Flash size: 4Mb"));
+        chip().reset();
+        chip().armSilence(0);
+        QVERIFY(run(1, {"info"}));
+        QVERIFY(err("UBoot operation connect (0) finished with error"));
+        QVERIFY(summaryRow(m_run, m_chip->port()).contains(QRegularExpression("^- +- +FAILED")));
     }
 
     void scatterOfAnotherChipFailsTheBoard()
     {
-        ScatterOptions options;
-        options.chip = "ESP8285";
-        const QString scatter = writeScatterSet(dir(), options);
-        const CliRun run = runCli({"flash", scatter, "--port", m_chip->port()});
-        QCOMPARE(run.exitCode, 1);
-        QVERIFY2(run.err.contains("This scatter file belongs to a different chip (ESP8285 vs "
-                                  "ESP8266EX / 00a1b2c3)"),
-                 qPrintable(run.transcript()));
-        QCOMPARE(m_chip->chip().flash(0, 16), QByteArray(16, char(0xFF)));
+        QVERIFY(run(1, {"flash", writeScatterSet("ESP8285")}));
+        QVERIFY(m_run.err.contains("This scatter file belongs to a different chip (ESP8285 vs " +
+                                   chipOfTheVirtualBoard + ")"));
+        QCOMPARE(chip().flash(0, 16), QByteArray(16, char(0xFF)));
     }
 
     void loaderFromTheOption()
     {
-        ScatterOptions options;
-        options.stub = false;
-        const QString scatter = writeScatterSet(dir(), options);
-
-        const CliRun without = runCli({"flash", scatter, "--port", m_chip->port()});
-        QCOMPARE(without.exitCode, 2);
-        QVERIFY2(without.err.contains("The mandatory flash loader file is missing"),
-                 qPrintable(without.transcript()));
-
-        const CliRun with = runCli({"flash", scatter, "--stub", stub(), "--port", m_chip->port()});
-        QVERIFY2(with.exitCode == 0, qPrintable(with.transcript()));
-        QVERIFY(contains(with.outLines(), "Start loading stub from " + stub()));
+        const QString scatter = writeScatterSet("ESP8266EX", false);
+        QVERIFY(run(2, {"flash", scatter}));
+        QVERIFY(m_run.err.contains("The mandatory flash loader file is missing"));
+        QVERIFY(run(0, {"flash", scatter}, true, true));
+        QVERIFY(out("Start loading stub from " + generatedStubPath()));
     }
 
     void missingChecksumNeedsYes()
     {
-        ScatterOptions options;
-        options.md5 = false;
-        const QString scatter = writeScatterSet(dir(), options);
-
-        const CliRun refused = runCli({"flash", scatter, "--port", m_chip->port()});
-        QCOMPARE(refused.exitCode, 2);
-        QVERIFY2(refused.err.contains("is missing an md5 checksum. Proceed? Current md5: ") &&
-                     refused.err.contains("pass --yes"),
-                 qPrintable(refused.transcript()));
-        QVERIFY(refused.err.contains("No saved checksum for " +
-                                     dir().absoluteFilePath("firmware.bin")));
-        QCOMPARE(m_chip->chip().commandLog().size(), 0);
-
-        const CliRun accepted = runCli({"flash", scatter, "--yes", "--port", m_chip->port()});
-        QVERIFY2(accepted.exitCode == 0, qPrintable(accepted.transcript()));
-        QVERIFY(contains(accepted.outLines(),
-                         "Proceeding without checksum verification for %1 as per users request"));
-        QCOMPARE(m_chip->chip().flash(0, firmwareImage().size()), writtenFirmware(firmwareImage()));
-    }
-
-    void packWritesAPackage_data()
-    {
-        QTest::addColumn<bool>("trim");
-        QTest::addColumn<int>("applicationSize");
-        QTest::newRow("trimmed") << true << 0x6000;
-        QTest::newRow("whole") << false << 0x8000;
-    }
-
-    void packWritesAPackage()
-    {
-        QFETCH(bool, trim);
-        QFETCH(int, applicationSize);
-        const QString scatter = writeScatterSet(dir());
-        const QString target = dir().absoluteFilePath("p.zip");
-        QStringList arguments{"pack", scatter, "-o", target, "--description", "Ünïcode 2"};
-        if (trim)
-            arguments << "--trim";
-        const CliRun run = runCli(arguments);
-        QVERIFY2(run.exitCode == 0, qPrintable(run.transcript()));
-        QCOMPARE(run.out.contains("Saved 8192 bytes from"), trim);
-
-        EspPackage package(target);
-        QVERIFY(package.open());
-        QCOMPARE(package.comment(), QString("Ünïcode 2"));
-        QCOMPARE(package.entryNames(), (QStringList{"esp8266_loader_stub.elf", "firmware.bin",
-                                                    "app.bin", "scatter.txt"}));
-        QByteArray bytes;
-        QCOMPARE(package.readEntry("app.bin", &bytes), EspPackage::EntryStatus::Ok);
-        QCOMPARE(bytes, applicationImage().left(applicationSize));
-        QCOMPARE(package.readEntry("firmware.bin", &bytes), EspPackage::EntryStatus::Ok);
-        QCOMPARE(bytes, firmwareImage());
-        QCOMPARE(package.readEntry("scatter.txt", &bytes), EspPackage::EntryStatus::Ok);
-        const QJsonObject document = QJsonDocument::fromJson(bytes).object();
-        QCOMPARE(document.value("chip").toString(), QString("ESP8266EX"));
-        QCOMPARE(document.value("sections").toArray().at(1).toObject().value("md5").toString(),
-                 md5Hex(applicationImage().left(applicationSize)));
-        QFile loader(stub());
-        QVERIFY(loader.open(QIODevice::ReadOnly));
-        QCOMPARE(package.readEntry("esp8266_loader_stub.elf", &bytes), EspPackage::EntryStatus::Ok);
-        QCOMPARE(bytes, loader.readAll());
-    }
-
-    void packRefusesADamagedScatter()
-    {
-        const QString scatter = writeScatterSet(dir());
-        writeTestFile(dir(), "app.bin", patternBytes(0x100, 9));
-        const QString target = dir().absoluteFilePath("p.zip");
-        const CliRun run = runCli({"pack", scatter, "-o", target, "--description", "d"});
-        QCOMPARE(run.exitCode, 2);
-        QCOMPARE(run.errLines().size(), 1);
-        QVERIFY2(run.err.contains("The data within the package is corrupted (saved md5"),
-                 qPrintable(run.transcript()));
-        QVERIFY(!QFile::exists(target));
-    }
-
-    void packToAnUnwritablePlace()
-    {
-        const QString scatter = writeScatterSet(dir());
-        const QString target = dir().absoluteFilePath("no/such/dir/p.zip");
-        const CliRun run = runCli({"pack", scatter, "-o", target, "--description", "d"});
-        QCOMPARE(run.exitCode, 1);
-        QVERIFY2(run.err.contains("File " + target + " is not writable: "),
-                 qPrintable(run.transcript()));
+        const QString scatter = writeScatterSet("ESP8266EX", true, false);
+        QVERIFY(run(2, {"flash", scatter}));
+        QVERIFY(m_run.err.contains("is missing an md5 checksum. Proceed? Current md5: ") &&
+                m_run.err.contains("pass --yes"));
+        QVERIFY(m_run.err.contains("No saved checksum for " + path("firmware.bin")));
+        QCOMPARE(chip().commandLog().size(), 0);
+        QVERIFY(run(0, {"flash", scatter, "--yes"}));
+        QVERIFY(out("Proceeding without checksum verification for %1 as per users request"));
+        QCOMPARE(chip().flash(0, writtenFirmware().size()), writtenFirmware());
     }
 
     void imageInfo()
@@ -478,47 +284,57 @@ private slots:
         builder.setFlashFrequency(1);
         builder.addRandomSegment(0x40100000, 0x100, 1);
         builder.addRandomSegment(0x3FFE8000, 0x20, 2);
-        const QString path = writeTestFile(dir(), "fw.bin", builder.build());
-        const CliRun run = runCli({"image-info", path});
-        QVERIFY2(run.exitCode == 0, qPrintable(run.transcript()));
-        QVERIFY(contains(run.outLines(), "<FM: dout, FS: 2Mb, FF: 26MHz, PC: 0x40100004>"));
-        QVERIFY(contains(run.outLines(), "  0: 0x40100000 - 0x40100100  256 bytes"));
-        QVERIFY(contains(run.outLines(), "  1: 0x3ffe8000 - 0x3ffe8020  32 bytes"));
-
-        const QString data = writeTestFile(dir(), "data.bin", patternBytes(64, 1));
-        const CliRun notImage = runCli({"image-info", data});
-        QCOMPARE(notImage.exitCode, 1);
-        QVERIFY(notImage.err.contains("is not an ESP8266 firmware image"));
-    }
-
-    void imageInfoWithTrailer()
-    {
-        EspImageBuilder builder;
-        builder.addRandomSegment(0x40100000, 0x40, 1);
         builder.setSecondPart(patternBytes(0x80, 5));
-        const QString path = writeTestFile(dir(), "upy.bin", builder.build());
-        const CliRun run =
-            runCli({"image-info", path, "--trailer", QString::number(builder.trailerOffset())});
-        QVERIFY2(run.exitCode == 0, qPrintable(run.transcript()));
-        QVERIFY2(run.out.contains("IROM0:"), qPrintable(run.out));
-        QVERIFY(run.out.contains(QString("(recorded %1)").arg(builder.build().size())));
+        const QString image = writeTestFile(m_dir->path(), "fw.bin", builder.build());
+        const QString trailer = QString::number(builder.trailerOffset());
+        QVERIFY(run(0, {"image-info", image, "--trailer", trailer}, false));
+        QVERIFY(out("<FM: dout, FS: 2Mb, FF: 26MHz, PC: 0x40100004>"));
+        QVERIFY(out("  0: 0x40100000 - 0x40100100  256 bytes"));
+        QVERIFY(out("  1: 0x3ffe8000 - 0x3ffe8020  32 bytes"));
+        QVERIFY(m_run.out.contains(QString("(recorded %1)").arg(builder.build().size())));
+        QVERIFY(run(1, {"image-info", writeTestFile(m_dir->path(), "d.bin", "data")}, false));
+        QVERIFY(m_run.err.contains("is not an ESP8266 firmware image"));
     }
 
     void demoPackageRuns()
     {
-        const QString package = testBuildDir() + "/demo/demo.zip";
-        QVERIFY(QFile::exists(package));
-        const QString out = dir().absoluteFilePath("readback");
-        const CliRun run = runCli({"demo", package, "--out", out});
-        QVERIFY2(run.exitCode == 0, qPrintable(run.transcript()));
-        QVERIFY(run.out.contains("2 of 2 section(s) verified"));
-        QVERIFY(run.out.contains("Demo complete"));
-        QVERIFY(QFile::exists(out + "/scatter.txt"));
-        QVERIFY(QFile::exists(out + "/esp8266_loader_stub.elf"));
-
+        const QString readBack = path("readback");
+        QVERIFY(run(0, {"demo", testBuildDir() + "/demo/demo.zip", "--out", readBack}, false));
+        QVERIFY(m_run.out.contains("2 of 2 section(s) verified"));
+        QVERIFY(m_run.out.contains("Demo complete"));
         // What the demo read back flashes a board of its own.
-        const CliRun again = runCli({"flash", out + "/scatter.txt", "--port", m_chip->port()});
-        QVERIFY2(again.exitCode == 0, qPrintable(again.transcript()));
+        QVERIFY(run(0, {"flash", readBack + "/scatter.txt"}));
+    }
+
+    void oneOfThreeBoardsVanishesMidWrite()
+    {
+        VirtualEsp8266::Config config;
+        config.mac = QByteArray::fromHex("18fe34000002");
+        ChipFixture failing(config);
+        config.mac = QByteArray::fromHex("18fe34000003");
+        ChipFixture third(config);
+        QVERIFY(failing.start() && third.start());
+        // Past the loader (about 10 KiB on the wire) and the firmware, inside the application.
+        failing.chip().armVanishAfterBytes(30000);
+        QVERIFY(
+            run(1, {"flash", writeScatterSet(), "--port", failing.port(), "--port", third.port()}));
+        QVERIFY(m_run.finished);
+        QVERIFY(summaryRow(m_run, m_chip->port()).contains(QRegularExpression("C3 +ok \\(2 s")));
+        QVERIFY(summaryRow(m_run, third.port()).contains(QRegularExpression("03 +ok \\(2 s")));
+        QVERIFY(summaryRow(m_run, failing.port())
+                    .contains(QRegularExpression("18FE34000002 +FAILED: write data")));
+        // Lines of several boards carry their port.
+        const QString written = "[%1] Application has been successfully flashed.";
+        QVERIFY(out(written.arg(m_chip->port())));
+        QVERIFY(!m_run.out.contains(written.arg(failing.port())));
+        QVERIFY(
+            m_run.err.contains(QString("[%1] UBoot operation write data (5) finished with error")
+                                   .arg(failing.port())));
+        QVERIFY(failing.chip().vanished());
+        for (VirtualEsp8266 *board : {&chip(), &third.chip()})
+            QCOMPARE(board->flash(applicationAddress, 0x8000), applicationImage());
+        QCOMPARE(failing.chip().flash(0, writtenFirmware().size()), writtenFirmware());
+        QVERIFY(failing.chip().flash(applicationAddress, 0x8000) != applicationImage());
     }
 };
 

@@ -1,10 +1,9 @@
 #pragma once
 
-#include <QString>
 #include <QStringList>
 
-// Runs the esp-utility program of the build tree as a child process. The child inherits this
-// process's environment as it is now, so the ports of virtual chips started here are listed.
+// One run of the build tree's esp-utility program. It inherits this process's environment as it
+// is now, so the ports of virtual chips started here are listed.
 struct CliRun
 {
     bool finished = false; // false: it did not end within the time given (then killed)
@@ -12,11 +11,10 @@ struct CliRun
     QString out;
     QString err;
 
-    QStringList outLines() const;
-    QStringList errLines() const;
+    QStringList outLines() const { return out.split('\n', Qt::SkipEmptyParts); }
+    QStringList errLines() const { return err.split('\n', Qt::SkipEmptyParts); }
     // Both streams, for failure messages.
     QString transcript() const;
 };
 
-QString cliProgramPath();
 CliRun runCli(const QStringList &arguments, int timeoutMs = 60000);
