@@ -473,6 +473,33 @@ void ESPFlasher::cancelStubWait()
         stubWaitDialog->cancel();
 }
 
+void ESPFlasher::finishSectionWalk(const QString &message)
+{
+    log(LogColour::Success, message);
+    ui->progressBar->setValue(100);
+    enableToolsAfterWalk();
+}
+
+void ESPFlasher::enableToolsAfterWalk()
+{
+    // A package is written only: reading back into it would change the package.
+    ui->readTool->setEnabled(!zip);
+    ui->flashTool->setEnabled(true);
+}
+
+// Both tools stay disabled while a walk runs; an inactive row is logged and passed over.
+bool ESPFlasher::skipInactiveSection(void (ESPFlasher::*next)())
+{
+    ui->readTool->setEnabled(false);
+    ui->flashTool->setEnabled(false);
+    if (rowActive(sectionIndex))
+        return false;
+    log(LogColour::Notice, FlashPlan::skippingMessage(sectionIndex));
+    ++sectionIndex;
+    (this->*next)();
+    return true;
+}
+
 void ESPFlasher::writeNextSection()
 {
     const int rows = ui->scatterTable->rowCount();
@@ -480,22 +507,12 @@ void ESPFlasher::writeNextSection()
     if (sectionIndex < 0 || sectionIndex > rows)
         return;
     if (sectionIndex == rows) {
-        log(LogColour::Success, FlashPlan::finishedFlashingMessage());
-        ui->progressBar->setValue(100);
-        ui->readTool->setEnabled(!zip);
-        ui->flashTool->setEnabled(true);
+        finishSectionWalk(FlashPlan::finishedFlashingMessage());
         scheduleAutoClose(true, tr("Upgrade completed."));
         return;
     }
-    ui->readTool->setEnabled(false);
-    ui->flashTool->setEnabled(false);
-
-    if (!rowActive(sectionIndex)) {
-        log(LogColour::Notice, FlashPlan::skippingMessage(sectionIndex));
-        ++sectionIndex;
-        writeNextSection();
+    if (skipInactiveSection(&ESPFlasher::writeNextSection))
         return;
-    }
 
     const ScatterSection row = scatterRow(sectionIndex);
     const QString file = cellText(sectionIndex, SourceColumn);
@@ -684,19 +701,11 @@ void ESPFlasher::readNextSection()
         log(LogColour::Success, FlashPlan::finishedReadingMessage());
         ui->progressBar->setValue(100);
         saveScatter();
-        ui->readTool->setEnabled(!zip);
-        ui->flashTool->setEnabled(true);
+        enableToolsAfterWalk();
         return;
     }
-    ui->readTool->setEnabled(false);
-    ui->flashTool->setEnabled(false);
-
-    if (!rowActive(sectionIndex)) {
-        log(LogColour::Notice, FlashPlan::skippingMessage(sectionIndex));
-        ++sectionIndex;
-        readNextSection();
+    if (skipInactiveSection(&ESPFlasher::readNextSection))
         return;
-    }
     const ScatterSection row = scatterRow(sectionIndex);
     queueCommand(FlashPlan::readCommand(row, resolveScatterPath(row.file)));
 }

@@ -122,6 +122,10 @@ private:
     // Loads the stub and waits for the worker's answer in a local event loop.
     bool waitStubLoaded();
     void cancelStubWait();
+    // Steps shared by the write and the read walk over the scatter table.
+    bool skipInactiveSection(void (ESPFlasher::*next)());
+    void finishSectionWalk(const QString &message);
+    void enableToolsAfterWalk();
     // Writes the row at sectionIndex, passing over unchecked rows; the last row ends the run.
     void writeNextSection();
     void sectionWritten(int command);
