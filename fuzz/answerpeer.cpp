@@ -13,6 +13,9 @@ namespace {
 
 // A client that has had no answer for this long (ms) waits for something that is not coming.
 constexpr int stallMs = 2;
+// Records given to a client that waits without asking, before the peer falls silent until the
+// next request: a client that waits for a quiet line (after a sync, say) must get one.
+constexpr int maxStallReplies = 8;
 // Flash read packets of the loader (bytes); the client asks for this size.
 constexpr int readPacketSize = 4096;
 
@@ -115,6 +118,7 @@ void AnswerPeer::begin(ScriptSource script)
     discardInFlight();
     m_script = std::move(script);
     m_scriptedReplies = 0;
+    m_stallReplies = 0;
     m_flash = QByteArray(int(modelFlashSize), char(0xFF));
     m_writeAddress = m_writeOffset = 0;
     m_stub = false;
@@ -211,16 +215,19 @@ void AnswerPeer::clientStalled()
     }
     // The client waits for more than it asked an answer for: give it the next record. Not an
     // answer of the chip model, whatever the record says.
-    if (m_active && m_out.isEmpty()) {
+    if (!m_active || m_stallReplies >= maxStallReplies)
+        return;
+    if (m_out.isEmpty()) {
         ++m_scriptedReplies;
+        ++m_stallReplies;
         send(nextRecordReply(QByteArray()));
     }
-    if (m_active)
-        m_stallTimer.start();
+    m_stallTimer.start();
 }
 
 void AnswerPeer::handleRequest(const QByteArray &request)
 {
+    m_stallReplies = 0;
     if (request.size() >= 8 && request.at(0) == 0)
         m_lastOpcode = quint8(request.at(1));
     send(nextRecordReply(request));

@@ -14,8 +14,8 @@
 // waits out a time-out). Each answer is the next reply record of a script: a correct answer, a
 // damaged one, foreign packets, or line noise. A client that waits for something the script did
 // not send (flash read data, a greeting, surplus sync answers) is noticed within a few
-// milliseconds and gets the next record as if it had asked. Once the script is spent every
-// request gets a correct answer.
+// milliseconds and gets the next record as if it had asked (a few times, then the line stays
+// quiet). Once the script is spent every request gets a correct answer.
 //
 // "Correct" answers come from a small model of the chip: registers that describe an ESP8266EX
 // with a known flash, and 256 KiB of flash that FLASH_DATA, erase, MD5 and READ_FLASH work on.
@@ -74,6 +74,7 @@ private:
     bool m_active = false;
     ScriptSource m_script;
     int m_scriptedReplies = 0;
+    int m_stallReplies = 0; // since the last request
 
     QByteArray m_out;
     QByteArray m_packet;
