@@ -375,16 +375,21 @@ void ESPFlasher::scheduleAutoClose(bool success, const QString &message)
 
 void ESPFlasher::on_flashTool_clicked()
 {
-    operation = OperationFlashing;
+    if (!startSectionWalk(OperationFlashing, &ESPFlasher::writeNextSection))
+        scheduleAutoClose(false, tr("Cannot load the stub"));
+}
+
+bool ESPFlasher::startSectionWalk(Operation walk, void (ESPFlasher::*firstStep)())
+{
+    operation = walk;
     if (stubLoaded) {
         sectionIndex = 0;
-        writeNextSection();
-        return;
+        (this->*firstStep)();
+        return true;
     }
-    // The "load stub" result adds 1, so the run starts at row 0.
+    // The "load stub" result adds 1, so the walk starts at row 0.
     sectionIndex = -1;
-    if (!startLoadStub())
-        scheduleAutoClose(false, tr("Cannot load the stub"));
+    return startLoadStub();
 }
 
 bool ESPFlasher::startLoadStub()
@@ -526,13 +531,7 @@ void ESPFlasher::writeNextSection()
             return;
         }
         QByteArray bytes;
-        const EspPackage::EntryStatus status = zip->readEntry(file, &bytes);
-        if (status != EspPackage::EntryStatus::Ok) {
-            const QString text =
-                status == EspPackage::EntryStatus::NotFound
-                    ? tr("File %1 is not in the package").arg(file)
-                    : tr("File %1 cannot be read (%2)").arg(file).arg(zip->zipError());
-            QMessageBox::critical(this, tr("Flash Loader"), text, QMessageBox::Ok);
+        if (!readPackageEntry(file, &bytes)) {
             scheduleAutoClose(false, tr("Invalid package"));
             return;
         }
@@ -682,14 +681,7 @@ void ESPFlasher::startReading()
     // Reading writes loose files only.
     close_pack();
     ui->flashTool->setEnabled(false);
-    operation = OperationReading;
-    if (stubLoaded) {
-        sectionIndex = 0;
-        readNextSection();
-        return;
-    }
-    sectionIndex = -1;
-    startLoadStub();
+    startSectionWalk(OperationReading, &ESPFlasher::readNextSection);
 }
 
 void ESPFlasher::readNextSection()
@@ -866,19 +858,24 @@ bool ESPFlasher::expectedMd5ForRow(const ScatterSection &row, QString *md5)
     return true;
 }
 
+bool ESPFlasher::readPackageEntry(const QString &file, QByteArray *bytes)
+{
+    const EspPackage::EntryStatus status = zip->readEntry(file, bytes);
+    if (status == EspPackage::EntryStatus::Ok)
+        return true;
+    const QString text = status == EspPackage::EntryStatus::NotFound
+                             ? tr("File %1 is not in the package").arg(file)
+                             : tr("File %1 cannot be read (%2)").arg(file).arg(zip->zipError());
+    QMessageBox::critical(this, tr("Flash Loader"), text, QMessageBox::Ok);
+    return false;
+}
+
 std::unique_ptr<QIODevice> ESPFlasher::openSectionImage(const QString &file)
 {
     if (zip) {
         QByteArray bytes;
-        const EspPackage::EntryStatus status = zip->readEntry(file, &bytes);
-        if (status != EspPackage::EntryStatus::Ok) {
-            const QString text =
-                status == EspPackage::EntryStatus::NotFound
-                    ? tr("File %1 is not in the package").arg(file)
-                    : tr("File %1 cannot be read (%2)").arg(file).arg(zip->zipError());
-            QMessageBox::critical(this, tr("Flash Loader"), text, QMessageBox::Ok);
+        if (!readPackageEntry(file, &bytes))
             return nullptr;
-        }
         auto buffer = std::make_unique<QBuffer>();
         buffer->setData(bytes);
         buffer->open(QIODevice::ReadOnly);

@@ -122,7 +122,9 @@ private:
     // Loads the stub and waits for the worker's answer in a local event loop.
     bool waitStubLoaded();
     void cancelStubWait();
-    // Steps shared by the write and the read walk over the scatter table.
+    // Steps shared by the write and the read walk over the scatter table. Starting answers false
+    // when the stub is needed and cannot be loaded.
+    bool startSectionWalk(Operation walk, void (ESPFlasher::*firstStep)());
     bool skipInactiveSection(void (ESPFlasher::*next)());
     void finishSectionWalk(const QString &message);
     void enableToolsAfterWalk();
@@ -144,6 +146,8 @@ private:
     // sure that the loader runs. False when cancelled or not usable (a format error is logged).
     bool askRegion(const QString &title, const QString &preset, bool erase, FlashRegion *region);
     bool expectedMd5ForRow(const ScatterSection &row, QString *md5);
+    // Reads an entry of the open package; a missing or unreadable one is reported in a box.
+    bool readPackageEntry(const QString &file, QByteArray *bytes);
     std::unique_ptr<QIODevice> openSectionImage(const QString &file);
 
     void stubLoadFinished();
