@@ -11,14 +11,10 @@
 
 QString writeTestFile(const QDir &dir, const QString &name, const QByteArray &bytes)
 {
-    const QString path = dir.absoluteFilePath(name);
-    QDir().mkpath(QFileInfo(path).absolutePath());
-    QFile file(path);
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate))
-        return QString();
-    if (file.write(bytes) != bytes.size())
-        return QString();
-    return path;
+    QFile file(dir.absoluteFilePath(name));
+    QDir().mkpath(QFileInfo(file).absolutePath());
+    const bool written = file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size();
+    return written ? file.fileName() : QString();
 }
 
 bool writeTestZip(const QString &path, const QString &comment, const ZipEntries &entries,
@@ -32,9 +28,8 @@ bool writeTestZip(const QString &path, const QString &comment, const ZipEntries 
     for (const auto &entry : entries) {
         QuaZipFile file(&zip);
         if (!file.open(QIODevice::WriteOnly, QuaZipNewInfo(entry.first),
-                       password ? password->constData() : nullptr, 0, stored ? 0 : Z_DEFLATED))
-            return false;
-        if (file.write(entry.second) != entry.second.size())
+                       password ? password->constData() : nullptr, 0, stored ? 0 : Z_DEFLATED) ||
+            file.write(entry.second) != entry.second.size())
             return false;
         file.close();
         if (file.getZipError() != ZIP_OK)
@@ -46,15 +41,14 @@ bool writeTestZip(const QString &path, const QString &comment, const ZipEntries 
 
 QString md5Hex(const QByteArray &data)
 {
-    return QString::fromLatin1(
-        QCryptographicHash::hash(data, QCryptographicHash::Md5).toHex().toUpper());
+    return QCryptographicHash::hash(data, QCryptographicHash::Md5).toHex().toUpper();
 }
 
 QByteArray patternBytes(int size, int seed)
 {
     QByteArray bytes(size, '\0');
     for (int i = 0; i < size; ++i)
-        bytes[i] = static_cast<char>((i * 7 + seed * 13) % 251);
+        bytes[i] = char((i * 7 + seed * 13) % 251);
     return bytes;
 }
 
@@ -63,6 +57,6 @@ QByteArray noiseBytes(int size, quint32 seed)
     QRandomGenerator generator(seed);
     QByteArray bytes(size, '\0');
     for (int i = 0; i < size; ++i)
-        bytes[i] = static_cast<char>(generator.bounded(256));
+        bytes[i] = char(generator.bounded(256));
     return bytes;
 }

@@ -8,11 +8,10 @@
 
 using ZipEntries = QVector<QPair<QString, QByteArray>>;
 
-// Writes bytes into dir/name (creating sub-directories) and returns the absolute path, or an
-// empty string when the file could not be written.
+// Writes bytes into dir/name (creating sub-directories); the absolute path, or empty on failure.
 QString writeTestFile(const QDir &dir, const QString &name, const QByteArray &bytes);
 
-// Writes a zip with the archive code directly, independent of the package writer. A null
+// A zip written with the archive code directly, independent of the package writer. A null
 // password leaves the entries unprotected; stored skips compression.
 bool writeTestZip(const QString &path, const QString &comment, const ZipEntries &entries,
                   const QByteArray *password, bool stored = false);
@@ -20,8 +19,6 @@ bool writeTestZip(const QString &path, const QString &comment, const ZipEntries 
 // Upper-case hexadecimal MD5, as scatter documents carry it.
 QString md5Hex(const QByteArray &data);
 
-// Recognisable bytes that contain no 0xFF.
+// Recognisable bytes that contain no 0xFF; incompressible ones from a fixed seed.
 QByteArray patternBytes(int size, int seed);
-
-// Incompressible bytes from a fixed seed (may contain 0xFF).
 QByteArray noiseBytes(int size, quint32 seed);
