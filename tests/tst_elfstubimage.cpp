@@ -30,14 +30,9 @@ int fieldAt(const QByteArray &bytes, int section, int field)
 
 QByteArray patched(QByteArray bytes, int section, int field, int width, quint32 value)
 {
-    char *at = bytes.data() + fieldAt(bytes, section, field);
-    if (width == 4)
-        qToLittleEndian<quint32>(value, at);
-    else if (width == 2)
-        qToLittleEndian<quint16>(quint16(value), at);
-    else
-        *at = char(value);
-    return bytes;
+    char little[4];
+    qToLittleEndian(value, little);
+    return bytes.replace(fieldAt(bytes, section, field), width, little, width);
 }
 
 // Sections 1 .text, 2 .data, 3 .shstrtab; the section table comes last.
@@ -182,39 +177,31 @@ private slots:
         QVERIFY2(image.load("\n  " + loaderJson()), qPrintable(image.errorString()));
         QCOMPARE(image.entry(), 0x4010C504u);
         QCOMPARE(sectionNames(image), (QStringList{".text", ".data"}));
-        QCOMPARE(image.section(".text")->address, 0x4010C500u);
-        QCOMPARE(image.section(".text")->size, 0x1900u);
-        QCOMPARE(image.section(".data")->address, 0x3FFFAE6Cu);
-
+        // Uploaded from a file, to the addresses it gives.
         QTemporaryDir dir;
         QFile own(dir.filePath("own.json"));
         QVERIFY(own.open(QIODevice::WriteOnly) && own.write(loaderJson()) > 0);
         own.close();
         ChipFixture fixture;
-        QVERIFY(fixture.start());
         ESPTool tool;
-        QVERIFY(tool.esp_connect(fixture.port()));
+        QVERIFY(fixture.start() && tool.esp_connect(fixture.port()));
         QVERIFY(tool.write_loader_stub(own.fileName()));
         QCOMPARE(fixture.chip().ram(0x4010C500, 0x1900), QByteArray(0x1900, 'T'));
         QCOMPARE(fixture.chip().ram(0x3FFFAE6C, 0x80), QByteArray(0x80, 'D'));
 
         // The converter into an ELF file, run on our own loader and on the vendor's when fetched.
-        QStringList jsonFiles{own.fileName()};
-        if (!vendorLoaderJsonPath().isEmpty())
-            jsonFiles << vendorLoaderJsonPath();
         const QString elfPath = dir.filePath("out.elf");
-        for (const QString &jsonPath : jsonFiles) {
+        for (const QString &jsonPath : {own.fileName(), vendorLoaderJsonPath()}) {
+            if (jsonPath.isEmpty())
+                continue;
             QCOMPARE(QProcess::execute(testBuildDir() + "/tools/stubgen/esp-make-stub",
                                        {"--from-json", jsonPath, "-o", elfPath}),
                      0);
             QFile jsonFile(jsonPath);
-            QVERIFY(jsonFile.open(QIODevice::ReadOnly));
-            const QJsonObject json = QJsonDocument::fromJson(jsonFile.readAll()).object();
             QFile elfFile(elfPath);
-            QVERIFY(elfFile.open(QIODevice::ReadOnly));
-            QVERIFY2(elfFile.peek(4) == "\x7F"
-                                        "ELF",
-                     "the converter must write ELF, not JSON");
+            QVERIFY(jsonFile.open(QIODevice::ReadOnly) && elfFile.open(QIODevice::ReadOnly));
+            const QJsonObject json = QJsonDocument::fromJson(jsonFile.readAll()).object();
+            QCOMPARE(elfFile.peek(4), QByteArray::fromHex("7f454c46")); // ELF, not JSON
             QVERIFY2(image.load(&elfFile), qPrintable(image.errorString()));
             QCOMPARE(image.entry(), quint32(json.value("entry").toDouble()));
             for (const QString section : {"text", "data"}) {
@@ -227,19 +214,14 @@ private slots:
         }
     }
 
-    void unusualSections()
+    void noBitsSection()
     {
-        // A NOBITS section occupies memory but no file bytes, even when far larger than the file.
-        QByteArray bytes = patched(stubBytes(0x100, 0x80), 2, Type, 4, 8);
+        // It occupies memory but no file bytes, even when far larger than the file.
+        const QByteArray bytes = patched(stubBytes(0x100, 0x80), 2, Type, 4, 8);
         ElfStubImage image;
         QVERIFY2(image.load(patched(bytes, 2, Size, 4, 0x100000)), qPrintable(image.errorString()));
         QCOMPARE(image.section(".data")->size, 0x100000u);
         QVERIFY(image.section(".data")->data.isEmpty());
-        // Without a name table the sections are read, but none can be found by name.
-        QVERIFY(image.load(patched(stubBytes(0x100, 0x80), -1, NamesIndex, 2, 0)));
-        QCOMPARE(sectionNames(image), QStringList({"", "", ""}));
-        QVERIFY(!image.section(".text"));
-        QCOMPARE(image.sections().at(0).data.size(), 0x100);
     }
 };
 

@@ -49,9 +49,7 @@ private slots:
         QSerialPort port;
         // Port names are matched exactly, case included; a port not found is left untouched.
         QVERIFY(!QComPort::setupComPortFromHash(pty.slavePath().toUpper(), Settings{}, port));
-        QVERIFY(!port.isOpen());
-        QVERIFY(port.portName().isEmpty());
-
+        QVERIFY(!port.isOpen() && port.portName().isEmpty());
         const Settings settings{
             {"COM/Baud", 9600}, {"COM/Parity", 2}, {"COM/Bits", 7}, {"COM/StopBits", 2}};
         QVERIFY(QComPort::setupComPortFromHash(pty.slavePath(), settings, port));
@@ -60,22 +58,6 @@ private slots:
         QCOMPARE(port.parity(), QSerialPort::EvenParity);
         QCOMPARE(port.dataBits(), QSerialPort::Data7);
         QCOMPARE(port.stopBits(), QSerialPort::TwoStop);
-    }
-
-    void extraPorts()
-    {
-        // A missing path is left out and a path given twice listed once; serial numbers given as
-        // "=SERIAL" are used by the dialog's autoconnect tests.
-        PtyPair pty;
-        const QByteArray saved = qgetenv(QComPort::extraPortsVariable);
-        qputenv(QComPort::extraPortsVariable,
-                "/dev/does-not-exist:" + pty.slavePath().toLocal8Bit() +
-                    "=SN-1:" + pty.slavePath().toLocal8Bit());
-        const QStringList names = QComPort::availableComPorts();
-        qputenv(QComPort::extraPortsVariable, saved);
-        QVERIFY(!names.contains(QStringLiteral("/dev/does-not-exist")));
-        QCOMPARE(names.count(pty.slavePath()), 1);
-        QCOMPARE(names.last(), pty.slavePath());
     }
 };
 

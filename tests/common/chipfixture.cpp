@@ -1,6 +1,6 @@
 #include "chipfixture.h"
 
-#include "serial/qcomport.h"
+#include "ptypair.h"
 #include "testpaths.h"
 
 #include <QFileInfo>
@@ -18,13 +18,13 @@ bool ChipFixture::start()
 {
     if (!m_chip->start())
         return false;
-    // Only the ports of chips alive in this process are listed.
-    QByteArray list = qgetenv(QComPort::extraPortsVariable);
-    if (!list.isEmpty())
-        list.append(':');
-    list.append(m_chip->devicePath().toLocal8Bit());
-    qputenv(QComPort::extraPortsVariable, list);
+    PtyPair::publish(m_chip->devicePath()); // only the ports of chips alive here are listed
     return true;
+}
+
+static QString ifExists(const QString &path)
+{
+    return QFileInfo::exists(path) ? path : QString();
 }
 
 QString generatedStubPath()
@@ -34,15 +34,13 @@ QString generatedStubPath()
 
 QString vendorStubPath()
 {
-    const QString path = testBuildDir() + QStringLiteral("/stub/vendor/esp8266_loader_stub.elf");
-    return QFileInfo::exists(path) ? path : QString();
+    return ifExists(testBuildDir() + QStringLiteral("/stub/vendor/esp8266_loader_stub.elf"));
 }
 
 QString vendorLoaderJsonPath()
 {
-    const QString path =
-        testSourceDir() + QStringLiteral("/third_party/vendor-loader/esp8266-loader.json");
-    return QFileInfo::exists(path) ? path : QString();
+    return ifExists(testSourceDir() +
+                    QStringLiteral("/third_party/vendor-loader/esp8266-loader.json"));
 }
 
 QString loaderStubPath()

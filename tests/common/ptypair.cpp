@@ -23,13 +23,6 @@ PtyPair::PtyPair()
     ::fcntl(m_master, F_SETFL, ::fcntl(m_master, F_GETFL) | O_NONBLOCK);
 }
 
-PtyPair::~PtyPair()
-{
-    closeMaster();
-    if (m_slave >= 0)
-        ::close(m_slave);
-}
-
 bool PtyPair::writeMaster(const QByteArray &data)
 {
     qint64 done = 0;
@@ -40,7 +33,7 @@ bool PtyPair::writeMaster(const QByteArray &data)
         if (n > 0)
             done += n;
         else
-            ::usleep(1000);
+            ::usleep(1000); // the terminal's buffer is full
     }
     return done == data.size();
 }
@@ -52,32 +45,28 @@ QByteArray PtyPair::readMaster(int timeoutMs, int atLeast)
     timer.start();
     while (m_master >= 0 && result.size() < atLeast && timer.elapsed() < timeoutMs) {
         pollfd pfd{m_master, POLLIN, 0};
-        if (::poll(&pfd, 1, 10) > 0 && (pfd.revents & POLLIN)) {
-            char buffer[4096];
-            const ssize_t n = ::read(m_master, buffer, sizeof buffer);
-            if (n > 0)
-                result.append(buffer, int(n));
-        }
+        char buffer[4096];
+        const ssize_t n = ::poll(&pfd, 1, 10) > 0 ? ::read(m_master, buffer, sizeof buffer) : 0;
+        if (n > 0)
+            result.append(buffer, int(n));
     }
     return result;
 }
 
 void PtyPair::closeMaster()
 {
-    if (m_master >= 0)
-        ::close(m_master);
-    m_master = -1;
     // Without the test's own slave descriptor the port's side hangs up like a removed device.
-    if (m_slave >= 0)
-        ::close(m_slave);
-    m_slave = -1;
+    for (int *fd : {&m_master, &m_slave}) {
+        if (*fd >= 0)
+            ::close(*fd);
+        *fd = -1;
+    }
 }
 
-void PtyPair::publish() const
+void PtyPair::publish(const QString &path)
 {
     QByteArray list = qgetenv(QComPort::extraPortsVariable);
     if (!list.isEmpty())
         list.append(':');
-    list.append(m_slavePath.toLocal8Bit());
-    qputenv(QComPort::extraPortsVariable, list);
+    qputenv(QComPort::extraPortsVariable, list + path.toLocal8Bit());
 }

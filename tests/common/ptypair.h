@@ -9,7 +9,7 @@ class PtyPair
 {
 public:
     PtyPair();
-    ~PtyPair();
+    ~PtyPair() { closeMaster(); }
     PtyPair(const PtyPair &) = delete;
     PtyPair &operator=(const PtyPair &) = delete;
 
@@ -23,7 +23,8 @@ public:
     void closeMaster();
 
     // Makes the slave visible to the port enumeration (through the extra-ports variable).
-    void publish() const;
+    void publish() const { publish(m_slavePath); }
+    static void publish(const QString &path);
 
 private:
     int m_master = -1;

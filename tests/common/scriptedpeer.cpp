@@ -6,10 +6,21 @@
 
 #include <chrono>
 
-ScriptedPeer::ScriptedPeer(Script script) : m_script(std::move(script))
+ScriptedPeer::ScriptedPeer(Script script)
 {
     m_pty.publish();
-    m_thread = std::thread([this] { run(); });
+    m_thread = std::thread([this, script] {
+        ESPProtocol decoder; // the product's own: its framing rules are pinned by its tests
+        while (!m_stop) {
+            decoder.feed(m_pty.readMaster(20, 1));
+            for (QByteArray packet = decoder.deque(); !packet.isNull(); packet = decoder.deque()) {
+                for (const Reply &reply : script(packet)) {
+                    std::this_thread::sleep_for(std::chrono::milliseconds(reply.delayMs));
+                    m_pty.writeMaster(reply.bytes);
+                }
+            }
+        }
+    });
 }
 
 ScriptedPeer::~ScriptedPeer()
@@ -35,24 +46,5 @@ QByteArray ScriptedPeer::response(quint8 opcode, const QByteArray &body, quint32
 
 QList<ScriptedPeer::Reply> ScriptedPeer::syncBurst()
 {
-    QByteArray burst;
-    for (int i = 0; i < 8; ++i)
-        burst.append(frame(response(0x08, QByteArray(2, '\0'))));
-    return {{burst, 0}};
-}
-
-void ScriptedPeer::run()
-{
-    // The product's own decoder: its framing rules are pinned by the protocol tests.
-    ESPProtocol decoder;
-    while (!m_stop) {
-        decoder.feed(m_pty.readMaster(20, 1));
-        for (QByteArray packet = decoder.deque(); !packet.isNull(); packet = decoder.deque()) {
-            for (const Reply &reply : m_script(packet)) {
-                if (reply.delayMs > 0)
-                    std::this_thread::sleep_for(std::chrono::milliseconds(reply.delayMs));
-                m_pty.writeMaster(reply.bytes);
-            }
-        }
-    }
+    return {{frame(response(0x08, QByteArray(2, '\0'))).repeated(8), 0}};
 }

@@ -24,7 +24,6 @@ public:
     explicit ScriptedPeer(Script script);
     ~ScriptedPeer();
 
-    bool isValid() const { return m_pty.isValid(); }
     QString port() const { return m_pty.slavePath(); }
 
     static QByteArray frame(const QByteArray &packet);
@@ -34,10 +33,7 @@ public:
     static QList<Reply> syncBurst();
 
 private:
-    void run();
-
     PtyPair m_pty;
-    Script m_script;
     std::atomic<bool> m_stop{false};
     std::thread m_thread;
 };
