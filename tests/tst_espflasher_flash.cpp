@@ -1,36 +1,19 @@
-#include "flasher/espflasher.h"
-#include "serial/qcomport.h"
+#include "flasher/esppackage.h"
 #include "widgets/flashtypeselector.h"
 
 #include "chipfixture.h"
 #include "flashertestkit.h"
-#include "modalanswerer.h"
 #include "scattertestfiles.h"
 
 #include "tools/imagegen/espimagebuilder.h"
-
-#include <QComboBox>
-#include <QDialogButtonBox>
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QLineEdit>
-#include <QMenu>
-#include <QProgressBar>
-#include <QProgressDialog>
-#include <QPushButton>
-#include <QRadioButton>
-#include <QSettings>
-#include <QTemporaryDir>
-#include <QToolButton>
-#include <QtTest>
-
-#include <memory>
 
 using namespace FlasherTestKit;
 
 namespace {
 
 const QString finishedFlashing = line(green, "Finished flashing package");
+const QString erased = line(green, "Flash memory has been erased");
+constexpr quint32 applicationAddress = 0x10000;
 
 QByteArray readFile(const QString &path)
 {
@@ -38,24 +21,79 @@ QByteArray readFile(const QString &path)
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("missing");
 }
 
+// A firmware image whose header says qio, 26 MHz and the flash size of that code.
+QByteArray firmwareImage(quint8 sizeCode, quint32 seed)
+{
+    EspImageBuilder builder;
+    builder.setFlashMode(0);
+    builder.setFlashSize(sizeCode);
+    builder.setFlashFrequency(1);
+    builder.addRandomSegment(0x40100000, 0x2400, seed);
+    return builder.build();
+}
+
+// A firmware image, an application image and a loader beside a loose scatter file, and the same
+// packed into a package. The firmware's header says 1MB; the scatter asks for dio / 4MB / 40m,
+// so the chip ends up holding `patched`.
+struct FlashTestFiles
+{
+    QByteArray firmware = firmwareImage(2, 11), patched = firmware,
+               application = EspImageBuilder::application(0x5000, 0, 13);
+    QString stub, scatter, package;
+
+    bool create(const QDir &dir)
+    {
+        patched[2] = 2;    // dio
+        patched[3] = 0x40; // 4 MB, 40 MHz
+        stub = writeTestFile(dir, "loader.elf", readFile(generatedStubPath()));
+        scatter = writeTestFile(dir, "scatter.txt", document("loader.elf"));
+        package = dir.absoluteFilePath("package.zip");
+        return !writeTestFile(dir, "boot.bin", firmware).isEmpty() &&
+               !writeTestFile(dir, "app.bin", application).isEmpty() && !scatter.isEmpty() &&
+               writePackage(package, firmware);
+    }
+    QByteArray document(const QString &stubName) const
+    {
+        const QJsonArray sections{
+            section("firmware", "0x0", "boot.bin", md5Hex(firmware), "dio"),
+            section("application", "0x10000", "app.bin", md5Hex(application))};
+        return QJsonDocument(
+                   QJsonObject{{"chip", "ESP8266EX"}, {"stub", stubName}, {"sections", sections}})
+            .toJson();
+    }
+    // A package of the files with `image` in place of the firmware.
+    bool writePackage(const QString &path, const QByteArray &image) const
+    {
+        const QString description = QStringLiteral("Flash test package 2.1");
+        const QByteArray password = EspPackage::password(description);
+        return writeTestZip(path, description,
+                            {{EspPackage::stubEntryName, readFile(stub)},
+                             {"boot.bin", image},
+                             {"app.bin", application},
+                             {"scatter.txt", document(EspPackage::stubEntryName)}},
+                            &password);
+    }
+};
+
 } // namespace
 
-// The operations against a virtual chip: in run mode 1 flash runs, erase and verify, and
-// reading flash into files and a scatter file; run mode 0 from autoconnect to the exit code.
-class TestEspFlasherFlash : public QObject
+// The operations against a virtual chip: in run mode 1 identifying it, flash runs, erase and
+// verify, reading flash into files and a scatter file; run mode 0 from autoconnect to exit code.
+class TestEspFlasherFlash : public FlasherTest
 {
     Q_OBJECT
 
 private slots:
-    void initTestCase();
     void init();
-    void cleanup();
-
+    void cleanup()
+    {
+        FlasherTest::cleanup();
+        chip.reset();
+    }
     void packageRunEraseAndVerify();
-    void chipVanishesMidRun();
-    void busyWhileAStoppedRunHoldsAnEntry_data();
-    void busyWhileAStoppedRunHoldsAnEntry();
-    void composeReadSaveAndFlashAnotherChip();
+    void failedRunKeepsItsEntry_data();
+    void failedRunKeepsItsEntry();
+    void identifyComposeReadAndFlashAnotherChip();
     void upgrade_data();
     void upgrade();
 
@@ -66,74 +104,52 @@ private:
     // Triggers the action of that row in the tool's menu.
     void trigger(const char *tool, int row);
     // Processes events until the log holds `line` after the lines it held at the last click.
-    bool awaitNew(const QString &wanted) { return waitForLogLine(flasher.get(), wanted, mark); }
-    bool enabled(const char *name) { return child<QWidget>(flasher.get(), name)->isEnabled(); }
+    bool awaitNew(const QString &wanted) { return waitForLog(wanted, mark); }
+    QString text(const char *name) { return edit(name)->text(); }
+    QString connectText() { return find<QPushButton>("comPortConnect")->text(); }
     VirtualEsp8266 &board() { return chip->chip(); }
-    QString path(const QString &name) const { return QDir(dir->path()).absoluteFilePath(name); }
 
-    QByteArray savedPorts;
-    QTemporaryDir settingsDir;
-    std::unique_ptr<QTemporaryDir> dir;
+    VirtualEsp8266::Config config;
     FlashTestFiles files;
-    std::unique_ptr<ModalAnswerer> answerer;
     std::unique_ptr<ChipFixture> chip;
-    std::unique_ptr<ESPFlasher> flasher;
     int mark = 0;
 };
 
-void TestEspFlasherFlash::initTestCase()
-{
-    QCoreApplication::setAttribute(Qt::AA_DontUseNativeDialogs);
-    QVERIFY(settingsDir.isValid());
-    isolateSettings(settingsDir.path());
-    savedPorts = qgetenv(QComPort::extraPortsVariable);
-}
-
 void TestEspFlasherFlash::init()
 {
-    dir = std::make_unique<QTemporaryDir>();
+    FlasherTest::init();
+    config.mac = QByteArray::fromHex("18fe34123456");
     files = FlashTestFiles();
     QVERIFY(files.create(dir->path()));
-    answerer = std::make_unique<ModalAnswerer>();
-}
-
-void TestEspFlasherFlash::cleanup()
-{
-    QCOMPARE(answerer->unexpected(), QStringList());
-    QCOMPARE(answerer->remaining(), 0);
-    // The worker lets go of the port before the chip stops.
-    flasher.reset();
-    chip.reset();
-    qputenv(QComPort::extraPortsVariable, savedPorts);
 }
 
 void TestEspFlasherFlash::connectAndLoad(const QString &scatter)
 {
     flasher.reset();
-    chip = std::make_unique<ChipFixture>();
+    chip = std::make_unique<ChipFixture>(config);
     QVERIFY(chip->start());
     flasher = std::make_unique<ESPFlasher>(ESPFlasher::RUN_MODE_STANDALONE, nullptr);
-    child<QComboBox>(flasher.get(), "comPortCombo")->setCurrentText(chip->port());
-    child<QPushButton>(flasher.get(), "comPortConnect")->click();
-    QVERIFY2(waitForLogLine(flasher.get(), line(green, "Retrieved chip info")),
-             qPrintable(logLines(flasher.get()).join('\n')));
+    find<QComboBox>("comPortCombo")->setCurrentText(chip->port());
+    click("comPortConnect");
+    QVERIFY(!enabled("comPortCombo"));
+    QVERIFY2(waitForLog(line(green, "Retrieved chip info")), qPrintable(log().join('\n')));
     if (scatter.isEmpty())
         return;
     answerer->answerFile(scatter);
-    QVERIFY(selectScatter(flasher.get()));
+    QVERIFY(selectScatter());
 }
 
 void TestEspFlasherFlash::click(const char *button)
 {
-    mark = logLines(flasher.get()).size();
+    mark = log().size();
     QVERIFY2(enabled(button), button);
-    child<QAbstractButton>(flasher.get(), button)->click();
+    find<QAbstractButton>(button)->click();
 }
 
 void TestEspFlasherFlash::trigger(const char *tool, int row)
 {
-    mark = logLines(flasher.get()).size();
-    child<QToolButton>(flasher.get(), tool)->menu()->actions().at(row)->trigger();
+    mark = log().size();
+    find<QToolButton>(tool)->menu()->actions().at(row)->trigger();
 }
 
 // A package written: the chip holds the images, the firmware with its header patched to the
@@ -144,14 +160,11 @@ void TestEspFlasherFlash::packageRunEraseAndVerify()
     // Erase loads the loader first and waits for it.
     answerer->answerInput("0x1000:4096");
     click("eraseTool");
-    QCOMPARE(logLines(flasher.get(), mark),
-             (QStringList{line(amber, "Must load a stub first"),
-                          line(green, "Start loading stub from esp8266_loader_stub.elf"),
-                          line(green, "Flash stub loaded")}));
-    QCOMPARE(answerer->last().title + "|" + answerer->last().text,
-             QStringLiteral("Erase Flash Memory|Region [address:size]:"));
+    QCOMPARE(log(mark), (QStringList{line(amber, "Must load a stub first"),
+                                     line(green, "Start loading stub from esp8266_loader_stub.elf"),
+                                     line(green, "Flash stub loaded")}));
     QVERIFY(flasher->findChildren<QProgressDialog *>().isEmpty());
-    QVERIFY(awaitNew(line(green, "Flash memory has been erased")));
+    QVERIFY(awaitNew(erased));
     QCOMPARE(board().counters().erases.last().offset, 0x1000u);
     QCOMPARE(board().counters().erases.last().size, 0x1000u);
 
@@ -159,7 +172,7 @@ void TestEspFlasherFlash::packageRunEraseAndVerify()
     click("flashTool");
     QVERIFY(awaitNew(finishedFlashing));
     QCOMPARE(
-        logLines(flasher.get(), mark),
+        log(mark),
         (QStringList{line(green, "Start writing firmware from boot.bin to 0x00000000 (flash "
                                  "memory size 4MB, mode dio, frequency 40m)"),
                      line(green, "Firmware has been successfully flashed"),
@@ -167,24 +180,23 @@ void TestEspFlasherFlash::packageRunEraseAndVerify()
                                  "0x00010000 (max size 4MB)"),
                      line(green, "Application has been successfully flashed"), finishedFlashing}));
     QCOMPARE(board().counters().commands.value(VirtualEsp8266::MemEnd), 1);
-    QCOMPARE(board().flash(0, files.patchedFirmware.size()), files.patchedFirmware);
-    QCOMPARE(board().flash(files.applicationAddress, files.application.size()), files.application);
-    QCOMPARE(child<QProgressBar>(flasher.get(), "progressBar")->value(), 100);
+    QCOMPARE(board().flash(0, files.patched.size()), files.patched);
+    QCOMPARE(board().flash(applicationAddress, files.application.size()), files.application);
+    QCOMPARE(find<QProgressBar>("progressBar")->value(), 100);
     // Reading works on loose files only, and the loader stays as loaded.
     QVERIFY(enabled("flashTool") && !enabled("readTool") && !enabled("stubSelTool"));
 
-    const QString firmwareMd5 = md5Hex(files.patchedFirmware);
     const QString applicationMd5 = md5Hex(files.application);
     trigger("verifyTool", 0);
-    QVERIFY(awaitNew(line(green, "Checksum verified (MD5: " + firmwareMd5 + ")")));
+    QVERIFY(awaitNew(line(green, "Checksum verified (MD5: " + md5Hex(files.patched) + ")")));
     trigger("verifyTool", 1);
     QVERIFY(awaitNew(line(green, "Checksum verified (MD5: " + applicationMd5 + ")")));
     trigger("eraseTool", 1);
-    QVERIFY(awaitNew(line(green, "Flash memory has been erased")));
-    const VirtualEsp8266::EraseRecord erased = board().counters().erases.last();
-    QCOMPARE(int(erased.kind), int(VirtualEsp8266::EraseKind::Region));
-    QCOMPARE(erased.offset, files.applicationAddress);
-    QCOMPARE(erased.size, quint32(files.application.size()));
+    QVERIFY(awaitNew(erased));
+    const VirtualEsp8266::EraseRecord region = board().counters().erases.last();
+    QCOMPARE(int(region.kind), int(VirtualEsp8266::EraseKind::Region));
+    QCOMPARE(region.offset, applicationAddress);
+    QCOMPARE(region.size, quint32(files.application.size()));
     const QString blank = md5Hex(QByteArray(files.application.size(), '\xFF'));
     trigger("verifyTool", 1);
     QVERIFY(awaitNew(
@@ -192,9 +204,8 @@ void TestEspFlasherFlash::packageRunEraseAndVerify()
 
     answerer->answerInput(" 0x0 : 4kb");
     click("verifyTool");
-    QCOMPARE(answerer->last().title, QStringLiteral("Verify Flash Memory Contents"));
-    QVERIFY(awaitNew(line(green, "MD5: " + md5Hex(files.patchedFirmware.left(4096)))));
-    QCOMPARE(logLines(flasher.get(), mark).first(),
+    QVERIFY(awaitNew(line(green, "MD5: " + md5Hex(files.patched.left(4096)))));
+    QCOMPARE(log(mark).first(),
              line(green, "Requested flash memory contents md5 for [0x00000000:0x00001000] (size "
                          "4096)"));
 
@@ -204,89 +215,95 @@ void TestEspFlasherFlash::packageRunEraseAndVerify()
     click("eraseTool");
     answerer->answerInput("0x1000");
     click("verifyTool");
-    answerer->cancelInput();
+    answerer->answerInput(QString());
     click("eraseTool");
-    const QStringList lines = logLines(flasher.get());
-    QCOMPARE(lines.mid(lines.size() - 2),
+    QCOMPARE(log().mid(mark - 2),
              (QStringList{line(amber, "Invalid erase region format"),
                           line(amber, "Invalid region format for flash verification")}));
     // The whole chip, through the 0x911 the prompt offers.
     answerer->expect("QInputDialog",
                      [](QWidget *modal) { static_cast<QDialog *>(modal)->accept(); });
     click("eraseTool");
-    QVERIFY(awaitNew(line(green, "Flash memory has been erased")));
+    QVERIFY(awaitNew(erased));
     QCOMPARE(int(board().counters().erases.last().kind), int(VirtualEsp8266::EraseKind::Chip));
     QCOMPARE(board().flash(0, 0x400000), QByteArray(0x400000, '\xFF'));
     QCOMPARE(board().counters().erases.size(), erases + 1);
+    const QString erase = "Erase Flash Memory|Region [address:size]:";
+    const QString verify = "Verify Flash Memory Contents|Region [address:size]:";
+    QCOMPARE(answerer->texts(1), (QStringList{erase, verify, erase, verify, erase, erase}));
 }
 
-// The board goes away while the firmware is written: one red line, nothing claims success.
-void TestEspFlasherFlash::chipVanishesMidRun()
+void TestEspFlasherFlash::failedRunKeepsItsEntry_data()
 {
-    connectAndLoad(files.package);
-    board().setCommandObserver([this](const VirtualEsp8266::CommandRecord &record) {
-        if (record.opcode == VirtualEsp8266::FlashBegin)
-            board().armVanishAfterBytes(4000);
-    });
-    click("flashTool");
-    const QString failed = line(red, "UBoot operation write firmware (4) finished with error");
-    QVERIFY(awaitNew(failed));
-    QVERIFY(board().vanished());
-    const QStringList lines = logLines(flasher.get(), mark);
-    QCOMPARE(lines.filter(QRegularExpression("^" + QString(red))), QStringList{failed});
-    QCOMPARE(lines.filter(QRegularExpression("successfully|Finished")), QStringList());
-    QVERIFY(!enabled("flashTool"));
-}
-
-void TestEspFlasherFlash::busyWhileAStoppedRunHoldsAnEntry_data()
-{
-    QTest::addColumn<bool>("stubLoaded");
     QTest::addColumn<int>("icon");
     QTest::addColumn<QString>("failed");
+    const QString write = "UBoot operation write firmware (4) finished with error";
     // Writing a section warns; loading the stub is critical. Both kept as they are.
-    QTest::newRow("next section") << true << int(QMessageBox::Warning)
-                                  << "UBoot operation write firmware (4) finished with error";
-    QTest::newRow("stub") << false << int(QMessageBox::Critical)
-                          << "UBoot operation load stub (2) finished with error";
+    QTest::newRow("chip vanishes mid-write") << int(QMessageBox::Warning) << write;
+    QTest::newRow("write refused") << int(QMessageBox::Warning) << write;
+    QTest::newRow("stub refused") << int(QMessageBox::Critical)
+                                  << "UBoot operation load stub (2) finished with error";
 }
 
-// A failed run keeps the package entry it handed to the worker: a new attempt only reports
-// that the device is busy.
-void TestEspFlasherFlash::busyWhileAStoppedRunHoldsAnEntry()
+// A failed run logs one red line, claims no success, and keeps the package entry it handed to
+// the worker: a new attempt only reports that the device is busy.
+void TestEspFlasherFlash::failedRunKeepsItsEntry()
 {
-    QFETCH(bool, stubLoaded);
     QFETCH(int, icon);
     QFETCH(QString, failed);
+    const QString mishap = QTest::currentDataTag();
 
     connectAndLoad(files.package);
-    if (stubLoaded) {
-        answerer->cancelInput();
-        click("verifyTool");
+    if (mishap == "chip vanishes mid-write") {
+        board().setCommandObserver([this](const VirtualEsp8266::CommandRecord &record) {
+            if (record.opcode == VirtualEsp8266::FlashBegin)
+                board().armVanishAfterBytes(4000);
+        });
+    } else {
+        if (mishap == "write refused") {
+            answerer->answerInput(QString());
+            click("verifyTool"); // loads the stub
+        }
+        board().armErrorStatus(1); // the chip refuses the next command
     }
-    // The chip refuses the next command: the write, or the first step of the stub upload.
-    board().armErrorStatus(1);
     click("flashTool");
     QVERIFY(awaitNew(line(red, failed)));
+    QCOMPARE(board().vanished(), mishap == "chip vanishes mid-write");
+    const QStringList lines = log(mark);
+    QCOMPARE(lines.filter(QRegularExpression("^" + QString(red))), QStringList{line(red, failed)});
+    QCOMPARE(lines.filter(QRegularExpression("successfully|Finished")), QStringList());
+    if (mishap != "stub refused") // the button stays enabled while the loader loads
+        QVERIFY(!enabled("flashTool"));
+
     answerer->answerBox(QMessageBox::Ok);
-    mark = logLines(flasher.get()).size();
-    QVERIFY(QMetaObject::invokeMethod(flasher.get(), "on_flashTool_clicked"));
-    QCOMPARE(answerer->last().title + "|" + answerer->last().text,
+    mark = log().size();
+    QVERIFY(invoke("on_flashTool_clicked"));
+    QCOMPARE(answerer->last().text,
              QStringLiteral("Flash Loader|The device is busy. Please try again later."));
     QCOMPARE(answerer->last().icon, icon);
-    QCOMPARE(logLines(flasher.get()).size(), mark);
+    QCOMPARE(log().size(), mark);
 }
 
-// Three regions composed in the wizard are read into files and a scatter file, which then
-// serves as a template; a second chip flashed from it ends up with the same bytes.
-void TestEspFlasherFlash::composeReadSaveAndFlashAnotherChip()
+// The chip identified; three regions composed in the wizard are read into files and a scatter
+// file, which then serves as a template; a second chip flashed from it gets the same bytes.
+void TestEspFlasherFlash::identifyComposeReadAndFlashAnotherChip()
 {
     connectAndLoad(QString());
-    EspImageBuilder builder;
-    builder.setFlashMode(0);      // qio
-    builder.setFlashSize(4);      // 4 MB
-    builder.setFlashFrequency(1); // 26 MHz
-    builder.addRandomSegment(0x40100000, 0x1800, 21);
-    const QByteArray image = builder.build();
+    QCOMPARE(log(), (QStringList{line(amber, "Connecting to " + chip->port()),
+                                 line(green, "Connected to ESP UBoot via " + chip->port()),
+                                 line(green, "Retrieved chip info")}));
+    const std::array<quint32, 4> words = VirtualEsp8266::efuseWordsFor(config);
+    const quint32 chipId = (words[0] >> 24) | ((words[1] & 0xFFFFFF) << 8);
+    QCOMPARE(text("chipIDField") + "|" + text("macField"),
+             QString("ESP8266EX / %1|18FE34123456").arg(chipId, 8, 16, QChar('0')));
+    QVERIFY(text("flashIDField").contains("(0xef:0x4016)"));
+    QVERIFY(enabled("infoGroup") && enabled("loaderGroup"));
+    QVERIFY(!enabled("comPortConnect") && !enabled("comPortScanTool"));
+    QCOMPARE(connectText(), QStringLiteral("Disconnect"));
+    // The flash size guessed from the flash ID stands in while no scatter has a firmware row.
+    QCOMPARE(flasher->getScatterFlashSize(), QStringLiteral("4Mb"));
+
+    const QByteArray image = firmwareImage(4, 21); // 4 MB
     const QByteArray application = noiseBytes(0x2000, 23);
     const QByteArray tail = noiseBytes(0x1000, 24);
     board().setFlash(0x0, image);
@@ -317,55 +334,43 @@ void TestEspFlasherFlash::composeReadSaveAndFlashAnotherChip()
     click("readTool");
     const QString scatter = path("readback.txt");
     QVERIFY(awaitNew(line(green, "Scatter file saved to " + scatter)));
-
-    const QVector<ModalAnswerer::Seen> seen = answerer->seen();
-    QCOMPARE(seen.at(0).title + "|" + seen.at(0).items.join(',') + "|" + seen.at(0).directory,
-             "Save As|Scatter files (*.txt)|" + settingsDir.path());
     // The loader chooser starts where the scatter file goes.
-    QCOMPARE(seen.at(2).title + "|" + seen.at(2).items.join(',') + "|" + seen.at(2).directory,
-             "Select Flash Loader|Elf files (*.elf)|" + dir->path());
-    QCOMPARE(seen.at(3).title + "|" + seen.at(3).text,
-             QStringLiteral("Save Scatter|Save the scatter file?"));
-    QCOMPARE(seen.at(4).text, QStringLiteral("Create a distribution package?"));
+    QCOMPARE(answerer->texts(), (QStringList{"Save As|Scatter files (*.txt)|" + settingsDir.path(),
+                                             "Scatter File Composer",
+                                             "Select Flash Loader|Elf files (*.elf)|" + dir->path(),
+                                             "Save Scatter|Save the scatter file?",
+                                             "Save Scatter|Create a distribution package?"}));
     QCOMPARE(QSettings().value("Scatter/Dir").toString(), dir->path());
-    QCOMPARE(child<QLineEdit>(flasher.get(), "scatterEdit")->text(), scatter);
+    QCOMPARE(text("scatterEdit"), scatter);
 
     const QString end = QString::number(image.size(), 16).rightJustified(8, '0');
     const QString read = line(green, "Flash memory section has been successfully read");
-    QCOMPARE(logLines(flasher.get(), mark),
-             (QStringList{line(green, "Start loading stub from " + files.stub),
-                          line(green, "Flash stub loaded"),
-                          line(green, "Start reading " + path("boot.img") +
-                                          " from region [0x00000000:0x" + end + "]"),
-                          read, line(green, "Extracted flash parameters: 4Mb / qio / 26MHz"),
-                          line(green, "Start reading " + path("app.img") +
-                                          " from region [0x00010000:0x00012000]"),
-                          read,
-                          line(green, "Start reading " + path("tail.IMG") +
-                                          " from region [0x003f0000:0x003f1000]"),
-                          read, line(green, "Finished reading package"),
-                          line(green, "Scatter file saved to " + scatter)}));
+    const auto reading = [this](const char *file, const QString &region) {
+        return line(green, "Start reading " + path(file) + " from region [" + region + "]");
+    };
+    QCOMPARE(log(mark), (QStringList{line(green, "Start loading stub from " + files.stub),
+                                     line(green, "Flash stub loaded"),
+                                     reading("boot.img", "0x00000000:0x" + end), read,
+                                     line(green, "Extracted flash parameters: 4Mb / qio / 26MHz"),
+                                     reading("app.img", "0x00010000:0x00012000"), read,
+                                     reading("tail.IMG", "0x003f0000:0x003f1000"), read,
+                                     line(green, "Finished reading package"),
+                                     line(green, "Scatter file saved to " + scatter)}));
     QVERIFY(enabled("flashTool") && enabled("readTool"));
     QCOMPARE(readFile(path("boot.img")), image);
     QCOMPARE(readFile(path("app.img")), application);
     QCOMPARE(readFile(path("tail.IMG")), tail);
     const QJsonObject document = QJsonDocument::fromJson(readFile(scatter)).object();
     QCOMPARE(document.value("stub").toString(), QStringLiteral("loader.elf"));
-    const QJsonArray sections = document.value("sections").toArray();
-    const QJsonObject flash{{"size", "4Mb"}, {"mode", "qio"}, {"frequency", "26MHz"}};
-    QCOMPARE(sections.at(0).toObject(), (QJsonObject{{"type", "firmware"},
-                                                     {"address", "0x00000000"},
-                                                     {"md5", md5Hex(image)},
-                                                     {"file", "boot.img"},
-                                                     {"options", QJsonObject{{"flash", flash}}}}));
-    QCOMPARE(sections.at(1).toObject(), (QJsonObject{{"type", "application"},
-                                                     {"address", "0x00010000"},
-                                                     {"md5", md5Hex(application)},
-                                                     {"file", "app.img"}}));
-    QCOMPARE(sections.at(2)["address"].toString(), QStringLiteral("0x003f0000"));
+    QCOMPARE(document.value("sections").toArray(),
+             (QJsonArray{section("firmware", "0x00000000", "boot.img", md5Hex(image), "qio", "4Mb",
+                                 "26MHz"),
+                         section("application", "0x00010000", "app.img", md5Hex(application)),
+                         section("application", "0x003f0000", "tail.IMG", md5Hex(tail))}));
 
     // What was read serves as the template of another read: a file of the same name in the
     // target folder is not overwritten, and the package offer leads to the package dialog.
+    const int asked = answerer->seen.size();
     const QString kept = writeTestFile(path("out"), "boot.img", "keep me");
     answerer->answerBox(QMessageBox::Yes);
     answerer->answerFile(path("out/copy.TXT"));
@@ -376,15 +381,15 @@ void TestEspFlasherFlash::composeReadSaveAndFlashAnotherChip()
     click("readTool");
     const QString copy = path("out/copy.TXT");
     QVERIFY(awaitNew(line(green, "Scatter file saved to " + copy)));
-    QTRY_COMPARE(answerer->last().title, QStringLiteral("Save Package As"));
-    const QVector<ModalAnswerer::Seen> again = answerer->seen().mid(seen.size());
-    QCOMPARE(
-        again.at(0).title + "|" + again.at(0).text,
-        QStringLiteral("Scatter File|A scatter file is already loaded. Use it as a template?"));
-    QCOMPARE(again.at(1).directory, dir->path());
-    QCOMPARE(again.at(2).title + "|" + again.at(2).text,
-             QStringLiteral("Read Flash Memory|File with the same name already exists. Please "
-                            "choose another name:"));
+    QTRY_COMPARE(answerer->seen.size(), asked + 6);
+    QCOMPARE(answerer->texts(asked),
+             (QStringList{"Scatter File|A scatter file is already loaded. Use it as a template?",
+                          "Save As|Scatter files (*.txt)|" + dir->path(),
+                          "Read Flash Memory|File with the same name already exists. Please "
+                          "choose another name:",
+                          "Save Scatter|Save the scatter file?",
+                          "Save Scatter|Create a distribution package?",
+                          "Save Package As|ZIP packages (*.zip)|" + path("out")}));
     QCOMPARE(readFile(kept), QByteArray("keep me"));
     QCOMPARE(readFile(path("out/boot-read.img")), image);
     QCOMPARE(QJsonDocument::fromJson(readFile(copy))["stub"].toString(),
@@ -394,9 +399,8 @@ void TestEspFlasherFlash::composeReadSaveAndFlashAnotherChip()
     connectAndLoad(copy);
     click("flashTool");
     QVERIFY(awaitNew(finishedFlashing));
-    QVERIFY(logLines(flasher.get(), mark)
-                .join('\n')
-                .contains("Start writing firmware from " + path("out/boot-read.img") + " to "));
+    QVERIFY(log(mark).join('\n').contains("Start writing firmware from " +
+                                          path("out/boot-read.img") + " to "));
     QCOMPARE(board().flash(0x0, image.size()), image);
     QCOMPARE(board().flash(0x10000, application.size()), application);
     QCOMPARE(board().flash(0x3F0000, tail.size() + 0x100), tail + QByteArray(0x100, '\xFF'));
@@ -406,33 +410,40 @@ void TestEspFlasherFlash::composeReadSaveAndFlashAnotherChip()
     QVERIFY(QFile::remove(path("out/boot-read.img")));
     answerer->answerBox(QMessageBox::Ok);
     trigger("verifyTool", 0);
-    QCOMPARE(answerer->last().title + "|" + answerer->last().text,
+    QCOMPARE(answerer->last().text,
              QStringLiteral("Flash Loader|File boot-read.img cannot be read (No such file or "
                             "directory)"));
+
+    // A "get info" result of the wrong length: the chip counts as unknown and is let go.
+    QVERIFY(deliverFinished(true, 3, chipInfo().mid(0, 4)));
+    QCOMPARE(log().last(), line(amber, "Chip could not be identified"));
+    QVERIFY(waitForLog(line(green, "Closed connection to " + chip->port())));
+    QVERIFY(text("chipIDField").isEmpty() && text("macField").isEmpty());
+    QVERIFY(enabled("comPortCombo") && enabled("comPortConnect"));
+    QCOMPARE(connectText(), QStringLiteral("Connect"));
 }
 
 void TestEspFlasherFlash::upgrade_data()
 {
-    QTest::addColumn<QString>("mishap");
     QTest::addColumn<QString>("components"); // chosen, F and A; "reject"; empty: not asked
     QTest::addColumn<QString>("box");        // a box before the closing one; "@": the loader
     QTest::addColumn<QString>("closing");    // the closing box's text and default button
     QTest::addColumn<QString>("written");    // the images on the chip afterwards, F and A
 
-    const auto row = [](const char *name, const char *mishap, const char *components,
-                        const char *box, const char *closing, const char *written) {
-        QTest::newRow(name) << mishap << components << box << closing << written;
+    const auto row = [](const char *name, const char *components, const char *box,
+                        const char *closing, const char *written) {
+        QTest::newRow(name) << components << box << closing << written;
     };
     // The success box closes itself after its countdown; the other boxes are answered.
-    row("success", "", "FA", "", "Upgrade completed.|OK (5)", "FA");
-    row("firmware only", "", "F", "", "Upgrade completed.|OK (5)", "F");
-    row("application only", "", "A", "", "Upgrade completed.|OK (5)", "A");
-    row("components rejected", "", "reject", "", "Upgrade cancelled.|OK (10)", "");
-    row("loader removed", "loader removed", "FA", "Flash loader file @ does not exist!",
+    row("success", "FA", "", "Upgrade completed.|OK (5)", "FA");
+    row("firmware only", "F", "", "Upgrade completed.|OK (5)", "F");
+    row("application only", "A", "", "Upgrade completed.|OK (5)", "A");
+    row("components rejected", "reject", "", "Upgrade cancelled.|OK (10)", "");
+    row("loader removed", "FA", "Flash Loader|Flash loader file @ does not exist!",
         "Cannot load the stub|OK (10)", "");
-    row("chip silent", "chip silent", "FA", "", "UBoot operation failure.|OK (10)", "");
-    row("package corrupt", "package corrupt", "",
-        "{zip} package is invalid: The data within the package is corrupted",
+    row("chip silent", "FA", "", "UBoot operation failure.|OK (10)", "");
+    row("package corrupt", "",
+        "Select scatter file|{zip} package is invalid: The data within the package is corrupted",
         "Upgrade cancelled.|OK (10)", "");
 }
 
@@ -441,14 +452,14 @@ void TestEspFlasherFlash::upgrade_data()
 // and closes with the outcome as its exit code.
 void TestEspFlasherFlash::upgrade()
 {
-    QFETCH(QString, mishap);
     QFETCH(QString, components);
     QFETCH(QString, box);
     QFETCH(QString, closing);
     QFETCH(QString, written);
+    const QString mishap = QTest::currentDataTag();
 
-    QString chosen = mishap == QLatin1String("loader removed") ? files.scatter : files.package;
-    if (mishap == QLatin1String("package corrupt")) {
+    QString chosen = mishap == "loader removed" ? files.scatter : files.package;
+    if (mishap == "package corrupt") {
         // One bit of the firmware off what the scatter's md5 says.
         QByteArray firmware = files.firmware;
         firmware[100] = char(firmware.at(100) ^ 0x01);
@@ -461,21 +472,22 @@ void TestEspFlasherFlash::upgrade()
     answerer->answerFile(chosen);
     if (!components.isEmpty()) {
         answerer->expect("FlashTypeSelector", [&](QWidget *modal) {
-            if (mishap == QLatin1String("loader removed"))
+            if (mishap == "loader removed")
                 QFile::remove(files.stub);
-            if (mishap == QLatin1String("chip silent"))
+            if (mishap == "chip silent")
                 board().armSilence(0);
             auto *selector = static_cast<FlashTypeSelector *>(modal);
             selector->setFirmwareChecked(components.contains('F'));
             selector->setApplicationChecked(components.contains('A'));
             auto *buttons = selector->findChild<QDialogButtonBox *>("buttonBox");
-            const bool reject = components == QLatin1String("reject");
-            buttons->button(reject ? QDialogButtonBox::Cancel : QDialogButtonBox::Ok)->click();
+            buttons
+                ->button(components == "reject" ? QDialogButtonBox::Cancel : QDialogButtonBox::Ok)
+                ->click();
         });
     }
     if (!box.isEmpty())
         answerer->answerBox(QMessageBox::Ok);
-    if (QTest::currentDataTag() == QLatin1String("success"))
+    if (mishap == "success")
         answerer->leaveBox();
     else
         answerer->answerBox(QMessageBox::Ok);
@@ -483,26 +495,26 @@ void TestEspFlasherFlash::upgrade()
     flasher = std::make_unique<ESPFlasher>(ESPFlasher::RUN_MODE_UPGRADE, nullptr);
     QVERIFY(flasher->autoconnect(QStringLiteral("UPGRADE-0042")));
     QCOMPARE(flasher->exec(), int(written.isEmpty() ? QDialog::Rejected : QDialog::Accepted));
-    const QStringList lines = logLines(flasher.get());
+    const QStringList lines = log();
     QCOMPARE(lines.contains(finishedFlashing), !written.isEmpty());
     QCOMPARE(lines.first(), line(amber, "Connecting to " + chip->port()));
-    const QVector<ModalAnswerer::Seen> seen = answerer->seen();
+    const QVector<ModalAnswerer::Seen> seen = answerer->seen;
     if (!box.isEmpty()) {
         const QString text = seen.at(seen.size() - 2).text;
         QVERIFY2(text.startsWith(box.replace("@", files.stub).replace("{zip}", chosen)),
                  qPrintable(text));
     }
-    QCOMPARE(seen.last().className + "|" + seen.last().title,
-             "QAutoCloseMessageBox|Brimcote ESP Utility");
-    QCOMPARE(seen.last().text + "|" + seen.last().defaultButton,
-             closing.replace("|", "\nThe tool will be closed|"));
-    const QByteArray firmware = board().flash(0, files.patchedFirmware.size());
-    QCOMPARE(firmware,
-             written.contains('F') ? files.patchedFirmware : QByteArray(firmware.size(), '\xFF'));
-    const QByteArray application =
-        board().flash(files.applicationAddress, files.application.size());
-    QCOMPARE(application,
-             written.contains('A') ? files.application : QByteArray(application.size(), '\xFF'));
+    // The parent's title; a success informs, anything else warns.
+    QCOMPARE(seen.last().className + "|" + seen.last().text + "|" + seen.last().defaultButton,
+             "QAutoCloseMessageBox|Brimcote ESP Utility|" +
+                 closing.replace("|", "\nThe tool will be closed|"));
+    QCOMPARE(seen.last().icon,
+             int(written.isEmpty() ? QMessageBox::Warning : QMessageBox::Information));
+    QCOMPARE(board().flash(0, files.patched.size()),
+             written.contains('F') ? files.patched : QByteArray(files.patched.size(), '\xFF'));
+    QCOMPARE(board().flash(applicationAddress, files.application.size()),
+             written.contains('A') ? files.application
+                                   : QByteArray(files.application.size(), '\xFF'));
 }
 
 QTEST_MAIN(TestEspFlasherFlash)

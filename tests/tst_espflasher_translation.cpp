@@ -1,4 +1,3 @@
-#include "flasher/espflasher.h"
 #include "resources/esputilitytranslation.h"
 #include "widgets/flashtypeselector.h"
 #include "wizard/espscatterwizard.h"
@@ -6,22 +5,18 @@
 #include "flashertestkit.h"
 #include "testpaths.h"
 
-#include <QLabel>
-#include <QLineEdit>
-#include <QPushButton>
-#include <QRegularExpression>
-#include <QTableWidget>
-#include <QXmlStreamReader>
-#include <QtTest>
-
 using namespace FlasherTestKit;
 
-class TestEspFlasherTranslation : public QObject
+class TestEspFlasherTranslation : public FlasherTest
 {
     Q_OBJECT
 
 private slots:
-    void cleanup() { installEspUtilityTranslation(QLocale(QLocale::English)); }
+    void cleanup()
+    {
+        FlasherTest::cleanup();
+        installEspUtilityTranslation(QLocale(QLocale::English));
+    }
     void russianShows();
     void everyTextIsTranslated();
 };
@@ -30,14 +25,14 @@ private slots:
 void TestEspFlasherTranslation::russianShows()
 {
     QVERIFY(installEspUtilityTranslation(QLocale(QLocale::Russian)));
-    ESPFlasher flasher(ESPFlasher::RUN_MODE_STANDALONE, nullptr);
-    QCOMPARE(flasher.windowTitle(), QStringLiteral("Утилита Brimcote ESP"));
-    QCOMPARE(child<QPushButton>(&flasher, "comPortConnect")->text(), QStringLiteral("Подключить"));
-    QCOMPARE(child<QTableWidget>(&flasher, "scatterTable")->horizontalHeaderItem(0)->text(),
+    flasher = std::make_unique<ESPFlasher>(ESPFlasher::RUN_MODE_STANDALONE, nullptr);
+    QCOMPARE(flasher->windowTitle(), QStringLiteral("Утилита Brimcote ESP"));
+    QCOMPARE(find<QPushButton>("comPortConnect")->text(), QString("Подключить"));
+    QCOMPARE(find<QTableWidget>("scatterTable")->horizontalHeaderItem(0)->text(),
              QStringLiteral("Активно"));
     // The dialog's text with the worker's name of the command.
-    QVERIFY(deliverFinished(&flasher, false, 3));
-    QCOMPARE(logLines(&flasher),
+    QVERIFY(deliverFinished(false, 3));
+    QCOMPARE(log(),
              QStringList{line(red, "Операция UBoot получение сведений (3) завершилась с ошибкой")});
 
     QCOMPARE(FlashTypeSelector(nullptr).windowTitle(), QStringLiteral("Компоненты"));

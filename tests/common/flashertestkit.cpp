@@ -1,151 +1,156 @@
 #include "flashertestkit.h"
 
-#include "chipfixture.h"
-#include "scattertestfiles.h"
+ModalAnswerer::ModalAnswerer()
+{
+    connect(&timer, &QTimer::timeout, this, &ModalAnswerer::poll);
+    timer.start(10);
+}
 
-#include "flasher/esppackage.h"
-#include "tools/imagegen/espimagebuilder.h"
+void ModalAnswerer::answerFile(const QString &path)
+{
+    expect("QFileDialog", [path](QWidget *modal) {
+        auto *dialog = static_cast<QFileDialog *>(modal);
+        if (path.isEmpty())
+            return dialog->reject();
+        dialog->selectFile(path);
+        // selectFile() leaves the name field alone while it has the focus: type it in.
+        dialog->findChild<QLineEdit *>(QStringLiteral("fileNameEdit"))->setText(path);
+        static_cast<QDialog *>(dialog)->accept();
+    });
+}
 
-#include <QCoreApplication>
-#include <QFile>
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QSettings>
-#include <QTest>
-#include <QTextBlock>
-#include <QTextBrowser>
+void ModalAnswerer::answerBox(QMessageBox::StandardButton button)
+{
+    expect("QMessageBox", [button](QWidget *modal) {
+        auto *box = static_cast<QMessageBox *>(modal);
+        box->button(button) ? box->button(button)->click() : box->reject();
+    });
+}
+
+void ModalAnswerer::answerInput(const QString &text)
+{
+    expect("QInputDialog", [text](QWidget *modal) {
+        auto *dialog = static_cast<QInputDialog *>(modal);
+        if (text.isNull())
+            return dialog->reject();
+        dialog->setTextValue(text);
+        dialog->accept();
+    });
+}
+
+QStringList ModalAnswerer::texts(int from) const
+{
+    QStringList texts;
+    for (const Seen &modal : seen.mid(from))
+        texts << modal.text;
+    return texts;
+}
+
+void ModalAnswerer::poll()
+{
+    QWidget *modal = QApplication::activeModalWidget();
+    if (!modal || !modal->isVisible() || modal->property("answered").toBool() ||
+        modal->inherits("QProgressDialog") || modal->inherits("ESPFlasher"))
+        return;
+    modal->setProperty("answered", true);
+    Seen seen;
+    seen.className = modal->metaObject()->className();
+    QStringList parts{modal->windowTitle()};
+    if (auto *box = qobject_cast<QMessageBox *>(modal)) {
+        parts << box->text();
+        seen.icon = box->icon();
+        if (box->defaultButton())
+            seen.defaultButton = box->defaultButton()->text();
+    } else if (auto *input = qobject_cast<QInputDialog *>(modal)) {
+        parts << input->labelText() << input->comboBoxItems().join(',');
+    } else if (auto *files = qobject_cast<QFileDialog *>(modal)) {
+        parts << files->nameFilters().join(',') << files->directory().absolutePath();
+    }
+    parts.removeAll(QString());
+    seen.text = parts.join('|');
+    this->seen.append(seen);
+    if (steps.isEmpty() || !modal->inherits(steps.first().first)) {
+        unexpected << seen.className + ' ' + seen.text;
+        // Queued: the modal's own event loop must be running to end.
+        QMetaObject::invokeMethod(modal, "close", Qt::QueuedConnection);
+        return;
+    }
+    steps.takeFirst().second(modal);
+}
 
 namespace FlasherTestKit {
 
-QString line(const char *colour, const QString &text)
+QJsonObject section(const QString &type, const QString &address, const QString &file,
+                    const QString &md5, const QString &mode, const QString &size,
+                    const QString &frequency)
 {
-    return QLatin1String(colour) + QLatin1Char('|') + text;
+    QJsonObject section{{"type", type}, {"address", address}, {"file", file}};
+    if (!md5.isEmpty())
+        section.insert("md5", md5);
+    const QJsonObject flash{{"mode", mode}, {"size", size}, {"frequency", frequency}};
+    if (!mode.isEmpty())
+        section.insert("options", QJsonObject{{"flash", flash}});
+    return section;
 }
 
-QStringList logLines(QWidget *flasher, int from)
+} // namespace FlasherTestKit
+
+void FlasherTest::initTestCase()
+{
+    QVERIFY(settingsDir.isValid());
+    QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, settingsDir.path());
+    QSettings::setPath(QSettings::IniFormat, QSettings::UserScope, settingsDir.path());
+    QCoreApplication::setOrganizationName(QStringLiteral("esp-utility-tests"));
+    QCoreApplication::setAttribute(Qt::AA_DontUseNativeDialogs);
+}
+
+void FlasherTest::init()
+{
+    dir = std::make_unique<QTemporaryDir>();
+    answerer = std::make_unique<ModalAnswerer>();
+}
+
+void FlasherTest::cleanup()
+{
+    QCOMPARE(answerer->unexpected, QStringList());
+    QCOMPARE(answerer->steps.size(), 0); // every planned answer given
+    flasher.reset();                     // the worker lets go of its port before a chip stops
+    qputenv(QComPort::extraPortsVariable, savedPorts);
+}
+
+QStringList FlasherTest::log(int from) const
 {
     QStringList lines;
-    const QTextDocument *document = child<QTextBrowser>(flasher, "logBrowser")->document();
-    if (document->isEmpty())
-        return lines;
-    for (QTextBlock block = document->begin(); block.isValid(); block = block.next()) {
+    const QTextDocument *document = find<QTextBrowser>("logBrowser")->document();
+    for (QTextBlock block = document->begin(); !document->isEmpty() && block.isValid();
+         block = block.next()) {
         QString text = block.text();
-        // A line of dots only stays as it is.
-        while (text.size() > 1 && text.endsWith(QLatin1Char('.')))
+        while (text.size() > 1 && text.endsWith('.')) // a line of dots only stays
             text.chop(1);
-        const QString colour =
-            block.begin().atEnd()
-                ? QString()
-                : block.begin().fragment().charFormat().foreground().color().name();
-        lines.append(colour + QLatin1Char('|') + text);
+        const QTextBlock::iterator it = block.begin();
+        lines << (it.atEnd() ? QString() : it.fragment().charFormat().foreground().color().name()) +
+                     '|' + text;
     }
-    return lines.mid(qMax(0, from));
+    return lines.mid(from);
 }
 
-bool waitForLogLine(QWidget *flasher, const QString &wanted, int from)
+bool FlasherTest::waitForLog(const QString &wanted, int from) const
 {
-    return QTest::qWaitFor([&] { return logLines(flasher, from).contains(wanted); },
-                           workerStepTimeoutMs);
+    return QTest::qWaitFor([&] { return log(from).contains(wanted); },
+                           FlasherTestKit::workerStepTimeoutMs);
 }
 
-bool selectScatter(QObject *flasher)
+bool FlasherTest::selectScatter() const
 {
     bool result = false;
-    QMetaObject::invokeMethod(flasher, "on_scatterSelTool_clicked", Qt::DirectConnection,
+    QMetaObject::invokeMethod(flasher.get(), "on_scatterSelTool_clicked", Qt::DirectConnection,
                               Q_RETURN_ARG(bool, result));
     return result;
 }
 
-void isolateSettings(const QString &directory)
+bool FlasherTest::deliverFinished(bool result, int command, const QVariantList &results) const
 {
-    QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, directory);
-    QSettings::setPath(QSettings::IniFormat, QSettings::UserScope, directory);
-    QCoreApplication::setOrganizationName(QStringLiteral("esp-utility-tests"));
-}
-
-bool deliverFinished(QObject *flasher, bool result, int command, const QVariantList &results)
-{
-    return QMetaObject::invokeMethod(flasher, "worker_finished", Qt::DirectConnection,
+    return QMetaObject::invokeMethod(flasher.get(), "worker_finished", Qt::DirectConnection,
                                      Q_ARG(bool, result), Q_ARG(int, command),
                                      Q_ARG(QVariantList, results));
 }
-
-QVariantList chipInfo()
-{
-    return QVariantList{"ESP8266EX", "00a1b2c3", "18FE34A1B2C3", "Test flash (0xef:0x4016) 4Mb",
-                        0x400000u};
-}
-
-QJsonObject firmwareSection(const QString &address, const QString &file, const QString &md5,
-                            const QString &mode)
-{
-    const QJsonObject flash{{"mode", mode}, {"size", "4MB"}, {"frequency", "40m"}};
-    QJsonObject section{{"type", "firmware"},
-                        {"address", address},
-                        {"file", file},
-                        {"options", QJsonObject{{"flash", flash}}}};
-    if (!md5.isEmpty())
-        section.insert(QStringLiteral("md5"), md5);
-    return section;
-}
-
-QJsonObject applicationSection(const QString &address, const QString &file, const QString &md5)
-{
-    QJsonObject section{{"type", "application"}, {"address", address}, {"file", file}};
-    if (!md5.isEmpty())
-        section.insert(QStringLiteral("md5"), md5);
-    return section;
-}
-
-bool FlashTestFiles::create(const QDir &dir)
-{
-    EspImageBuilder builder;
-    builder.setFlashMode(0);      // qio
-    builder.setFlashSize(2);      // 1 MB
-    builder.setFlashFrequency(1); // 26 MHz
-    builder.addRandomSegment(0x40100000, 0x2400, 11);
-    builder.addRandomSegment(0x3FFE8000, 0x300, 12);
-    firmware = builder.build();
-    patchedFirmware = firmware;
-    patchedFirmware[2] = 2;    // dio
-    patchedFirmware[3] = 0x40; // 4 MB, 40 MHz
-    application = EspImageBuilder::application(0x5000, 0, 13);
-
-    QFile loader(generatedStubPath());
-    if (!loader.open(QIODevice::ReadOnly))
-        return false;
-    stub = writeTestFile(dir, QStringLiteral("loader.elf"), loader.readAll());
-    scatter = writeTestFile(dir, QStringLiteral("scatter.txt"), QJsonDocument(document()).toJson());
-    package = dir.absoluteFilePath(QStringLiteral("package.zip"));
-    return !stub.isEmpty() && !scatter.isEmpty() &&
-           !writeTestFile(dir, QStringLiteral("boot.bin"), firmware).isEmpty() &&
-           !writeTestFile(dir, QStringLiteral("app.bin"), application).isEmpty() &&
-           writePackage(package, firmware);
-}
-
-QJsonObject FlashTestFiles::document() const
-{
-    return QJsonObject{
-        {"chip", "ESP8266EX"},
-        {"stub", "loader.elf"},
-        {"sections", QJsonArray{firmwareSection("0x0", "boot.bin", md5Hex(firmware)),
-                                applicationSection("0x10000", "app.bin", md5Hex(application))}}};
-}
-
-bool FlashTestFiles::writePackage(const QString &path, const QByteArray &firmwareImage) const
-{
-    QFile loader(stub);
-    QJsonObject packed = document();
-    packed.insert("stub", EspPackage::stubEntryName);
-    const QString description = QStringLiteral("Flash test package 2.1");
-    const QByteArray password = EspPackage::password(description);
-    return loader.open(QIODevice::ReadOnly) &&
-           writeTestZip(path, description,
-                        {{EspPackage::stubEntryName, loader.readAll()},
-                         {"boot.bin", firmwareImage},
-                         {"app.bin", application},
-                         {"scatter.txt", QJsonDocument(packed).toJson()}},
-                        &password);
-}
-
-} // namespace FlasherTestKit

@@ -1,72 +1,119 @@
 #pragma once
 
-#include <QDir>
-#include <QJsonObject>
-#include <QString>
-#include <QStringList>
-#include <QVariantList>
-#include <QWidget>
+#include "flasher/espflasher.h"
+#include "serial/qcomport.h"
+
+#include <QtTest>
+#include <QtWidgets>
+
+#include <functional>
+#include <memory>
+
+// Plays the user at the modal dialogs the code under test opens: each step waits for the next
+// modal widget of its class and acts on it. Every modal is recorded; one with no step left or of
+// the wrong class is recorded as unexpected and closed, so that no test hangs on it. Progress
+// windows and a flasher dialog run with exec() are left alone. File dialogs must be Qt's own.
+class ModalAnswerer : public QObject
+{
+public:
+    struct Seen
+    {
+        QString className;
+        // Title, text or label, items or name filters, start folder; the empty ones left out.
+        QString text;
+        QString defaultButton; // as shown
+        int icon = 0;
+    };
+
+    ModalAnswerer();
+    void expect(const char *className, std::function<void(QWidget *)> action)
+    {
+        steps.append({className, std::move(action)});
+    }
+    void answerFile(const QString &path); // an empty path cancels
+    void answerBox(QMessageBox::StandardButton button);
+    void leaveBox()
+    {
+        expect("QMessageBox", [](QWidget *) {});
+    }                                      // left to close itself
+    void answerInput(const QString &text); // a null text cancels
+    Seen last() const { return seen.value(seen.size() - 1); }
+    QStringList texts(int from = 0) const; // of the modals seen from `from` on
+
+    QVector<Seen> seen;
+    QVector<QPair<QByteArray, std::function<void(QWidget *)>>> steps; // still to come
+    QStringList unexpected;
+
+private:
+    void poll();
+
+    QTimer timer;
+};
 
 // Helpers for tests of the flasher dialog: its widgets by name, its log read back as coloured
 // lines, worker results delivered as the worker delivers them, and scatter documents.
 namespace FlasherTestKit {
 
-// The log colours.
 constexpr const char *green = "#00b138";
 constexpr const char *amber = "#ad6f04";
 constexpr const char *red = "#d4280a";
-
 // Longest wait for one worker step, in milliseconds; only a fault lets it run out.
 constexpr int workerStepTimeoutMs = 20000;
 
 template <class T>
-T *child(QWidget *flasher, const char *name)
+T *child(QWidget *parent, const char *name)
 {
-    return flasher->findChild<T *>(QLatin1String(name));
+    return parent->findChild<T *>(QLatin1String(name));
 }
 
-// The log paragraphs from `from` on as "colour|text" lines, the progress dots at their ends
-// removed.
-QStringList logLines(QWidget *flasher, int from = 0);
-QString line(const char *colour, const QString &text);
-// Processes events until the log holds `line` at index `from` or later.
-bool waitForLogLine(QWidget *flasher, const QString &line, int from = 0);
-
-// Runs the dialog's scatter chooser (on_scatterSelTool_clicked) and returns its result.
-bool selectScatter(QObject *flasher);
-// Points the default QSettings at a directory of its own, away from the user's settings.
-void isolateSettings(const QString &directory);
-// Calls the dialog's worker_finished slot, as the worker's queued signal does.
-bool deliverFinished(QObject *flasher, bool result, int command,
-                     const QVariantList &results = QVariantList());
-// A "get info" result: ESP8266EX, chip id 00a1b2c3, a MAC, a flash id text, 4 MB of flash.
-QVariantList chipInfo();
-
-// Section objects of a scatter document; an empty md5 leaves the key out.
-QJsonObject firmwareSection(const QString &address, const QString &file, const QString &md5,
-                            const QString &mode = QStringLiteral("dio"));
-QJsonObject applicationSection(const QString &address, const QString &file, const QString &md5);
-
-// A firmware image, an application image and a loader beside a loose scatter file, and the same
-// packed into a package: what a flash run writes. The firmware's header says qio / 1MB / 26m;
-// the scatter asks for dio / 4MB / 40m, so the chip ends up holding patchedFirmware.
-struct FlashTestFiles
+inline QString line(const char *colour, const QString &text)
 {
-    static constexpr quint32 applicationAddress = 0x10000;
-
-    QByteArray firmware;
-    QByteArray patchedFirmware;
-    QByteArray application;
-    QString stub;    // the loader beside the scatter file
-    QString scatter; // the loose scatter file
-    QString package; // the package of the same files
-
-    // Writes boot.bin (for 0), app.bin, loader.elf, scatter.txt and package.zip into dir.
-    bool create(const QDir &dir);
-    // The scatter document: chip ESP8266EX, both sections with the md5 of their files.
-    QJsonObject document() const;
-    // Writes a package of the files with `firmwareImage` in place of the firmware.
-    bool writePackage(const QString &path, const QByteArray &firmwareImage) const;
-};
+    return QLatin1String(colour) + '|' + text;
+}
+// A "get info" result: ESP8266EX, chip id 00a1b2c3, a MAC, a flash id text, 4 MB of flash.
+inline QVariantList chipInfo()
+{
+    return {"ESP8266EX", "00a1b2c3", "18FE34A1B2C3", "Test flash (0xef:0x4016) 4Mb", 0x400000u};
+}
+// A scatter section; an empty md5 leaves the key out, an empty mode the flash options.
+QJsonObject section(const QString &type, const QString &address, const QString &file,
+                    const QString &md5, const QString &mode = QString(),
+                    const QString &size = "4MB", const QString &frequency = "40m");
 
 } // namespace FlasherTestKit
+
+// The ground the dialog tests share: settings of their own, a fresh folder and answerer per
+// test, the extra ports restored after it, and the dialog under test with ways into it.
+class FlasherTest : public QObject
+{
+    Q_OBJECT
+
+protected slots: // not tests: QTest runs private slots only
+    void initTestCase();
+    void init();
+    void cleanup();
+
+protected:
+    QString path(const QString &name) const { return QDir(dir->path()).absoluteFilePath(name); }
+    template <class T = QWidget>
+    T *find(const char *name) const
+    {
+        return FlasherTestKit::child<T>(flasher.get(), name);
+    }
+    bool enabled(const char *name) const { return find(name)->isEnabled(); }
+    QLineEdit *edit(const char *name) const { return find<QLineEdit>(name); }
+    // The log paragraphs from `from` on as "colour|text", the progress dots at their ends removed.
+    QStringList log(int from = 0) const;
+    // Processes events until the log holds `line` at index `from` or later.
+    bool waitForLog(const QString &line, int from = 0) const;
+    // Calls a slot of the dialog directly, as a click or the worker's queued signal does.
+    bool invoke(const char *slot) const { return QMetaObject::invokeMethod(flasher.get(), slot); }
+    bool selectScatter() const; // the scatter chooser's result
+    bool deliverFinished(bool result, int command, const QVariantList &results = {}) const;
+
+    const QByteArray savedPorts = qgetenv(QComPort::extraPortsVariable);
+    QTemporaryDir settingsDir;
+    std::unique_ptr<QTemporaryDir> dir;
+    std::unique_ptr<ModalAnswerer> answerer;
+    std::unique_ptr<ESPFlasher> flasher;
+};
