@@ -893,7 +893,9 @@ bool ESPTool::write_loader_stub(QIODevice *device)
     }
     stubImage.reset();
     auto image = std::make_unique<ElfStubImage>();
-    if (!device || !image->load(device->readAll())) {
+    // Read through the loader class so that its size limit bounds what is read, not only what is
+    // kept.
+    if (!device || !image->load(device)) {
         reportOperationError(BadRequest,
                              QStringLiteral("Invalid flash loader: %1")
                                  .arg(device ? image->errorString() : QStringLiteral("no data")));
