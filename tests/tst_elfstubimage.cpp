@@ -1,16 +1,11 @@
 #include "chipfixture.h"
 #include "protocol/elfstubimage.h"
 #include "protocol/esptool.h"
+#include "scattertestfiles.h"
 #include "testpaths.h"
 #include "tools/stubgen/stubelfwriter.h"
 #include "tools/stubgen/virtualloaderstub.h"
 
-#include <QBuffer>
-#include <QJsonDocument>
-#include <QJsonObject>
-#include <QProcess>
-#include <QTemporaryDir>
-#include <QtEndian>
 #include <QtTest>
 
 // The flash loader reader, for ELF files and for the JSON form in which loaders are published.
@@ -61,14 +56,6 @@ QByteArray loaderJson(const char *key = nullptr, const QJsonValue &value = {})
     return QJsonDocument(object).toJson();
 }
 
-QStringList sectionNames(const ElfStubImage &image)
-{
-    QStringList names;
-    for (const ElfStubImage::Section &section : image.sections())
-        names << section.name;
-    return names;
-}
-
 } // namespace
 
 class TestElfStubImage : public QObject
@@ -85,13 +72,10 @@ private slots:
         ElfStubImage image;
         QVERIFY2(image.load(writer.toBytes()), qPrintable(image.errorString()));
         QCOMPARE(image.entry(), 0xFFFFFFFFu);
-        QCOMPARE(image.machine(), quint16(94)); // Xtensa
-        QCOMPARE(sectionNames(image), (QStringList{".data", ".shstrtab"}));
+        QCOMPARE(image.sections().size(), 2); // and .shstrtab
         QCOMPARE(image.section(".data")->address, 0xFFFFFF00u);
-        QCOMPARE(image.section(".data")->size, 0x100u);
         QCOMPARE(image.section(".data")->data, VirtualLoaderStub::dataBytes(0x100));
-        // Names are matched exactly.
-        QVERIFY(!image.section("data") && !image.section(".DATA") && !image.section(".data "));
+        QVERIFY(!image.section(".text") && !image.section(".DATA")); // names match exactly
         // Whatever the cut, a shortened loader is refused.
         const QByteArray small = stubBytes(0x30, 0x11);
         for (int cut = 0; cut < small.size(); ++cut)
@@ -108,12 +92,7 @@ private slots:
         ElfStubImage image;
         QVERIFY2(image.load(&buffer), qPrintable(image.errorString()));
         QCOMPARE(image.section(".text")->size, 0x300u);
-        QVERIFY(buffer.seek(0));
-        QVERIFY(!image.load(&buffer));
-        QCOMPARE(image.errorString(), QStringLiteral("Not an ELF file"));
-
-        QVERIFY(!image.load(static_cast<QIODevice *>(nullptr)));
-        QVERIFY(image.errorString().contains("not open for reading"));
+        QVERIFY(buffer.seek(0) && !image.load(&buffer));
 
         // Far more bytes than any loader has are refused without draining the device beyond the
         // limit; exactly at the limit is still read.
@@ -138,7 +117,6 @@ private slots:
             int(qFromLittleEndian<quint32>(good.constData() + fieldAt(good, 1, Offset)));
         row("empty", QByteArray(), "The loader file is empty");
         row("text", "This is a readme, not a loader.\n", "Not an ELF file");
-        row("cut inside header", good.left(51), "truncated");
         row("cut inside text", good.left(textStart + 0x1000), "truncated");
         row("64-bit", patched(good, -1, 4, 1, 2), "64-bit");
         row("big-endian", patched(good, -1, 5, 1, 2), "big-endian");
@@ -165,33 +143,26 @@ private slots:
         ElfStubImage image;
         QVERIFY(image.load(stubBytes(0x20, 0x20)));
         QVERIFY(!image.load(bytes));
-        QVERIFY(!image.isValid());
         QVERIFY(image.sections().isEmpty()); // nothing of the earlier load is left
         QVERIFY2(image.errorString().contains(message), qPrintable(image.errorString()));
     }
 
     void jsonForm()
     {
-        ElfStubImage image;
-        // Recognised by content, leading white space included.
-        QVERIFY2(image.load("\n  " + loaderJson()), qPrintable(image.errorString()));
-        QCOMPARE(image.entry(), 0x4010C504u);
-        QCOMPARE(sectionNames(image), (QStringList{".text", ".data"}));
-        // Uploaded from a file, to the addresses it gives.
+        // Recognised by content, leading white space included; uploaded to the addresses it gives.
         QTemporaryDir dir;
-        QFile own(dir.filePath("own.json"));
-        QVERIFY(own.open(QIODevice::WriteOnly) && own.write(loaderJson()) > 0);
-        own.close();
+        const QString own = writeTestFile(dir.path(), "own.json", "\n  " + loaderJson());
         ChipFixture fixture;
         ESPTool tool;
         QVERIFY(fixture.start() && tool.esp_connect(fixture.port()));
-        QVERIFY(tool.write_loader_stub(own.fileName()));
+        QVERIFY(tool.write_loader_stub(own));
         QCOMPARE(fixture.chip().ram(0x4010C500, 0x1900), QByteArray(0x1900, 'T'));
         QCOMPARE(fixture.chip().ram(0x3FFFAE6C, 0x80), QByteArray(0x80, 'D'));
 
         // The converter into an ELF file, run on our own loader and on the vendor's when fetched.
         const QString elfPath = dir.filePath("out.elf");
-        for (const QString &jsonPath : {own.fileName(), vendorLoaderJsonPath()}) {
+        ElfStubImage image;
+        for (const QString &jsonPath : {own, vendorLoaderJsonPath()}) {
             if (jsonPath.isEmpty())
                 continue;
             QCOMPARE(QProcess::execute(testBuildDir() + "/tools/stubgen/esp-make-stub",
@@ -217,7 +188,7 @@ private slots:
     void noBitsSection()
     {
         // It occupies memory but no file bytes, even when far larger than the file.
-        const QByteArray bytes = patched(stubBytes(0x100, 0x80), 2, Type, 4, 8);
+        const QByteArray bytes = patched(stubBytes(0x100, 0x80), 2, Type, 4, 8); // SHT_NOBITS
         ElfStubImage image;
         QVERIFY2(image.load(patched(bytes, 2, Size, 4, 0x100000)), qPrintable(image.errorString()));
         QCOMPARE(image.section(".data")->size, 0x100000u);

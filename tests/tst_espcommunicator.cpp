@@ -2,7 +2,6 @@
 #include "ptypair.h"
 #include "serial/espcommunicator.h"
 
-#include <QSignalSpy>
 #include <QtTest>
 
 // The serial link: SLIP framing (round trips and random chunking are left to the SLIP fuzz
@@ -14,17 +13,9 @@ class TestEspCommunicator : public QObject
 private slots:
     void initTestCase() { qRegisterMetaType<QSerialPort::SerialPortError>(); }
 
-    void encode()
-    {
-        QCOMPARE(ESPProtocol::encode(QByteArray()), QByteArray::fromHex("c0c0"));
-        // Only END and ESC are escaped; the escape codes alone stay as they are.
-        QCOMPARE(ESPProtocol::encode(QByteArray::fromHex("01c0dbdcdd")),
-                 QByteArray::fromHex("c001dbdcdbdddcddc0"));
-    }
-
     void decode_data()
     {
-        QTest::addColumn<QByteArray>("chunks");  // hex, a space between two feeds
+        QTest::addColumn<QByteArray>("chunks");  // hex feeds or "flush", a space between two
         QTest::addColumn<QByteArray>("packets"); // hex, a space between two packets
         const auto row = [](const char *name, const char *chunks, const char *packets) {
             QTest::newRow(name) << QByteArray(chunks) << QByteArray(packets);
@@ -36,6 +27,8 @@ private slots:
         row("empty frame leaves decoder waiting", "c0c00405c006c0", "06");
         row("shared delimiter is not enough", "c001c002c0", "01");
         row("unterminated frame stays pending", "c00102", "");
+        // The bytes collected before a flush become the head of the next frame's packet.
+        row("flush keeps the half packet", "c00102 flush c003c0", "010203");
     }
 
     void decode()
@@ -44,27 +37,18 @@ private slots:
         QFETCH(QByteArray, packets);
         ESPProtocol protocol;
         QSignalSpy ready(&protocol, &ESPProtocol::packetReady);
-        for (const QByteArray &chunk : chunks.split(' '))
-            protocol.feed(QByteArray::fromHex(chunk));
+        for (const QByteArray &chunk : chunks.split(' ')) {
+            if (chunk == "flush")
+                protocol.flush(true);
+            else
+                protocol.feed(QByteArray::fromHex(chunk));
+        }
         const QList<QByteArray> expected =
             packets.isEmpty() ? QList<QByteArray>() : packets.split(' ');
         QCOMPARE(ready.count(), expected.size());
         for (const QByteArray &packet : expected)
             QCOMPARE(protocol.deque(), QByteArray::fromHex(packet));
         QVERIFY(protocol.deque().isNull());
-    }
-
-    void flushKeepsHalfPacket()
-    {
-        ESPProtocol protocol;
-        protocol.feed(QByteArray::fromHex("c007c0c00102"));
-        protocol.flush(false);
-        QCOMPARE(protocol.queuedPackets(), 1);
-        protocol.flush(true);
-        QCOMPARE(protocol.queuedPackets(), 0);
-        // The collected bytes become the head of the next frame's packet.
-        protocol.feed(QByteArray::fromHex("c003c0"));
-        QCOMPARE(protocol.deque(), QByteArray::fromHex("010203"));
     }
 
     void writeFramesAndDumpInfo()
@@ -74,21 +58,16 @@ private slots:
         QSignalSpy disconnects(&communicator, &ESPCommunicator::disconnected);
         QVERIFY(!communicator.write("abc"));
         QCOMPARE(communicator.dumpInfo(), QStringLiteral("NaN (not opended)"));
-        // A port that cannot be found or opened reports neither an error nor a disconnect.
         QVERIFY(!communicator.open(QStringLiteral("/dev/no-such-port"), 115200));
-        QCOMPARE(errors.count() + disconnects.count(), 0);
-
         PtyPair pty;
         pty.publish();
         QVERIFY(communicator.open(pty.slavePath(), 115200));
-        QVERIFY(communicator.dumpInfo().endsWith(QStringLiteral(" @115200")));
-        QVERIFY(communicator.write(QByteArray("\x01\xC0", 2)));
-        QCOMPARE(pty.readMaster(1000, 5), QByteArray::fromHex("c001dbdcc0"));
-        QVERIFY(communicator.setBaudrate(921600));
-        QVERIFY(communicator.dumpInfo().endsWith(QStringLiteral(" @921600")));
-        // A deliberate close is silent.
+        // Only END and ESC are escaped; the escape codes alone stay as they are.
+        QVERIFY(communicator.write(QByteArray::fromHex("01c0dbdcdd")));
+        QCOMPARE(pty.readMaster(1000, 9), QByteArray::fromHex("c001dbdcdbdddcddc0"));
+        // A port that cannot be found or opened, and a deliberate close, report neither an error
+        // nor a disconnect.
         communicator.close();
-        QVERIFY(!communicator.isOpen());
         QTest::qWait(50);
         QCOMPARE(errors.count() + disconnects.count(), 0);
     }
@@ -113,7 +92,6 @@ private slots:
         QTest::qWait(300);
         QCOMPARE(errors.count(), errorsAfterClose);
         QCOMPARE(disconnects.count(), 1);
-        QVERIFY(!communicator.write("x"));
     }
 };
 

@@ -22,25 +22,21 @@ bool ChipFixture::start()
     return true;
 }
 
-static QString ifExists(const QString &path)
-{
-    return QFileInfo::exists(path) ? path : QString();
-}
-
 QString generatedStubPath()
 {
-    return testBuildDir() + QStringLiteral("/stub/esp8266_loader_stub.elf");
+    return testBuildDir() + "/stub/esp8266_loader_stub.elf";
 }
 
 QString vendorStubPath()
 {
-    return ifExists(testBuildDir() + QStringLiteral("/stub/vendor/esp8266_loader_stub.elf"));
+    const QString path = testBuildDir() + "/stub/vendor/esp8266_loader_stub.elf";
+    return QFileInfo::exists(path) ? path : QString();
 }
 
 QString vendorLoaderJsonPath()
 {
-    return ifExists(testSourceDir() +
-                    QStringLiteral("/third_party/vendor-loader/esp8266-loader.json"));
+    const QString path = testSourceDir() + "/third_party/vendor-loader/esp8266-loader.json";
+    return QFileInfo::exists(path) ? path : QString();
 }
 
 QString loaderStubPath()

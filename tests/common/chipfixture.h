@@ -24,10 +24,8 @@ private:
 
 // The project's stand-in loader stub, generated at build time.
 QString generatedStubPath();
-
-// The vendor's flash loader converted at build time, when it could be fetched (else empty).
+// The vendor's loader converted at build time, and in its JSON form: empty when not fetched.
 QString vendorStubPath();
-// The vendor's loader in its published JSON form, when fetched (else empty).
 QString vendorLoaderJsonPath();
 // The loader tests upload when they need one: the vendor's when present, else the stand-in.
 QString loaderStubPath();

@@ -2,7 +2,7 @@
 
 #include "serial/qcomport.h"
 
-#include <QElapsedTimer>
+#include <QDeadlineTimer>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -15,10 +15,8 @@ PtyPair::PtyPair()
     char name[256] = {};
     termios raw{};
     cfmakeraw(&raw);
-    if (openpty(&m_master, &m_slave, name, &raw, nullptr) != 0) {
-        m_master = m_slave = -1;
+    if (openpty(&m_master, &m_slave, name, &raw, nullptr) != 0)
         return;
-    }
     m_slavePath = QString::fromLocal8Bit(name);
     ::fcntl(m_master, F_SETFL, ::fcntl(m_master, F_GETFL) | O_NONBLOCK);
 }
@@ -26,9 +24,8 @@ PtyPair::PtyPair()
 bool PtyPair::writeMaster(const QByteArray &data)
 {
     qint64 done = 0;
-    QElapsedTimer timer;
-    timer.start();
-    while (done < data.size() && m_master >= 0 && timer.elapsed() < 5000) {
+    const QDeadlineTimer deadline(5000);
+    while (done < data.size() && m_master >= 0 && !deadline.hasExpired()) {
         const ssize_t n = ::write(m_master, data.constData() + done, size_t(data.size() - done));
         if (n > 0)
             done += n;
@@ -41,9 +38,8 @@ bool PtyPair::writeMaster(const QByteArray &data)
 QByteArray PtyPair::readMaster(int timeoutMs, int atLeast)
 {
     QByteArray result;
-    QElapsedTimer timer;
-    timer.start();
-    while (m_master >= 0 && result.size() < atLeast && timer.elapsed() < timeoutMs) {
+    const QDeadlineTimer deadline(timeoutMs);
+    while (m_master >= 0 && result.size() < atLeast && !deadline.hasExpired()) {
         pollfd pfd{m_master, POLLIN, 0};
         char buffer[4096];
         const ssize_t n = ::poll(&pfd, 1, 10) > 0 ? ::read(m_master, buffer, sizeof buffer) : 0;
@@ -65,8 +61,7 @@ void PtyPair::closeMaster()
 
 void PtyPair::publish(const QString &path)
 {
-    QByteArray list = qgetenv(QComPort::extraPortsVariable);
-    if (!list.isEmpty())
-        list.append(':');
-    qputenv(QComPort::extraPortsVariable, list + path.toLocal8Bit());
+    const QByteArray list = qgetenv(QComPort::extraPortsVariable);
+    qputenv(QComPort::extraPortsVariable,
+            (list.isEmpty() ? list : list + ':') + path.toLocal8Bit());
 }

@@ -3,8 +3,8 @@
 #include <QByteArray>
 #include <QString>
 
-// A raw pseudo-terminal for serial tests: the test plays the device on the master side, the code
-// under test opens the slave path like a serial port.
+// A raw pseudo-terminal: the test plays the device on the master side, the code under test opens
+// the slave path like a serial port.
 class PtyPair
 {
 public:
@@ -17,12 +17,12 @@ public:
     QString slavePath() const { return m_slavePath; }
 
     bool writeMaster(const QByteArray &data);
-    // Reads what arrives within timeoutMs (stops early once `atLeast` bytes arrived).
+    // What arrives within timeoutMs (returns early once `atLeast` bytes arrived).
     QByteArray readMaster(int timeoutMs, int atLeast = 1);
     // The device goes away: the slave side sees read errors from now on.
     void closeMaster();
 
-    // Makes the slave visible to the port enumeration (through the extra-ports variable).
+    // Lists the slave in the port enumeration (through the extra-ports variable).
     void publish() const { publish(m_slavePath); }
     static void publish(const QString &path);
 

@@ -4,15 +4,13 @@
 
 #include <QtEndian>
 
-#include <chrono>
-
 ScriptedPeer::ScriptedPeer(Script script)
 {
     m_pty.publish();
     m_thread = std::thread([this, script] {
         ESPProtocol decoder; // the product's own: its framing rules are pinned by its tests
         while (!m_stop) {
-            decoder.feed(m_pty.readMaster(20, 1));
+            decoder.feed(m_pty.readMaster(20));
             for (QByteArray packet = decoder.deque(); !packet.isNull(); packet = decoder.deque()) {
                 for (const Reply &reply : script(packet)) {
                     std::this_thread::sleep_for(std::chrono::milliseconds(reply.delayMs));
@@ -29,22 +27,17 @@ ScriptedPeer::~ScriptedPeer()
     m_thread.join();
 }
 
-QByteArray ScriptedPeer::frame(const QByteArray &packet)
+QByteArray ScriptedPeer::success(quint8 opcode, quint32 value)
 {
-    return ESPProtocol::encode(packet);
-}
-
-QByteArray ScriptedPeer::response(quint8 opcode, const QByteArray &body, quint32 value)
-{
-    QByteArray packet(8, '\0');
+    QByteArray packet(10, '\0'); // direction, opcode, body size, value, status and error 0
     packet[0] = 0x01;
     packet[1] = char(opcode);
-    qToLittleEndian(quint16(body.size()), packet.data() + 2);
+    packet[2] = 2;
     qToLittleEndian(value, packet.data() + 4);
-    return packet + body;
+    return ESPProtocol::encode(packet);
 }
 
 QList<ScriptedPeer::Reply> ScriptedPeer::syncBurst()
 {
-    return {{frame(response(0x08, QByteArray(2, '\0'))).repeated(8), 0}};
+    return {{success(0x08).repeated(8), 0}};
 }

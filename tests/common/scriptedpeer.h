@@ -2,34 +2,32 @@
 
 #include "ptypair.h"
 
-#include <QByteArray>
 #include <QList>
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <thread>
 
-// A device that answers by script, for protocol details that a faithful chip never produces:
-// packets in exact batches, odd sizes, stray answers, a wrong greeting.
+// A device that answers by script, for what a faithful chip never sends: stray answers, packets
+// in exact batches or of odd sizes, a wrong greeting.
 class ScriptedPeer
 {
 public:
     struct Reply
     {
-        QByteArray bytes; // written as they are (frame them with frame())
+        QByteArray bytes; // written as they are
         int delayMs = 0;  // pause before writing
     };
     using Script = std::function<QList<Reply>(const QByteArray &request)>;
 
     explicit ScriptedPeer(Script script);
     ~ScriptedPeer();
-
     QString port() const { return m_pty.slavePath(); }
 
-    static QByteArray frame(const QByteArray &packet);
-    // A response packet: direction 1, opcode, body length, value word, body.
-    static QByteArray response(quint8 opcode, const QByteArray &body, quint32 value = 0);
-    // The answer to one synchronisation: the burst a ROM loader sends.
+    // A framed successful answer to `opcode` carrying `value`.
+    static QByteArray success(quint8 opcode, quint32 value = 0);
+    // The ROM's burst of answers to one synchronisation.
     static QList<Reply> syncBurst();
 
 private:
