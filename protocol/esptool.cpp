@@ -893,8 +893,7 @@ bool ESPTool::write_loader_stub(QIODevice *device)
     }
     stubImage.reset();
     auto image = std::make_unique<ElfStubImage>();
-    // Read through the loader class so that its size limit bounds what is read, not only what is
-    // kept.
+    // The loader class reads the device, so its size limit bounds the read itself.
     if (!device || !image->load(device)) {
         reportOperationError(BadRequest,
                              QStringLiteral("Invalid flash loader: %1")
