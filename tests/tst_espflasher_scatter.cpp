@@ -70,8 +70,7 @@ QStringList rowCells(QTableWidget *table, int row)
 
 } // namespace
 
-// Scatter files and packages: loading, refusals and creating packages. The worker here is
-// never connected.
+// Scatter files and packages: loading, refusals, creating packages. No worker is connected.
 class TestEspFlasherScatter : public FlasherTest
 {
     Q_OBJECT
@@ -86,12 +85,9 @@ private slots:
     void packageRoundTrip();
 
 private:
-    QString lastLog() { return log().last(); }
-
     QTableWidget *table = nullptr;
 };
 
-// An identified chip and a loose scatter file of a firmware and two applications, loaded.
 void TestEspFlasherScatter::init()
 {
     FlasherTest::init();
@@ -106,22 +102,17 @@ void TestEspFlasherScatter::init()
     // Only ".zip" makes a package: a ".json" name is a loose scatter file.
     answerer->answerFile(writeTestFile(dir->path(), "scatter.json", scatterBytes(goodSections())));
     QVERIFY(selectScatter());
-    QCOMPARE(table->rowCount(), 3);
 }
 
 void TestEspFlasherScatter::loadsLooseScatter()
 {
-    QVERIFY(answerer->last().text.startsWith(
-        "Select scatter file|Packages and Scatter files (*.zip *.txt)|"));
     QCOMPARE(edit("scatterEdit")->text(), path("scatter.json"));
     QCOMPARE(edit("stubEdit")->text(), path("stub.elf"));
     QCOMPARE(QSettings().value("Scatter/Dir").toString(), dir->path());
     QCOMPARE(rowCells(table, 0),
              (QStringList{"2", "Firmware", "0", "qio", "4MB", "40m", md5Hex(boot), "0x00000000",
                           "0x00000c00", "boot.bin"}));
-    QCOMPARE(rowCells(table, 1),
-             (QStringList{"2", "Application", "1", "", "", "", md5Hex(app).toLower(), "0x00010000",
-                          "0x00010c00", "app.bin"}));
+    QCOMPARE(rowCells(table, 1).mid(1, 5), (QStringList{"Application", "1", "", "", ""}));
     QCOMPARE(menuEntries(flasher.get(), "eraseTool"),
              (QStringList{"Erase boot.bin region=0", "Erase app.bin region=1",
                           "Erase small.bin region=2"}));
@@ -138,35 +129,23 @@ void TestEspFlasherScatter::loadsLooseScatter()
     QCOMPARE(edit("scatterEdit")->text(), path("scatter.json"));
     QCOMPARE(rowCells(table, 1).first(), QStringLiteral("0"));
     QVERIFY(enabled("flashTool"));
-
-    // A loader field that names no file: the run stops before it starts.
-    edit("stubEdit")->clear();
-    answerer->answerBox(QMessageBox::Ok);
-    QVERIFY(invoke("on_flashTool_clicked"));
-    QCOMPARE(answerer->last().text,
-             "Flash Loader|Flash loader file " + dir->path() + " does not exist!");
-    QCOMPARE(log().size(), 1);
 }
 
 void TestEspFlasherScatter::loadOutcomes_data()
 {
-    QTest::addColumn<QString>("file");
-    QTest::addColumn<QByteArray>("bytes");
-    QTest::addColumn<QString>("answers");  // "Yes", "No", "wait" (unanswered), "loader"
+    QTest::addColumn<QByteArray>("bytes"); // of scatter.txt, or of bad.zip for "package" rows
+    QTest::addColumn<QString>("answers");  // "Yes", "No", "loader"
     QTest::addColumn<QString>("question"); // text|default button; {dir}: the folder
     QTest::addColumn<QString>("message");  // the refusal; empty: loaded
     QTest::addColumn<QString>("logged");   // the last log line when loaded
 
     const auto row = [](const char *name, const QByteArray &bytes, const QString &answers,
                         const QString &question, const QString &message, const QString &logged) {
-        const bool zip = QByteArray(name).startsWith("package");
-        QTest::newRow(name) << (zip ? "bad.zip" : "scatter.txt") << bytes << answers << question
-                            << message << logged;
+        QTest::newRow(name) << bytes << answers << question << message << logged;
     };
     const auto refused = [&row](const char *name, const QByteArray &bytes, const QString &message) {
         row(name, bytes, "", "", message, "");
     };
-    const QString wrong = md5Hex("something else");
     const QByteArray missingStub = scatterBytes(goodSections(), "ESP8266EX", "missing.elf");
     const QByteArray noMd5 = scatterBytes({section("application", "0x1000", "app.bin", "")});
     const QString loaderQuestion =
@@ -175,34 +154,19 @@ void TestEspFlasherScatter::loadOutcomes_data()
     const QString md5Question = "Section {dir}/app.bin is missing an md5 checksum. "
                                 "Proceed?<br>Current md5: " +
                                 md5Hex(app) + "|&No (10)";
-    const QString noChecksum = "No saved checksum for {dir}/app.bin";
 
     refused("another chip", scatterBytes(goodSections(), "ESP8285"),
             "This scatter file belongs to a different chip (ESP8285 vs ESP8266EX / 00a1b2c3)");
-    refused("missing file",
-            scatterBytes({section("application", "0x1000", "gone.bin", md5Hex(app))}),
-            "File gone.bin (application) does not exist");
-    refused("bad address",
-            scatterBytes({section("firmware", "0xZZ", "boot.bin", md5Hex(boot), "dio")}),
-            "Section firmware address 0xZZ is invalid");
-    refused("no firmware options", scatterBytes({section("firmware", "0x0", "boot.bin", "")}),
-            "Mandatory firmware options are missing");
-    refused("md5 mismatch",
-            scatterBytes({section("application", "0x1000", "app.bin", md5Hex(app)),
-                          section("firmware", "0x0", "boot.bin", wrong, "dio")}),
-            "The data within the package is corrupted (saved md5 " + wrong +
-                " does not match the computed one " + md5Hex(boot) + " for file {dir}/boot.bin)");
     refused("not an object", "[1, 2]",
             "{dir}/scatter.txt is not a valid scatter file: no error occurred");
     row("loader missing, No", missingStub, "No", loaderQuestion,
         "The mandatory flash loader file is missing", "");
     row("loader missing, Yes and chosen", missingStub, "Yes,loader", loaderQuestion, "",
         line(green, "Retrieved chip info"));
-    row("md5 missing, No", noMd5, "No", md5Question, noChecksum, "");
     row("md5 missing, Yes", noMd5, "Yes", md5Question, "",
         line(amber, "Proceeding without checksum verification for %1 as per users request"));
-    // Nobody answers: No is pressed after ten seconds.
-    row("md5 missing, unanswered", noMd5, "wait", md5Question, noChecksum, "");
+    // No is also what the countdown presses (the question's default, shown above).
+    row("md5 missing, No", noMd5, "No", md5Question, "No saved checksum for {dir}/app.bin", "");
 
     const QString loader = EspPackage::stubEntryName;
     const auto package = [&](const QString &md5) {
@@ -225,23 +189,20 @@ void TestEspFlasherScatter::loadOutcomes_data()
             invalid + "The mandatory flash loader file is missing");
 }
 
-// A scatter file or package over the loaded one: refused with a box, which leaves no scatter
-// loaded and no package open, or loaded after questions.
+// A scatter file or package over the loaded one: loaded after questions, or refused with a box.
 void TestEspFlasherScatter::loadOutcomes()
 {
-    QFETCH(QString, file);
     QFETCH(QByteArray, bytes);
+    const bool zip = QString(QTest::currentDataTag()).startsWith("package");
     QFETCH(QString, answers);
     QFETCH(QString, question);
     QFETCH(QString, message);
     QFETCH(QString, logged);
 
     edit("stubEdit")->clear();
-    answerer->answerFile(writeTestFile(dir->path(), file, bytes));
+    answerer->answerFile(writeTestFile(dir->path(), zip ? "bad.zip" : "scatter.txt", bytes));
     for (const QString &answer : answers.split(',', Qt::SkipEmptyParts)) {
-        if (answer == "wait")
-            answerer->leaveBox();
-        else if (answer == "loader")
+        if (answer == "loader")
             answerer->answerFile(path("stub.elf"));
         else
             answerer->answerBox(answer == "Yes" ? QMessageBox::Yes : QMessageBox::No);
@@ -257,7 +218,7 @@ void TestEspFlasherScatter::loadOutcomes()
     if (message.isEmpty()) {
         QCOMPARE(table->rowCount(), QJsonDocument::fromJson(bytes)["sections"].toArray().size());
         QCOMPARE(edit("stubEdit")->text(), path("stub.elf"));
-        QCOMPARE(lastLog(), logged);
+        QCOMPARE(log().last(), logged);
         return;
     }
     QCOMPARE(answerer->last().text, "Select scatter file|" + message.replace("{dir}", dir->path()));
@@ -283,7 +244,7 @@ void TestEspFlasherScatter::skippedSectionInTheMiddle()
 
     // The table shrinks by a row, but later sections keep their index: the skipped one's row
     // stays without cells and the last section drops out.
-    QCOMPARE(lastLog(), line(amber, "Skip unknown scatter section Firmware"));
+    QCOMPARE(log().last(), line(amber, "Skip unknown scatter section Firmware"));
     QCOMPARE(table->rowCount(), 3);
     QCOMPARE(rowCells(table, 1), (QStringList{"-", "-", "-", "-"}));
     QCOMPARE(rowCells(table, 2).last(), QStringLiteral("app.bin"));
@@ -311,13 +272,11 @@ void TestEspFlasherScatter::packageRoundTrip_data()
     QTest::addColumn<bool>("trim");
 
     QTest::newRow("trimmed") << description << true;
-    QTest::newRow("not trimmed") << description << false;
     // An empty description still packages: the password then comes from the salt alone.
-    QTest::newRow("no description") << QString() << true;
+    QTest::newRow("no description, not trimmed") << QString() << false;
 }
 
-// A package made of the loose scatter file holds every file, protected by the password of its
-// description, and loads back through the dialog.
+// A package made of the loose scatter file loads back through the dialog.
 void TestEspFlasherScatter::packageRoundTrip()
 {
     QFETCH(QString, text);
@@ -340,23 +299,13 @@ void TestEspFlasherScatter::packageRoundTrip()
                  << line(green, "Saved 512 bytes from " + path("images/small.bin") + trimmed);
     }
     QCOMPARE(log(), expected << line(green, "Created zip package in " + zip));
-    // What the package holds is the package tests' concern: here the dialog's choices.
-    EspPackage package(zip);
-    QVERIFY(package.open());
-    QCOMPARE(package.comment(), text);
-    QCOMPARE(package.entryNames(), (QStringList{EspPackage::stubEntryName, "boot.bin", "app.bin",
-                                                "small.bin", "scatter.txt"}));
-    package.close();
 
-    // Loaded back, under a name whose suffix differs in case; without a size key a region is as
-    // long as the stored entry.
+    // Loaded back under a suffix of another case; without a size a region is as long as its entry.
     const QString upper = path("FIRMWARE.ZIP");
     QVERIFY(QFile::rename(zip, upper));
     answerer->answerFile(upper);
     QVERIFY(selectScatter());
-    QCOMPARE(lastLog(), line(green, "Loaded package " + upper + ": " + text));
-    QCOMPARE(edit("stubEdit")->text(), QString(EspPackage::stubEntryName));
-    QCOMPARE(table->rowCount(), 3);
+    QCOMPARE(log().last(), line(green, "Loaded package " + upper + ": " + text));
     QCOMPARE(rowCells(table, 1).mid(6),
              (QStringList{md5Hex(trim ? app.left(2048) : app), "0x00010000",
                           trim ? "0x00010800" : "0x00010c00", "app.bin"}));
@@ -364,7 +313,7 @@ void TestEspFlasherScatter::packageRoundTrip()
     // Reading and packing work on loose files: not while a package is open.
     QVERIFY(!enabled("readTool"));
     find<QToolButton>("zipTool")->click();
-    QCOMPARE(lastLog(), line(amber, "The operation is not supported"));
+    QCOMPARE(log().last(), line(amber, "The operation is not supported"));
 
     // The loader is an entry of the package, or a file when its path is absolute.
     edit("stubEdit")->setText("elsewhere.elf");
@@ -374,7 +323,7 @@ void TestEspFlasherScatter::packageRoundTrip()
              QStringLiteral("Flash Loader|The stub file elsewhere.elf is not in the package"));
     edit("stubEdit")->setText(path("stub.elf"));
     QVERIFY(invoke("on_flashTool_clicked"));
-    QCOMPARE(lastLog(), line(green, "Start loading stub from " + path("stub.elf")));
+    QCOMPARE(log().last(), line(green, "Start loading stub from " + path("stub.elf")));
 }
 
 QTEST_MAIN(TestEspFlasherScatter)

@@ -12,49 +12,35 @@ class TestEspFlasherTranslation : public FlasherTest
     Q_OBJECT
 
 private slots:
-    void cleanup()
-    {
-        FlasherTest::cleanup();
-        installEspUtilityTranslation(QLocale(QLocale::English));
-    }
     void russianShows();
     void everyTextIsTranslated();
 };
 
-// The dialogs, and messages filled in after translation, under each class's own context.
 void TestEspFlasherTranslation::russianShows()
 {
     QVERIFY(installEspUtilityTranslation(QLocale(QLocale::Russian)));
     flasher = std::make_unique<ESPFlasher>(ESPFlasher::RUN_MODE_STANDALONE, nullptr);
-    QCOMPARE(flasher->windowTitle(), QStringLiteral("Утилита Brimcote ESP"));
-    QCOMPARE(find<QPushButton>("comPortConnect")->text(), QString("Подключить"));
-    QCOMPARE(find<QTableWidget>("scatterTable")->horizontalHeaderItem(0)->text(),
-             QStringLiteral("Активно"));
+    QCOMPARE(flasher->windowTitle() + "|" + find<QPushButton>("comPortConnect")->text() + "|" +
+                 find<QTableWidget>("scatterTable")->horizontalHeaderItem(0)->text(),
+             QStringLiteral("Утилита Brimcote ESP|Подключить|Активно"));
     // The dialog's text with the worker's name of the command.
     QVERIFY(deliverFinished(false, 3));
     QCOMPARE(log(),
              QStringList{line(red, "Операция UBoot получение сведений (3) завершилась с ошибкой")});
 
     QCOMPARE(FlashTypeSelector(nullptr).windowTitle(), QStringLiteral("Компоненты"));
+    // The composer's button text is set in code, under its class's context.
     EspScatterWizard wizard(nullptr);
-    QCOMPARE(wizard.windowTitle(), QStringLiteral("Составление файла разметки"));
-    auto *finish = wizard.findChild<QPushButton *>("finishButton");
-    QCOMPARE(finish->text(), QStringLiteral("Начать"));
-    finish->click();
-    wizard.findChild<QLineEdit *>("regionStartAddress")->setText("zz");
-    finish->click();
-    QCOMPARE(wizard.findChild<QLabel *>("regionValuesWarning")->text(),
-             QStringLiteral("<font color=\"red\">Начальный адрес zz некорректен</font>"));
+    QCOMPARE(wizard.windowTitle() + "|" + wizard.findChild<QPushButton *>("finishButton")->text(),
+             QStringLiteral("Составление файла разметки|Начать"));
 
-    // Installing again replaces the translator; a language without one leaves English.
-    QVERIFY(installEspUtilityTranslation(QLocale(QLocale::Russian, QLocale::Russia)));
+    // A language without a translation removes the one installed: English again.
     QVERIFY(!installEspUtilityTranslation(QLocale(QLocale::German)));
     QCOMPARE(ESPFlasher(ESPFlasher::RUN_MODE_STANDALONE, nullptr).windowTitle(),
              QStringLiteral("Brimcote ESP Utility"));
 }
 
-// Every current text translated, with its placeholders, markup, entities, line breaks and outer
-// blanks intact, in each class's context.
+// Every current text translated, keeping its placeholders, markup, entities, breaks and blanks.
 void TestEspFlasherTranslation::everyTextIsTranslated()
 {
     QFile file(testSourceDir() + QStringLiteral("/resources/translations/esputility_ru.ts"));
@@ -68,8 +54,7 @@ void TestEspFlasherTranslation::everyTextIsTranslated()
         return parts;
     };
     QXmlStreamReader xml(&file);
-    QString context;
-    QString source;
+    QString context, source;
     QSet<QString> contexts;
     while (!xml.atEnd()) {
         if (xml.readNext() != QXmlStreamReader::StartElement)

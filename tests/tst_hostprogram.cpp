@@ -1,7 +1,7 @@
 #include "testpaths.h"
 
 #include <QProcess>
-#include <QtTest>
+#include <QTest>
 
 // The host program's command line: what it accepts and refuses before the dialog opens.
 class TestHostProgram : public QObject

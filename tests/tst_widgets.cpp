@@ -1,35 +1,13 @@
 #include "widgets/flashtypeselector.h"
 #include "widgets/qautoclosemessagebox.h"
 
-#include <QtTest>
-#include <QtWidgets>
-
-#include <functional>
-
-namespace {
+#include "flashertestkit.h"
 
 using Box = QAutoCloseMessageBox;
 using Buttons = QMessageBox::StandardButtons;
 using Button = QMessageBox::StandardButton;
-
-// Runs the action on the auto-closing box once it is the active modal widget. A box still open
-// after 20 s, far beyond any countdown here, is closed with a result that no row expects.
-void whenBoxShown(const std::function<void(Box *)> &action)
-{
-    QTimer::singleShot(10, [action] {
-        auto *box = qobject_cast<Box *>(QApplication::activeModalWidget());
-        if (!box)
-            return whenBoxShown(action);
-        QTimer::singleShot(20000, box, [box] { box->done(-1); });
-        action(box);
-    });
-}
-
-} // namespace
-
 Q_DECLARE_METATYPE(QMessageBox::StandardButton)
 
-// The auto-closing message box and the flash type selector.
 class TestWidgets : public QObject
 {
     Q_OBJECT
@@ -67,8 +45,12 @@ void TestWidgets::countdownPressesDefault()
     QFETCH(Button, defaultButton);
     QFETCH(int, timeout);
 
+    ModalAnswerer answerer;
     QStringList shown;
-    whenBoxShown([&](Box *box) {
+    answerer.expect("QAutoCloseMessageBox", [&shown](QWidget *modal) {
+        auto *box = static_cast<Box *>(modal);
+        // Far beyond any countdown here: closed with a result that no row expects.
+        QTimer::singleShot(20000, box, [box] { box->done(-1); });
         QPushButton *target = box->defaultButton();
         // The countdown timer is the box's only direct QTimer child.
         const auto timers = box->findChildren<QTimer *>(QString(), Qt::FindDirectChildrenOnly);
@@ -81,6 +63,7 @@ void TestWidgets::countdownPressesDefault()
     QTEST(Box::warning(timeout, nullptr, "Warning", "Closing soon", buttons, defaultButton),
           "answer");
     QTEST(shown, "texts");
+    QCOMPARE(answerer.unexpected, QStringList());
 }
 
 // Both components start enabled and checked; disabling unchecks, enabling again does not check.

@@ -1,11 +1,5 @@
 #include "flashertestkit.h"
 
-ModalAnswerer::ModalAnswerer()
-{
-    connect(&timer, &QTimer::timeout, this, &ModalAnswerer::poll);
-    timer.start(10);
-}
-
 void ModalAnswerer::answerFile(const QString &path)
 {
     expect("QFileDialog", [path](QWidget *modal) {
@@ -38,14 +32,6 @@ void ModalAnswerer::answerInput(const QString &text)
     });
 }
 
-QStringList ModalAnswerer::texts(int from) const
-{
-    QStringList texts;
-    for (const Seen &modal : seen.mid(from))
-        texts << modal.text;
-    return texts;
-}
-
 void ModalAnswerer::poll()
 {
     QWidget *modal = QApplication::activeModalWidget();
@@ -75,7 +61,8 @@ void ModalAnswerer::poll()
         QMetaObject::invokeMethod(modal, "close", Qt::QueuedConnection);
         return;
     }
-    steps.takeFirst().second(modal);
+    if (const auto action = steps.takeFirst().second)
+        action(modal);
 }
 
 namespace FlasherTestKit {
@@ -91,6 +78,17 @@ QJsonObject section(const QString &type, const QString &address, const QString &
     if (!mode.isEmpty())
         section.insert("options", QJsonObject{{"flash", flash}});
     return section;
+}
+
+void fillRegion(QWidget *wizard, int type, const QString &start, bool sizeMode,
+                const QString &endOrSize, const QString &file, const char *button)
+{
+    child<QComboBox>(wizard, "regionTypeCombo")->setCurrentIndex(type);
+    child<QLineEdit>(wizard, "regionStartAddress")->setText(start);
+    child<QRadioButton>(wizard, sizeMode ? "regionSizeSel" : "regionEndAddressSel")->click();
+    child<QLineEdit>(wizard, sizeMode ? "regionSize" : "regionEndAddress")->setText(endOrSize);
+    child<QLineEdit>(wizard, "regionFileName")->setText(file);
+    child<QPushButton>(wizard, button)->click();
 }
 
 } // namespace FlasherTestKit
@@ -132,12 +130,6 @@ QStringList FlasherTest::log(int from) const
                      '|' + text;
     }
     return lines.mid(from);
-}
-
-bool FlasherTest::waitForLog(const QString &wanted, int from) const
-{
-    return QTest::qWaitFor([&] { return log(from).contains(wanted); },
-                           FlasherTestKit::workerStepTimeoutMs);
 }
 
 bool FlasherTest::selectScatter() const

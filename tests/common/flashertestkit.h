@@ -9,10 +9,9 @@
 #include <functional>
 #include <memory>
 
-// Plays the user at the modal dialogs the code under test opens: each step waits for the next
-// modal widget of its class and acts on it. Every modal is recorded; one with no step left or of
-// the wrong class is recorded as unexpected and closed, so that no test hangs on it. Progress
-// windows and a flasher dialog run with exec() are left alone. File dialogs must be Qt's own.
+// Plays the user at modal dialogs: each step acts on the next modal of its class. Any other is
+// recorded as unexpected and closed, so that no test hangs. Progress windows and an exec()'d
+// flasher dialog are left alone.
 class ModalAnswerer : public QObject
 {
 public:
@@ -25,20 +24,27 @@ public:
         int icon = 0;
     };
 
-    ModalAnswerer();
+    ModalAnswerer()
+    {
+        connect(&timer, &QTimer::timeout, this, &ModalAnswerer::poll);
+        timer.start(10);
+    }
     void expect(const char *className, std::function<void(QWidget *)> action)
     {
         steps.append({className, std::move(action)});
     }
     void answerFile(const QString &path); // an empty path cancels
     void answerBox(QMessageBox::StandardButton button);
-    void leaveBox()
-    {
-        expect("QMessageBox", [](QWidget *) {});
-    }                                      // left to close itself
-    void answerInput(const QString &text); // a null text cancels
+    void leaveBox() { expect("QMessageBox", nullptr); } // left to close itself
+    void answerInput(const QString &text);              // a null text cancels
     Seen last() const { return seen.value(seen.size() - 1); }
-    QStringList texts(int from = 0) const; // of the modals seen from `from` on
+    QStringList texts(int from = 0) const // of the modals seen from `from` on
+    {
+        QStringList texts;
+        for (const Seen &modal : seen.mid(from))
+            texts << modal.text;
+        return texts;
+    }
 
     QVector<Seen> seen;
     QVector<QPair<QByteArray, std::function<void(QWidget *)>>> steps; // still to come
@@ -50,8 +56,6 @@ private:
     QTimer timer;
 };
 
-// Helpers for tests of the flasher dialog: its widgets by name, its log read back as coloured
-// lines, worker results delivered as the worker delivers them, and scatter documents.
 namespace FlasherTestKit {
 
 constexpr const char *green = "#00b138";
@@ -79,11 +83,13 @@ inline QVariantList chipInfo()
 QJsonObject section(const QString &type, const QString &address, const QString &file,
                     const QString &md5, const QString &mode = QString(),
                     const QString &size = "4MB", const QString &frequency = "40m");
+// Enters one region into the scatter composer as a user would, then clicks `button`.
+void fillRegion(QWidget *wizard, int type, const QString &start, bool sizeMode,
+                const QString &endOrSize, const QString &file, const char *button);
 
 } // namespace FlasherTestKit
 
-// The ground the dialog tests share: settings of their own, a fresh folder and answerer per
-// test, the extra ports restored after it, and the dialog under test with ways into it.
+// Settings of their own, a fresh folder and answerer per test, the extra ports restored after it.
 class FlasherTest : public QObject
 {
     Q_OBJECT
@@ -105,7 +111,11 @@ protected:
     // The log paragraphs from `from` on as "colour|text", the progress dots at their ends removed.
     QStringList log(int from = 0) const;
     // Processes events until the log holds `line` at index `from` or later.
-    bool waitForLog(const QString &line, int from = 0) const;
+    bool waitForLog(const QString &line, int from = 0) const
+    {
+        return QTest::qWaitFor([&] { return log(from).contains(line); },
+                               FlasherTestKit::workerStepTimeoutMs);
+    }
     // Calls a slot of the dialog directly, as a click or the worker's queued signal does.
     bool invoke(const char *slot) const { return QMetaObject::invokeMethod(flasher.get(), slot); }
     bool selectScatter() const; // the scatter chooser's result
