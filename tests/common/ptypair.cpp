@@ -39,12 +39,15 @@ QByteArray PtyPair::readMaster(int timeoutMs, int atLeast)
 {
     QByteArray result;
     const QDeadlineTimer deadline(timeoutMs);
-    while (m_master >= 0 && result.size() < atLeast && !deadline.hasExpired()) {
+    // Looks at least once, so a zero time-out still sees what has already arrived.
+    while (m_master >= 0 && result.size() < atLeast) {
         pollfd pfd{m_master, POLLIN, 0};
         char buffer[4096];
         const ssize_t n = ::poll(&pfd, 1, 10) > 0 ? ::read(m_master, buffer, sizeof buffer) : 0;
         if (n > 0)
             result.append(buffer, int(n));
+        if (deadline.hasExpired())
+            break;
     }
     return result;
 }
