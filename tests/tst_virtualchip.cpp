@@ -81,27 +81,45 @@ public:
         return sendCommand(opcode, words({quint32(data.size()), sequence, 0, 0}) + data, sum);
     }
     // The next complete frame, unescaped; empty when none arrives in time. Plain RFC 1055 on
-    // whole frames: every escape byte starts a valid pair, or the frame is dropped.
+    // whole frames: bytes outside a frame are skipped, every escape byte starts a valid pair or
+    // the frame is dropped, and back-to-back delimiters are one boundary.
     QByteArray readFrame(int timeoutMs = 2000)
     {
         const QDeadlineTimer deadline(timeoutMs);
         for (;;) {
-            for (int end; (end = m_wire.indexOf('\xC0', m_decoded)) >= 0;) {
-                const QByteArray raw = m_wire.mid(m_decoded, end - m_decoded);
-                m_decoded = end + 1;
+            while (m_decoded < m_wire.size()) {
+                const bool delimiter = m_wire[m_decoded++] == '\xC0';
+                if (!m_inFrame) {
+                    m_inFrame = delimiter;
+                    m_frameStart = m_decoded;
+                    continue;
+                }
+                if (!delimiter)
+                    continue;
+                const QByteArray raw = m_wire.mid(m_frameStart, m_decoded - 1 - m_frameStart);
+                m_frameStart = m_decoded;
+                if (raw.isEmpty())
+                    continue;
+                m_inFrame = false;
                 const QByteArray frame =
                     QByteArray(raw).replace("\xDB\xDC", "\xC0").replace("\xDB\xDD", "\xDB");
-                if (!frame.isEmpty() && raw.size() - frame.size() == raw.count('\xDB'))
+                if (raw.size() - frame.size() == raw.count('\xDB'))
                     return frame;
             }
-            pollfd fd{m_fd, POLLIN, 0};
-            char buffer[65536];
-            if (m_hungUp || poll(&fd, 1, int(deadline.remainingTime())) <= 0)
+            if (!receive(deadline))
                 return QByteArray();
-            const ssize_t n = ::read(m_fd, buffer, sizeof buffer); // poll said it will not block
-            m_hungUp = n <= 0;                                     // EOF or EIO
-            m_wire.append(buffer, int(qMax<ssize_t>(n, 0)));
         }
+    }
+    // Everything that arrives within `ms` is dropped, as a host flushes its input.
+    QByteArray discardInput(int ms = silenceMs)
+    {
+        const QDeadlineTimer deadline(ms);
+        while (receive(deadline)) {
+        }
+        m_inFrame = false;
+        const QByteArray dropped = m_wire.mid(m_decoded);
+        m_decoded = m_wire.size();
+        return dropped;
     }
     Answer readAnswer(int timeoutMs = 2000)
     {
@@ -142,9 +160,23 @@ public:
     bool hungUp() const { return m_hungUp; }
 
 private:
+    bool receive(const QDeadlineTimer &deadline) // false when nothing arrived in time
+    {
+        pollfd fd{m_fd, POLLIN, 0};
+        char buffer[65536];
+        if (m_hungUp || poll(&fd, 1, int(deadline.remainingTime())) <= 0)
+            return false;
+        const ssize_t n = ::read(m_fd, buffer, sizeof buffer); // poll said it will not block
+        m_hungUp = n <= 0;                                     // EOF or EIO
+        m_wire.append(buffer, int(qMax<ssize_t>(n, 0)));
+        return n > 0;
+    }
+
     int m_fd = -1;
     QByteArray m_wire;
     int m_decoded = 0; // bytes of m_wire already run through the decoder
+    bool m_inFrame = false;
+    int m_frameStart = 0;
     bool m_hungUp = false;
 };
 

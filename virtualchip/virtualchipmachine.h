@@ -36,6 +36,9 @@ public:
     VirtualEsp8266::SpiParams spiParams() const;
     void reset();
     bool vanished() const;
+    void setModemLines(bool dtrAsserted, bool rtsAsserted);
+    VirtualEsp8266::BootMode bootMode() const;
+    int resetCount() const;
 
     QVector<VirtualEsp8266::CommandRecord> commandLog() const;
     void clearCommandLog();
@@ -129,6 +132,11 @@ private:
     std::deque<TxFrame> m_tx;
     qint64 m_txWireNs = 0; // when the line is free again
     quint32 m_txBaud;
+    quint32 m_rxBaud; // the UART switches both directions at once
+
+    bool m_dtrAsserted = false;
+    bool m_rtsAsserted = false;
+    int m_resetCount = 0;
 
     QVector<VirtualEsp8266::CommandRecord> m_log;
     VirtualEsp8266::Counters m_counters;
