@@ -651,7 +651,6 @@ void VirtualChipLoader::reset()
     m_state = LoaderState::RomLoader;
     m_bootMode = VirtualEsp8266::BootMode::Download;
     setBaud(m_initialBaud);
-    m_eraseFactor = 1;
     m_busyUntilUs = 0;
     m_backgroundUntilUs = 0;
     m_greetingAtUs = -1;

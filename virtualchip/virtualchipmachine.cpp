@@ -116,6 +116,7 @@ bool VirtualChipMachine::start()
     m_path = QString::fromLocal8Bit(name);
     m_decoder.clear();
     m_faults.disarm();
+    m_loader.setEraseFactor(1);
     clearLine();
     m_dtrAsserted = false;
     m_rtsAsserted = false;
@@ -214,6 +215,7 @@ void VirtualChipMachine::reset()
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_loader.reset();
+        m_loader.setEraseFactor(1);
         m_decoder.clear();
         m_faults.disarm();
         m_vanishPending = false;

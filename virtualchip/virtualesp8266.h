@@ -224,7 +224,8 @@ public:
     // input dropped, output stopped); releasing it boots the chip, which samples GPIO0 then:
     // DTR asserted boots the ROM loader at the initial rate (loader and RAM gone, flash kept),
     // otherwise the user program. Each boot prints the boot messages, led by the reset glitch.
-    // DTR alone changes nothing. Ignored before start(), which powers up with both released.
+    // DTR alone changes nothing. Armed faults stay armed. Ignored before start(), which powers up
+    // with both lines released.
     void setModemLines(bool dtrAsserted, bool rtsAsserted);
     // What the last boot (power-up, reset, or a loader's reboot) started.
     BootMode bootMode() const;
