@@ -1,6 +1,7 @@
 // What only a raw client sees of the virtual chip: the ROM's and the loader's protocol quirks and
 // refusals, and the injected faults. The real client's view is checked in its own tests.
 #include "protocol/espprotocol.h"
+#include "testpaths.h"
 #include "tools/imagegen/espimagebuilder.h"
 #include "virtualchip/virtualchipbootoutput.h"
 #include "virtualchip/virtualesp8266.h"
@@ -113,11 +114,11 @@ public:
                 return QByteArray();
         }
     }
-    // Everything that arrives within `ms` is dropped, as a host flushes its input.
-    QByteArray discardInput(int ms = silenceMs)
+    // Drops what arrives until the line has been quiet for `quietMs`, as a host drains its
+    // input; returns the dropped bytes.
+    QByteArray discardInput(int quietMs = silenceMs)
     {
-        const QDeadlineTimer deadline(ms);
-        while (receive(deadline)) {
+        while (receive(QDeadlineTimer(quietMs))) {
         }
         m_inFrame = false;
         const QByteArray dropped = m_wire.mid(m_decoded);
@@ -627,6 +628,61 @@ private slots:
         m_client->discardInput();
         QCOMPARE(m_chip->baudRate(), 115200u);
         QCOMPARE(m_client->readReg(uartDivider), 451u);
+    }
+
+    void controlInput_data()
+    {
+        QTest::addColumn<QString>("bootMode");
+        QTest::addColumn<QByteArray>("input");
+        QTest::addColumn<QStringList>("confirmed");
+        QTest::addColumn<bool>("refused"); // a line was refused on stderr
+        QTest::addColumn<int>("answers");  // to a SYNC afterwards
+        QTest::newRow("classic reset into the ROM loader")
+            << "firmware" << QByteArray("dtr=0 rts=1\ndtr=1 rts=0\ndtr=0\n")
+            << QStringList{"dtr=0 rts=1 -> held in reset", "dtr=1 rts=0 -> ROM loader",
+                           "dtr=0 rts=0 -> ROM loader"}
+            << false << 8;
+        QTest::newRow("hard reset, one line omitted")
+            << "download" << QByteArray("rts=1\n\nrts=0\n")
+            << QStringList{"dtr=0 rts=1 -> held in reset", "dtr=0 rts=0 -> user program"} << false
+            << 0;
+        QTest::newRow("bad lines change nothing")
+            << "download" << QByteArray("dtr=2\nrts=1 reset\nRTS=1\n") << QStringList() << true
+            << 8;
+    }
+
+    // The program: --boot-mode and the reset lines on standard input.
+    void controlInput()
+    {
+        QFETCH(QString, bootMode);
+        QFETCH(QByteArray, input);
+        QFETCH(QStringList, confirmed);
+        QProcess program;
+        program.start(testBuildDir() + "/virtualchip/esp-virtual-chip",
+                      {"--boot-mode", bootMode, "--throttle"});
+        QVERIFY(program.waitForStarted());
+        QVERIFY(program.waitForReadyRead());
+        const QString path = QString::fromLocal8Bit(program.readLine()).trimmed();
+        QVERIFY(path.startsWith("/dev/"));
+        program.write(input);
+        QVERIFY(program.waitForBytesWritten());
+        program.closeWriteChannel(); // the chip runs on without its input
+        QStringList lines;
+        while (lines.size() < confirmed.size() && program.waitForReadyRead(2000)) {
+            while (program.canReadLine())
+                lines << QString::fromLocal8Bit(program.readLine()).trimmed();
+        }
+        for (QString &line : lines)
+            line.remove(QRegularExpression("^LINES "));
+        QCOMPARE(lines, confirmed);
+        RawClient client(path);
+        QVERIFY(client.isOpen());
+        client.discardInput();
+        QTEST(client.sync(silenceMs), "answers");
+        program.terminate();
+        QVERIFY(program.waitForFinished());
+        QCOMPARE(program.exitCode(), 0);
+        QTEST(program.readAllStandardError().contains("ignored control line"), "refused");
     }
 
     void loaderErase_data()
