@@ -342,7 +342,7 @@ bool ESPTool::setModemLines(bool dtrAsserted, bool rtsAsserted)
         return true;
     if (!modemLinesNoted) {
         modemLinesNoted = true;
-        emit notice(QStringLiteral("%1 has no modem lines (DTR/RTS): the board is not reset")
+        emit notice(QStringLiteral("The board is not reset: %1 has no modem lines (DTR/RTS)")
                         .arg(portName));
     }
     return false;
@@ -1351,9 +1351,10 @@ bool ESPTool::writeThroughLoader(const QByteArray &image, unsigned int address)
         done += int(length);
         i = last + 1;
     }
-    emit notice(QStringLiteral("%1 of %2 block(s) of 64 KiB unchanged, not written")
-                    .arg(skipped)
-                    .arg(blocks));
+    if (skipped > 0)
+        emit notice(QStringLiteral("%1 of %2 block(s) of 64 KiB unchanged, not written")
+                        .arg(skipped)
+                        .arg(blocks));
     return true;
 }
 

@@ -92,11 +92,13 @@ QString resolvePortName(const QString &name)
 {
     if (name.isEmpty())
         return QString();
-    // A bare name means a device in /dev; links (by-id, by-path) name the device they point to.
-    const QString path = name.contains(QLatin1Char('/')) ? name : QStringLiteral("/dev/") + name;
-    const QString wanted = canonical(path);
+    // A name without a leading slash may mean a device in /dev (ttyUSB0, pts/3); links
+    // (by-id, by-path) name the device they point to.
+    QStringList wanted{canonical(name)};
+    if (!name.startsWith(QLatin1Char('/')))
+        wanted << canonical(QStringLiteral("/dev/") + name);
     for (const PortEntry &entry : availablePortEntries()) {
-        if (entry.name == name || entry.path == name || canonical(entry.path) == wanted)
+        if (entry.name == name || entry.path == name || wanted.contains(canonical(entry.path)))
             return entry.path;
     }
     return QString();
