@@ -559,6 +559,32 @@ private slots:
         QCOMPARE(m_chip->flash(0x10000, 0x100), QByteArray(0x100, untouched));
     }
 
+    void gpio0SampleDelay_data()
+    {
+        QTest::addColumn<bool>("heldUntilBoot"); // DTR kept asserted until the chip booted
+        QTest::addColumn<int>("bootMode");
+        QTest::newRow("GPIO0 released right after EN") << false << int(V::BootMode::Firmware);
+        QTest::newRow("GPIO0 held until the boot") << true << int(V::BootMode::Download);
+    }
+
+    void gpio0SampleDelay()
+    {
+        QFETCH(bool, heldUntilBoot);
+        V::Config config;
+        config.gpio0SampleDelayMs = 300;
+        QVERIFY(startChip(config));
+        m_client->discardInput(); // power-up messages
+        m_chip->setModemLines(false, true);
+        m_chip->setModemLines(true, false);
+        QCOMPARE(m_chip->resetCount(), 0); // GPIO0 not read yet: silent
+        QVERIFY(m_client->discardInput().isEmpty());
+        if (heldUntilBoot)
+            QTRY_COMPARE(m_chip->resetCount(), 1);
+        m_chip->setModemLines(false, false);
+        QTRY_COMPARE(m_chip->resetCount(), 1);
+        QTEST(int(m_chip->bootMode()), "bootMode");
+    }
+
     void resetLines()
     {
         V::Config config;

@@ -121,6 +121,7 @@ bool VirtualChipMachine::start()
     m_dtrAsserted = false;
     m_rtsAsserted = false;
     m_resetCount = 0;
+    m_bootAtNs = -1;
     m_loader.boot(m_config.powerUpMode, VirtualChipBootOutput::Cause::PowerOn, nowNs() / nsPerUs);
     collectOutput(VirtualChipFaults::Plan(), nullptr);
     m_vanished = false;
@@ -221,6 +222,7 @@ void VirtualChipMachine::reset()
         m_vanishPending = false;
         m_dtrAsserted = false;
         m_rtsAsserted = false;
+        m_bootAtNs = -1;
         clearLine();
     }
     wake();
@@ -240,17 +242,29 @@ void VirtualChipMachine::setModemLines(bool dtrAsserted, bool rtsAsserted)
         // Whatever was on its way in or out is lost with the UART's state.
         m_decoder.clear();
         clearLine();
-        if (rtsAsserted) {
-            m_loader.holdInReset();
-        } else {
-            ++m_resetCount;
-            m_loader.boot(dtrAsserted ? VirtualEsp8266::BootMode::Download
-                                      : VirtualEsp8266::BootMode::Firmware,
-                          VirtualChipBootOutput::Cause::ResetPin, nowNs() / nsPerUs);
-            collectOutput(VirtualChipFaults::Plan(), nullptr);
-        }
+        m_loader.holdInReset();
+        m_bootAtNs = -1;
+        if (!rtsAsserted)
+            releaseReset(nowNs());
     }
     wake();
+}
+
+void VirtualChipMachine::releaseReset(qint64 now)
+{
+    m_bootAtNs = now + qint64(qMax(0, m_config.gpio0SampleDelayMs)) * 1000000;
+    if (m_config.gpio0SampleDelayMs <= 0)
+        bootFromLines(now);
+}
+
+void VirtualChipMachine::bootFromLines(qint64 now)
+{
+    m_bootAtNs = -1;
+    ++m_resetCount;
+    m_loader.boot(m_dtrAsserted ? VirtualEsp8266::BootMode::Download
+                                : VirtualEsp8266::BootMode::Firmware,
+                  VirtualChipBootOutput::Cause::ResetPin, now / nsPerUs);
+    collectOutput(VirtualChipFaults::Plan(), nullptr);
 }
 
 VirtualEsp8266::BootMode VirtualChipMachine::bootMode() const
@@ -473,6 +487,9 @@ qint64 VirtualChipMachine::iterate(qint64 now, bool *waitWritable,
     };
     if (m_master < 0) // vanished on a received byte
         return -1;
+    if (m_bootAtNs >= 0 && m_bootAtNs <= now)
+        bootFromLines(now);
+    earliest(m_bootAtNs);
     const qint64 nowUs = now / nsPerUs;
     if (m_loader.nextTickUs() >= 0 && m_loader.nextTickUs() <= nowUs) {
         m_loader.tick(nowUs);

@@ -98,6 +98,9 @@ private:
     static QByteArray strayAnswer(quint8 answeredOpcode);
     qint64 writeTerminal(qint64 nowNs, bool *waitWritable);
     void checkVanish(qint64 nowNs);
+    // EN has risen: boots now, or once GPIO0 is read.
+    void releaseReset(qint64 nowNs);
+    void bootFromLines(qint64 nowNs);
     void closeTerminal();
     void clearLine();
     qint64 byteNs(quint32 baud) const;
@@ -137,6 +140,7 @@ private:
     bool m_dtrAsserted = false;
     bool m_rtsAsserted = false;
     int m_resetCount = 0;
+    qint64 m_bootAtNs = -1; // when GPIO0 is read after EN rose; -1 = no boot pending
 
     QVector<VirtualEsp8266::CommandRecord> m_log;
     VirtualEsp8266::Counters m_counters;

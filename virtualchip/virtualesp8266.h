@@ -100,6 +100,9 @@ public:
         // boots go through the reset lines (setModemLines). Either way the chip prints its boot
         // messages first (at power-up without the reset glitch, see setModemLines).
         BootMode powerUpMode = BootMode::Download;
+        // How long after EN rises the chip reads GPIO0, ms (a board's delay on EN): a host must
+        // keep DTR asserted that long. 0 reads it as EN rises.
+        int gpio0SampleDelayMs = 0;
         // Station MAC; OUI 18:FE:34 and AC:D0:74 are encoded in eFuse word 1, any other in word 3.
         QByteArray mac = QByteArray::fromHex("18fe34a1b2c3");
         // When set, the eFuse words 0..3 are exactly `efuseWords` and model / mac are ignored.
@@ -223,7 +226,8 @@ public:
     // so the host side calls this instead. RTS asserted holds the chip in reset (no answers,
     // input dropped, output stopped); releasing it boots the chip, which samples GPIO0 then:
     // DTR asserted boots the ROM loader at the initial rate (loader and RAM gone, flash kept),
-    // otherwise the user program. Each boot prints the boot messages, led by the reset glitch.
+    // otherwise the user program (GPIO0 is read Config::gpio0SampleDelayMs after the release; the
+    // chip stays silent until then). Each boot prints the boot messages, led by the reset glitch.
     // DTR alone changes nothing. Armed faults stay armed. Ignored before start(), which powers up
     // with both lines released.
     void setModemLines(bool dtrAsserted, bool rtsAsserted);
