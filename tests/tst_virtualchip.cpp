@@ -224,32 +224,43 @@ class TestVirtualChip : public QObject
     std::optional<RawClient> m_client;
 
 private slots:
-    void romErase_data()
+    void flashBeginErase_data()
     {
+        QTest::addColumn<bool>("loader");
         QTest::addColumn<uint>("offset");
         QTest::addColumn<uint>("size");
         QTest::addColumn<uint>("erasedStart");
         QTest::addColumn<uint>("erasedSize");
-        // n + min(16 - s % 16, n) sectors for n sectors asked from sector s; the flash loader
-        // erases exactly what it is asked for (seen in the client's tests).
-        QTest::newRow("1 sector at 0 -> 2") << 0u << 0x1000u << 0u << 0x2000u;
-        QTest::newRow("last sector before 64K -> 2") << 0xF000u << 0x1000u << 0xF000u << 0x2000u;
-        QTest::newRow("3 sectors across 64K -> 5") << 0xE000u << 0x3000u << 0xE000u << 0x5000u;
-        QTest::newRow("1 MiB -> 272 sectors") << 0u << 0x100000u << 0u << 0x110000u;
-        QTest::newRow("unaligned offset starts at its sector")
-            << 0x1800u << 0x1000u << 0x1000u << 0x2000u;
-        QTest::newRow("clipped at the end of the flash")
-            << 0x3FF000u << 0x2000u << 0x3FF000u << 0x1000u;
-        QTest::newRow("nothing for size 0") << 0u << 0u << 0u << 0u;
+        // The ROM: n + min(16 - s % 16, n) sectors for n sectors asked from sector s.
+        QTest::newRow("ROM: 1 sector at 0 -> 2") << false << 0u << 0x1000u << 0u << 0x2000u;
+        QTest::newRow("ROM: last sector before 64K -> 2")
+            << false << 0xF000u << 0x1000u << 0xF000u << 0x2000u;
+        QTest::newRow("ROM: 3 sectors across 64K -> 5")
+            << false << 0xE000u << 0x3000u << 0xE000u << 0x5000u;
+        QTest::newRow("ROM: 1 MiB -> 272 sectors") << false << 0u << 0x100000u << 0u << 0x110000u;
+        QTest::newRow("ROM: unaligned offset starts at its sector")
+            << false << 0x1800u << 0x1000u << 0x1000u << 0x2000u;
+        QTest::newRow("ROM: clipped at the end of the flash")
+            << false << 0x3FF000u << 0x2000u << 0x3FF000u << 0x1000u;
+        QTest::newRow("ROM: nothing for size 0") << false << 0u << 0u << 0u << 0u;
+        // The flash loader: exactly the sectors that [offset, offset + size) touches.
+        QTest::newRow("loader: one byte mid-sector")
+            << true << 0x11800u << 1u << 0x11000u << 0x1000u;
+        QTest::newRow("loader: across a sector boundary")
+            << true << 0x11FFFu << 2u << 0x11000u << 0x2000u;
+        QTest::newRow("loader: 64 KiB + 1 unaligned")
+            << true << 0x10100u << 0x10001u << 0x10000u << 0x11000u;
+        QTest::newRow("loader: nothing for size 0") << true << 0x11000u << 0u << 0u << 0u;
     }
 
-    void romErase()
+    void flashBeginErase()
     {
+        QFETCH(bool, loader);
         QFETCH(uint, offset);
         QFETCH(uint, size);
         QFETCH(uint, erasedStart);
         QFETCH(uint, erasedSize);
-        QVERIFY(startChip());
+        QVERIFY(startChip(V::Config(), loader));
         const quint32 flashSize = m_chip->flashSize();
         m_chip->setFlash(0, QByteArray(int(flashSize), 0));
         const Answer answer = m_client->command(V::FlashBegin, begin(offset, size, 0x400));
@@ -631,22 +642,19 @@ private slots:
         const QByteArray readRequest = words({chipMagic});
         QCOMPARE(m_client->readReg(chipMagic), 0xFFF0C101u);
         QCOMPARE(m_client->readReg(uartDivider), 56u);
-        const auto wire = [](quint8 opcode, const QByteArray &payload, quint32 value = 0) {
-            return ESPProtocol::encode(QByteArray(1, 0) + char(opcode) + char(payload.size()) +
-                                       char(0) + words({value}) + payload)
-                .size();
+        // Framed size of a request (direction 0) or of an answer with status 0 0 (direction 1).
+        const auto wire = [](char direction, quint8 opcode, const QByteArray &body, quint32 value) {
+            return qint64(ESPProtocol::encode(QByteArray(1, direction) + char(opcode) +
+                                              char(body.size()) + char(0) + words({value}) + body)
+                              .size());
         };
-        const auto answerWire = [](quint8 opcode, quint32 value) {
-            return ESPProtocol::encode(QByteArray(1, 1) + char(opcode) + char(2) + char(0) +
-                                       words({value}) + QByteArray(2, 0))
-                .size();
-        };
+        const QByteArray status(2, 0);
         const V::Counters counters = m_chip->counters();
-        QCOMPARE(counters.bytesOutByBaud.value(115200), qint64(answerWire(V::ChangeBaudrate, 0)));
-        QCOMPARE(counters.bytesInByBaud.value(115200), qint64(wire(V::ChangeBaudrate, request)));
+        QCOMPARE(counters.bytesInByBaud.value(115200), wire(0, V::ChangeBaudrate, request, 0));
+        QCOMPARE(counters.bytesOutByBaud.value(115200), wire(1, V::ChangeBaudrate, status, 0));
+        QCOMPARE(counters.bytesInByBaud.value(921600), 2 * wire(0, V::ReadReg, readRequest, 0));
         QCOMPARE(counters.bytesOutByBaud.value(921600),
-                 qint64(answerWire(V::ReadReg, 0xFFF0C101) + answerWire(V::ReadReg, 56)));
-        QCOMPARE(counters.bytesInByBaud.value(921600), qint64(2 * wire(V::ReadReg, readRequest)));
+                 wire(1, V::ReadReg, status, 0xFFF0C101) + wire(1, V::ReadReg, status, 56));
         QCOMPARE(m_chip->baudRate(), 921600u);
         // A reset brings the ROM back at the initial rate.
         m_chip->setModemLines(false, true);
@@ -709,44 +717,6 @@ private slots:
         QVERIFY(program.waitForFinished());
         QCOMPARE(program.exitCode(), 0);
         QTEST(program.readAllStandardError().contains("ignored control line"), "refused");
-    }
-
-    void loaderErase_data()
-    {
-        QTest::addColumn<int>("opcode");
-        QTest::addColumn<uint>("offset");
-        QTest::addColumn<uint>("size");
-        QTest::addColumn<uint>("erasedStart");
-        QTest::addColumn<uint>("erasedEnd");
-        // Exactly the sectors that [offset, offset + size) touches.
-        for (const int opcode : {V::FlashBegin, V::FlashDeflBegin}) {
-            const QByteArray name = opcode == V::FlashBegin ? "FLASH_BEGIN: " : "DEFL_BEGIN: ";
-            QTest::newRow(name + "one sector")
-                << opcode << 0x11000u << sector << 0x11000u << 0x12000u;
-            QTest::newRow(name + "one byte mid-sector")
-                << opcode << 0x11800u << 1u << 0x11000u << 0x12000u;
-            QTest::newRow(name + "across a sector boundary")
-                << opcode << 0x11FFFu << 2u << 0x11000u << 0x13000u;
-            QTest::newRow(name + "64 KiB + 1 unaligned")
-                << opcode << 0x10100u << 0x10001u << 0x10000u << 0x21000u;
-            QTest::newRow(name + "nothing") << opcode << 0x11000u << 0u << 0x11000u << 0x11000u;
-        }
-    }
-
-    void loaderErase()
-    {
-        QFETCH(int, opcode);
-        QFETCH(uint, offset);
-        QFETCH(uint, size);
-        QFETCH(uint, erasedStart);
-        QFETCH(uint, erasedEnd);
-        QVERIFY(startChip(V::Config(), true));
-        m_chip->setFlash(0, QByteArray(0x40000, untouched));
-        QCOMPARE(m_client->command(quint8(opcode), begin(offset, size, 0x4000)).status(), ok);
-        const QByteArray flash = m_chip->flash(0, 0x40000);
-        QCOMPARE(flash.count(char(0xFF)), int(erasedEnd - erasedStart));
-        QCOMPARE(flash.mid(int(erasedStart), int(erasedEnd - erasedStart)),
-                 QByteArray(int(erasedEnd - erasedStart), char(0xFF)));
     }
 
     void deflWrite_data()
