@@ -176,7 +176,7 @@ int main(int argc, char *argv[])
 
     QCommandLineParser parser;
     parser.setApplicationDescription(QStringLiteral(
-        "A virtual ESP8266 behind a pseudo-terminal. Prints the device path on the first line,\nthen one line per command received, until interrupted (SIGINT / SIGTERM).\nPoint the utility at the printed path, e.g. through ESP_UTILITY_EXTRA_PORTS.\n\nThe reset circuit of a USB serial adapter (RTS to EN, DTR to GPIO0, both active low) is\ndriven by lines on standard input, since a pseudo-terminal has none: \"dtr=0|1 rts=0|1\"\n(either part may be left out; 1 = asserted). rts=1 holds the chip in reset; rts=0 boots\nit into the ROM loader when dtr=1 at that moment, else into its user program. The classic\nreset into the ROM loader is \"dtr=0 rts=1\", \"dtr=1 rts=0\", \"dtr=0\"."));
+        "A virtual ESP8266 behind a pseudo-terminal. Prints the device path on the first line,\nthen one line per command received, until interrupted (SIGINT / SIGTERM).\nPoint the utility at the printed path, e.g. through ESP_UTILITY_EXTRA_PORTS.\n\nThe reset circuit of a USB serial adapter (RTS to EN, DTR to GPIO0, both active low) is\ndriven by lines on standard input, since a pseudo-terminal has none: \"dtr=0|1 rts=0|1\"\n(either part may be left out; 1 = asserted). rts=1 holds the chip in reset; rts=0 boots\nit into the ROM loader when dtr=1 at that moment, else into its user program. The classic\nreset into the ROM loader is \"dtr=0 rts=1\", \"dtr=1 rts=0\", \"dtr=0\". Each line is\nconfirmed with \"LINES dtr=.. rts=.. -> <what runs>\" (not with --quiet)."));
     parser.addHelpOption();
     const QCommandLineOption chipOption(
         QStringLiteral("chip"), QStringLiteral("Chip model: esp8266ex (default) or esp8285."),

@@ -11,8 +11,9 @@ const startTimeoutMs = 10000; // until the chip has printed its device path
 const lineTimeoutMs = 5000; // until the chip confirms new modem lines
 const stopTimeoutMs = 10000; // until the chip has exited after SIGTERM
 
-// Starts esp-virtual-chip with `args`; resolves once it printed its device path. Every later
-// line of its output is kept in `lines` (one per command received).
+// Starts esp-virtual-chip with `args` (not --quiet: line changes wait for its confirmation);
+// resolves once it printed its device path. Every later line of its output is kept in `lines`
+// (one per command received or line change).
 export async function startVirtualChip(program, args = []) {
   const child = spawn(program, args, { stdio: ["pipe", "pipe", "inherit"] });
   const lines = [];
