@@ -128,7 +128,9 @@ void ThroughputBench::checkRomWrite(Measurement &measurement, unsigned int addre
 
 bool ThroughputBench::run(bool throttle, unsigned int slowSize, unsigned int fastSize)
 {
-    QStringList arguments{QStringLiteral("--quiet")};
+    // No reset lines reach a chip in another process: it starts in its boot loader.
+    QStringList arguments{QStringLiteral("--quiet"), QStringLiteral("--boot-mode"),
+                          QStringLiteral("download")};
     if (throttle)
         arguments << QStringLiteral("--throttle");
     ChipProcess chip(m_chipProgram, arguments);

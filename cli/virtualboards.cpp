@@ -1,7 +1,7 @@
 #include "cli/virtualboards.h"
 
 #include "serial/qcomport.h"
-#include "virtualchip/virtualesp8266.h"
+#include "virtualchip/virtualboard.h"
 
 VirtualBoards::VirtualBoards() = default;
 
@@ -17,7 +17,7 @@ bool VirtualBoards::start(int count)
         VirtualEsp8266::Config config;
         // Distinct MACs, so that a summary tells the boards apart.
         config.mac[5] = char(quint8(config.mac.at(5)) + m_chips.size());
-        auto chip = std::make_unique<VirtualEsp8266>(config);
+        auto chip = std::make_unique<VirtualBoard>(config);
         if (!chip->start()) {
             m_error = chip->errorString();
             return false;

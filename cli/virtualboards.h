@@ -6,10 +6,11 @@
 #include <memory>
 #include <vector>
 
-class VirtualEsp8266;
+class VirtualBoard;
 
 // Virtual ESP8266 chips started in this process (--virtual), each on a pseudo-terminal of its
-// own that the port enumeration lists, so the boards use them like any serial port.
+// own that the port enumeration lists, so the boards use them like any serial port. Each is
+// wired with the auto-reset circuit and runs its firmware until the client resets it.
 class VirtualBoards
 {
 public:
@@ -25,6 +26,6 @@ public:
     QString errorString() const { return m_error; }
 
 private:
-    std::vector<std::unique_ptr<VirtualEsp8266>> m_chips;
+    std::vector<std::unique_ptr<VirtualBoard>> m_chips;
     QString m_error;
 };

@@ -5,7 +5,7 @@
 #include "flasher/espflasher.h"
 #include "resources/esputilitytranslation.h"
 #include "serial/qcomport.h"
-#include "virtualchip/virtualesp8266.h"
+#include "virtualchip/virtualboard.h"
 
 #include <QApplication>
 #include <QCommandLineParser>
@@ -25,12 +25,13 @@ QTextStream &err()
     return stream;
 }
 
-// Starts the chip and lists its terminal among the ports, with its own serial number.
-std::unique_ptr<VirtualEsp8266> startVirtualChip(bool fast)
+// Starts the chip, wired like a board with the auto-reset circuit, and lists its terminal among
+// the ports, with its own serial number.
+std::unique_ptr<VirtualBoard> startVirtualChip(bool fast)
 {
     VirtualEsp8266::Config config;
     config.throttle = !fast; // feel like a real line unless asked otherwise
-    auto chip = std::make_unique<VirtualEsp8266>(config);
+    auto chip = std::make_unique<VirtualBoard>(config);
     if (!chip->start()) {
         err() << "esp-utility-gui: the virtual ESP8266 could not start: " << chip->errorString()
               << '\n';
@@ -113,7 +114,7 @@ int main(int argc, char *argv[])
     QApplication app(argc, argv);
     installEspUtilityTranslation(locale);
 
-    std::unique_ptr<VirtualEsp8266> chip;
+    std::unique_ptr<VirtualBoard> chip;
     if (parser.isSet(virtualOption)) {
         chip = startVirtualChip(parser.isSet(fastOption));
         if (!chip)

@@ -31,6 +31,10 @@ QByteArray firmwareImage(bool asWritten = false)
     return asWritten ? image.replace(2, 2, "\x02\x40") : image; // dio, 4MB << 4 | 40m
 }
 
+// The program runs in a process of its own, which the reset lines of a chip here cannot reach:
+// its boards are jigs, held in boot mode.
+constexpr auto jig = VirtualBoard::Wiring::Jig;
+
 bool flashed(VirtualEsp8266 &board)
 {
     const QByteArray firmware = firmwareImage(true);
@@ -110,7 +114,7 @@ private slots:
     void init()
     {
         m_chip.reset(); // before its successor starts
-        m_chip = std::make_unique<ChipFixture>();
+        m_chip = std::make_unique<ChipFixture>(VirtualEsp8266::Config(), jig);
         m_dir = std::make_unique<QTemporaryDir>();
         QVERIFY(m_dir->isValid() && m_chip->start());
     }
@@ -142,7 +146,7 @@ private slots:
         chip().reset();
         QVERIFY(run(0, {"read", "--scatter", copy, "0x0:0x2000", "0x10000-0x18000"}, true, true));
         // The saved scatter passes the strict check and writes the same flash, headers included.
-        ChipFixture second;
+        ChipFixture second({}, jig);
         QVERIFY(second.start());
         QVERIFY(run(0, {"flash", copy, "--only", "application", "--port", second.port()}, false));
         QVERIFY(out("Skipping section 1"));
@@ -231,6 +235,18 @@ private slots:
         QVERIFY(summaryRow(m_chip->port()).contains(QRegularExpression("^- +- +FAILED")));
     }
 
+    void virtualBoardsAreResetIntoTheirLoader()
+    {
+        // They run their firmware until the reset lines reach them, so nothing answers unless
+        // the program's reset does.
+        QVERIFY(run(0, {"info", "--virtual", "2"}, false));
+        QCOMPARE(m_out.count(
+                     QRegularExpression("^/dev/\\S+ +ESP8266EX / 00a1b2c[34] +18FE34A1B2C[34] +ok$",
+                                        QRegularExpression::MultilineOption)),
+                 2);
+        QVERIFY2(!(m_out + m_err).contains("not reset"), qPrintable(m_out + m_err));
+    }
+
     void writePlainImages()
     {
         const QString firmware = writeTestFile(m_dir->path(), "fw.bin", firmwareImage());
@@ -310,9 +326,9 @@ private slots:
     {
         VirtualEsp8266::Config config;
         config.mac = QByteArray::fromHex("18fe34000002");
-        ChipFixture failing(config);
+        ChipFixture failing(config, jig);
         config.mac = QByteArray::fromHex("18fe34000003");
-        ChipFixture third(config);
+        ChipFixture third(config, jig);
         QVERIFY(failing.start() && third.start());
         // Past the loader (about 10 KiB on the wire) and the firmware, inside the application.
         failing.chip().armVanishAfterBytes(30000);

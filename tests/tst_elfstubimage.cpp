@@ -154,7 +154,9 @@ private slots:
         const QString own = writeTestFile(dir.path(), "own.json", "\n  " + loaderJson());
         ChipFixture fixture;
         ESPTool tool;
-        QVERIFY(fixture.start() && tool.esp_connect(fixture.port()));
+        ESPTool::ConnectOptions throughReset;
+        throughReset.resetBefore = true;
+        QVERIFY(fixture.start() && tool.esp_connect(fixture.port(), throughReset));
         QVERIFY(tool.write_loader_stub(own));
         QCOMPARE(fixture.chip().ram(0x4010C500, 0x1900), QByteArray(0x1900, 'T'));
         QCOMPARE(fixture.chip().ram(0x3FFFAE6C, 0x80), QByteArray(0x80, 'D'));

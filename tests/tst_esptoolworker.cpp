@@ -377,9 +377,11 @@ private slots:
         QVERIFY(session.fixture.start());
         QMutex mutex;
         QVector<QPair<bool, bool>> lines; // (DTR, RTS), set from the worker's thread
+        // Recorded on their way to the chip's reset circuit.
         ModemLineRegistry::add(session.fixture.port(), [&](bool dtr, bool rts) {
             QMutexLocker lock(&mutex);
             lines.append({dtr, rts});
+            session.chip().setModemLines(dtr, rts);
         });
         QSignalSpy notices(session.worker, &ESPToolWorker::notice);
         const QVariantMap options{{ESPToolWorker::BaudOption, 921600u}};
@@ -393,18 +395,25 @@ private slots:
         QCOMPARE(lines,
                  (QVector<QPair<bool, bool>>{
                      {false, true}, {true, false}, {false, false}, {false, true}, {false, false}}));
+        QTRY_COMPARE(session.chip().loaderState(), VirtualEsp8266::LoaderState::Firmware);
         QCOMPARE(notices.count(), 0);
         QCOMPARE(session.errors, QStringList());
 
-        // Without the registry entry the pseudo-terminal has no modem lines: one notice, and the
-        // loader that was not reset is found running.
-        QVERIFY(session.run(Cmd::Connect, {session.fixture.port()}).result);
-        QVERIFY(session.run(Cmd::Disconnect, {reset}).result);
-        QCOMPARE(notices.count(), 2);
-        QCOMPARE(notices.at(0).first().toString(),
-                 "The board is not reset: " + session.fixture.port() +
-                     " has no modem lines (DTR/RTS)");
-        QVERIFY(notices.at(1).first().toString().contains("already running"));
+        // Without the registry entry the pseudo-terminal has no modem lines: one notice per
+        // connection, and a loader that was not reset is found running.
+        session.chip().reset(); // into its boot loader, as a jig holds it
+        for (int connection = 0; connection < 2; ++connection) {
+            QVERIFY(session.run(Cmd::Connect, {session.fixture.port()}).result);
+            QVERIFY(session.run(Cmd::LoadStub, {generatedStubPath()}).result);
+            QVERIFY(session.run(Cmd::Disconnect, {reset}).result);
+        }
+        const QString notReset =
+            "The board is not reset: " + session.fixture.port() + " has no modem lines (DTR/RTS)";
+        QCOMPARE(notices.count(), 3);
+        QCOMPARE(notices.at(0).first().toString(), notReset);
+        QCOMPARE(notices.at(1).first().toString(), notReset);
+        QVERIFY(notices.at(2).first().toString().contains("already running"));
+        QVERIFY(session.chip().stubRunning());
     }
 
     void connectToAPortThatCannotBeOpened_data()

@@ -596,6 +596,30 @@ private slots:
         QTEST(int(m_chip->bootMode()), "bootMode");
     }
 
+    void gpio0ReadAtItsTimeWhenTheChipIsBusy()
+    {
+        V::Config config;
+        config.gpio0SampleDelayMs = 30;
+        QVERIFY(startChip(config));
+        // The command observer holds the chip's thread while the host runs the whole sequence.
+        QSemaphore observing;
+        QSemaphore release;
+        m_chip->setCommandObserver([&](const V::CommandRecord &) {
+            observing.release();
+            release.acquire();
+        });
+        QVERIFY(m_client->sendCommand(V::Sync, syncPayload));
+        QVERIFY(observing.tryAcquire(1, 5000));
+        m_chip->setModemLines(false, true);
+        m_chip->setModemLines(true, false);
+        QThread::msleep(80); // GPIO0 is read meanwhile, still low
+        m_chip->setModemLines(false, false);
+        release.release();
+        m_chip->setCommandObserver({});
+        QCOMPARE(m_chip->resetCount(), 1);
+        QCOMPARE(int(m_chip->bootMode()), int(V::BootMode::Download));
+    }
+
     void resetLines()
     {
         V::Config config;

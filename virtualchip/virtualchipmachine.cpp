@@ -234,6 +234,10 @@ void VirtualChipMachine::setModemLines(bool dtrAsserted, bool rtsAsserted)
         std::lock_guard<std::mutex> lock(m_mutex);
         if (!m_running)
             return;
+        // GPIO0 was read at its time even if the chip thread has not got round to booting yet.
+        const qint64 now = nowNs();
+        if (m_bootAtNs >= 0 && m_bootAtNs <= now)
+            bootFromLines(now);
         const bool wasHeld = m_rtsAsserted;
         m_dtrAsserted = dtrAsserted;
         m_rtsAsserted = rtsAsserted;
@@ -245,7 +249,7 @@ void VirtualChipMachine::setModemLines(bool dtrAsserted, bool rtsAsserted)
         m_loader.holdInReset();
         m_bootAtNs = -1;
         if (!rtsAsserted)
-            releaseReset(nowNs());
+            releaseReset(now);
     }
     wake();
 }

@@ -2,7 +2,7 @@
 
 #include "serial/qcomport.h"
 #include "tools/imagegen/espimagebuilder.h"
-#include "virtualchip/virtualesp8266.h"
+#include "virtualchip/virtualboard.h"
 #include "worker/esptoolworker.h"
 #include "workerclient.h"
 
@@ -85,8 +85,8 @@ void SoakSession::traceLine(const QString &text) const
 SoakSession::~SoakSession()
 {
     m_worker.reset();
-    if (m_chip)
-        m_chip->stop();
+    if (m_board)
+        m_board->stop();
 }
 
 void SoakSession::violation(const QString &text)
@@ -144,7 +144,7 @@ SoakSession::Report SoakSession::run()
     if (!late.isEmpty())
         violation(QStringLiteral("messages after the last command: %1").arg(late.join(" | ")));
     m_worker.reset();
-    m_chip->stop();
+    m_board->stop();
     return m_report;
 }
 
@@ -158,8 +158,9 @@ bool SoakSession::startChip()
     const bool small = m_random.bounded(3) == 0;
     config.flashSize = small ? 0x100000 : 0x400000;
     config.jedecId = QByteArray::fromHex(small ? "ef4014" : "ef4016");
-    m_chip = std::make_unique<VirtualEsp8266>(config);
-    if (!m_chip->start())
+    m_board = std::make_unique<VirtualBoard>(config);
+    m_chip = &m_board->chip();
+    if (!m_board->start())
         return false;
     publishPort();
     return true;
@@ -528,8 +529,8 @@ void SoakSession::checkReconnect()
     // (it also disarms every fault of the chip's own).
     m_vanishAtCommand = -1;
     if (m_chip->vanished()) {
-        m_chip->stop();
-        if (!m_chip->start()) {
+        m_board->stop();
+        if (!m_board->start()) {
             violation(QStringLiteral("the virtual chip did not restart"));
             return;
         }

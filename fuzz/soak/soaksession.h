@@ -13,6 +13,7 @@
 #include <memory>
 
 class QIODevice;
+class VirtualBoard;
 class VirtualEsp8266;
 class WorkerClient;
 
@@ -86,7 +87,9 @@ private:
     QElapsedTimer m_clock;
     QByteArray m_loaderElf;
     QString m_scratchDir;
-    std::unique_ptr<VirtualEsp8266> m_chip;
+    // Wired with the auto-reset circuit: every connect goes through the reset.
+    std::unique_ptr<VirtualBoard> m_board;
+    VirtualEsp8266 *m_chip = nullptr; // the board's chip
     std::unique_ptr<WorkerClient> m_worker;
     Report m_report;
     // The last command: its name and outcome.

@@ -5,20 +5,20 @@
 
 #include <QFileInfo>
 
-ChipFixture::ChipFixture(const VirtualEsp8266::Config &config)
-    : m_chip(std::make_unique<VirtualEsp8266>(config))
+ChipFixture::ChipFixture(const VirtualEsp8266::Config &config, VirtualBoard::Wiring wiring)
+    : m_board(std::make_unique<VirtualBoard>(config, wiring))
 {}
 
 ChipFixture::~ChipFixture()
 {
-    m_chip->stop();
+    m_board->stop();
 }
 
 bool ChipFixture::start()
 {
-    if (!m_chip->start())
+    if (!m_board->start())
         return false;
-    PtyPair::publish(m_chip->devicePath()); // only the ports of chips alive here are listed
+    PtyPair::publish(m_board->devicePath()); // only the ports of chips alive here are listed
     return true;
 }
 

@@ -1,25 +1,27 @@
 #pragma once
 
-#include "virtualchip/virtualesp8266.h"
+#include "virtualchip/virtualboard.h"
 
 #include <QString>
 
 #include <memory>
 
 // A running virtual ESP8266 whose pseudo-terminal is visible to the port enumeration, so the
-// code under test opens it like any serial port.
+// code under test opens it like any serial port. Wired like a board with the auto-reset circuit
+// unless a test asks for a jig (no reset lines, powered up in download mode).
 class ChipFixture
 {
 public:
-    explicit ChipFixture(const VirtualEsp8266::Config &config = VirtualEsp8266::Config());
+    explicit ChipFixture(const VirtualEsp8266::Config &config = VirtualEsp8266::Config(),
+                         VirtualBoard::Wiring wiring = VirtualBoard::Wiring::AutoReset);
     ~ChipFixture();
 
     bool start();
-    VirtualEsp8266 &chip() { return *m_chip; }
-    QString port() const { return m_chip->devicePath(); }
+    VirtualEsp8266 &chip() { return m_board->chip(); }
+    QString port() const { return m_board->devicePath(); }
 
 private:
-    std::unique_ptr<VirtualEsp8266> m_chip;
+    std::unique_ptr<VirtualBoard> m_board;
 };
 
 // The project's stand-in loader stub, generated at build time.

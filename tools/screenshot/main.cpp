@@ -8,7 +8,7 @@
 #include "resources/esputilitytranslation.h"
 #include "serial/qcomport.h"
 #include "tools/imagegen/espimagebuilder.h"
-#include "virtualchip/virtualesp8266.h"
+#include "virtualchip/virtualboard.h"
 #include "wizard/espscatterwizard.h"
 
 #include <QApplication>
@@ -198,7 +198,7 @@ int main(int argc, char *argv[])
         return 1;
     }
 
-    VirtualEsp8266 chip;
+    VirtualBoard chip; // runs its firmware until the dialog resets it
     if (!chip.start()) {
         err() << "cannot start the virtual chip: " << chip.errorString() << '\n';
         return 1;
