@@ -352,28 +352,100 @@ private slots:
 
     void baudSwitch_data()
     {
-        QTest::addColumn<bool>("refused");
+        QTest::addColumn<QString>("fault");
         QTest::addColumn<uint>("baud"); // the rate both ends run at afterwards
-        QTest::newRow("switched") << false << 921600u;
-        QTest::newRow("refused: back at 115200") << true << 115200u;
+        QTest::newRow("switched") << QString() << 921600u;
+        QTest::newRow("refused: stays at 115200") << "refused" << 115200u;
+        QTest::newRow("ignored, as by a loader that does not know it: stays at 115200")
+            << "ignored" << 115200u;
     }
 
     void baudSwitch()
     {
-        QFETCH(bool, refused);
+        QFETCH(QString, fault);
         QFETCH(uint, baud);
         Session session;
         QVERIFY(session.start(true));
-        if (refused)
+        if (fault == "refused")
             session.chip().armErrorStatus(1);
+        else if (fault == "ignored")
+            session.chip().armIgnoreCommand(1);
         QSignalSpy notices(&session.tool, &ESPTool::notice);
         QSignalSpy errors(&session.tool, &ESPTool::operationError);
         QVERIFY(session.tool.switch_baudrate(921600));
         QCOMPARE(session.chip().baudRate(), baud);
         QVERIFY(session.tool.portInfo().endsWith(QStringLiteral("@%1").arg(baud)));
-        QCOMPARE(notices.count(), refused ? 1 : 0);
+        QCOMPARE(notices.count(), fault.isEmpty() ? 0 : 1);
+        if (!fault.isEmpty())
+            QCOMPARE(notices.first().first().toString(),
+                     "The board did not switch to 921600 baud; staying at 115200 baud");
         QCOMPARE(errors.count(), 0);
         QVERIFY(!session.tool.isFailed());
+        QVERIFY(session.lineIsClean());
+    }
+
+    void compressedWrites_data()
+    {
+        QTest::addColumn<bool>("loaderTakesThem");
+        QTest::newRow("loader with compressed writes") << true;
+        QTest::newRow("older loader: uncompressed after one notice") << false;
+    }
+
+    void compressedWrites()
+    {
+        QFETCH(bool, loaderTakesThem);
+        VirtualEsp8266::Config config;
+        config.compressedWrites = loaderTakesThem;
+        Session session(config);
+        QVERIFY(session.start(true));
+        // Bytes of three random bits shrink to well under half; two writes, the second off any
+        // sector boundary.
+        const auto compressible = [](int size, quint32 seed) {
+            QByteArray bytes = EspImageBuilder::pseudoRandomBytes(size, seed);
+            for (char &byte : bytes)
+                byte = char(byte & 0x07);
+            return bytes;
+        };
+        const QByteArray first = compressible(0x30000, 31);
+        const QByteArray second = compressible(0x9000, 32);
+        QSignalSpy notices(&session.tool, &ESPTool::notice);
+        QSignalSpy errors(&session.tool, &ESPTool::operationError);
+        QSignalSpy progress(&session.tool, &ESPTool::operationProgress);
+        session.chip().clearCounters();
+        for (const auto &[address, bytes] :
+             {qMakePair(0x40000u, first), qMakePair(0x80123u, second)}) {
+            QByteArray copy = bytes;
+            QBuffer buffer(&copy);
+            QVERIFY(buffer.open(QIODevice::ReadOnly));
+            progress.clear();
+            QVERIFY(session.tool.write_flash_file(&buffer, "app.bin", false, address, 4, 0, 0));
+            QCOMPARE(session.chip().flash(address, quint32(bytes.size())), bytes);
+            // Progress in image bytes, never going back, complete at the end.
+            int last = 0;
+            for (const QList<QVariant> &call : progress) {
+                QCOMPARE(call.at(0).toInt(), bytes.size());
+                QVERIFY(call.at(1).toInt() >= last);
+                last = call.at(1).toInt();
+            }
+            QCOMPARE(last, bytes.size());
+        }
+        QCOMPARE(errors.count(), 0);
+        const auto &commands = session.chip().counters().commands;
+        const qint64 sent = session.chip().counters().bytesIn;
+        const int total = first.size() + second.size();
+        if (loaderTakesThem) {
+            QCOMPARE(commands.value(VirtualEsp8266::FlashData), 0);
+            QVERIFY2(sent < total / 2, qPrintable(QString::number(sent)));
+            QCOMPARE(notices.count(), 0);
+        } else {
+            // Refused once; the second write does not ask again.
+            QCOMPARE(commands.value(VirtualEsp8266::FlashDeflBegin), 1);
+            QCOMPARE(commands.value(VirtualEsp8266::FlashDeflData), 0);
+            QVERIFY2(sent > total, qPrintable(QString::number(sent)));
+            QCOMPARE(notices.count(), 1);
+            QCOMPARE(notices.first().first().toString(),
+                     "The flash loader does not take compressed data; writing uncompressed");
+        }
         QVERIFY(session.lineIsClean());
     }
 

@@ -279,9 +279,12 @@ private slots:
         QTest::addColumn<QByteArray>("payload");
         QTest::addColumn<uint>("checksum");
         QTest::addColumn<int>("code"); // the ROM's error or the loader's status
+        QTest::addColumn<bool>("compressedWrites");
         const auto row = [](const QByteArray &name, bool loader, int opcode,
-                            const QByteArray &payload, int code, uint sum = 0) {
-            QTest::newRow(name.constData()) << loader << opcode << payload << sum << code;
+                            const QByteArray &payload, int code, uint sum = 0,
+                            bool compressedWrites = true) {
+            QTest::newRow(name.constData())
+                << loader << opcode << payload << sum << code << compressedWrites;
         };
         // Commands of the flash loader: the ROM does not know them.
         row("ROM: SPI_SET_PARAMS", false, V::SpiSetParams,
@@ -300,6 +303,9 @@ private slots:
         row("loader: FLASH_DEFL_DATA without a begin", true, V::FlashDeflData,
             words({1, 0, 0, 0}) + 'x', 0xC6, 0xEF ^ 'x');
         row("loader: FLASH_DEFL_END without a begin", true, V::FlashDeflEnd, words({1}), 0xC6);
+        // A loader without compressed writes does not know them.
+        row("old loader: FLASH_DEFL_BEGIN", true, V::FlashDeflBegin, begin(0, 0x1000, 0x4000), 0xC3,
+            0, false);
         row("ROM: unknown opcode", false, 0x42, QByteArray(), 0x05);
         row("loader: unknown opcode", true, 0x42, QByteArray(), 0xC3);
         row("loader: region unaligned", true, V::EraseRegion, words({0x1001, 0x1000}), 0xC4);
@@ -323,7 +329,10 @@ private slots:
         QFETCH(int, opcode);
         QFETCH(QByteArray, payload);
         QFETCH(uint, checksum);
-        QVERIFY(startChip(V::Config(), loader));
+        QFETCH(bool, compressedWrites);
+        V::Config config;
+        config.compressedWrites = compressedWrites;
+        QVERIFY(startChip(config, loader));
         m_chip->setFlash(0, QByteArray(0x1000, 0x11));
         // Data blocks follow their begin (a flash begin of size 0 erases nothing).
         if (opcode == V::MemData)
@@ -442,6 +451,10 @@ private slots:
         QVERIFY(m_client->readReg(efuse0) != 0xFFFFFFFF);
         QVERIFY(!m_client->command(V::WriteReg, words({scratch, 0x55AA, ~0u, 0}), silenceMs).valid);
         QCOMPARE(m_client->readReg(scratch), 0x55AAu);
+        // An ignored command neither answers nor takes effect.
+        m_chip->armIgnoreCommand(1);
+        QVERIFY(!m_client->command(V::WriteReg, words({scratch, 0x1234, ~0u, 0}), silenceMs).valid);
+        QCOMPARE(m_client->readReg(scratch), 0x55AAu);
         // A stray answer to another opcode comes just before the real one.
         m_chip->armStrayAnswer(1);
         QVERIFY(m_client->sendCommand(V::ReadReg, words({scratch})));
@@ -466,7 +479,7 @@ private slots:
         m_chip->armSilence(1);
         QVERIFY(m_client->readReg(efuse0) != 0xFFFFFFFF);
         QCOMPARE(m_client->sync(silenceMs), 0);
-        QCOMPARE(m_chip->commandLog().size(), 15);
+        QCOMPARE(m_chip->commandLog().size(), 17);
         m_chip->reset();
         m_chip->armDropAnswer(1);
         m_chip->disarmFaults();

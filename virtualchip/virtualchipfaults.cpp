@@ -44,6 +44,7 @@ VirtualChipFaults::Plan VirtualChipFaults::nextCommand()
     plan.stray = countDown(m_strayIn);
     plan.refuse = countDown(m_refuseIn);
     plan.refuseCode = m_refuseCode;
+    plan.ignore = countDown(m_ignoreIn);
     return plan;
 }
 

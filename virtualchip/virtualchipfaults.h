@@ -16,6 +16,7 @@ public:
         bool stray = false;  // an answer to another opcode goes first
         bool refuse = false; // answer with an error status instead of acting
         quint8 refuseCode = 0;
+        bool ignore = false; // neither act nor answer, as for a command the loader does not know
     };
 
     void armSilence(int commands);
@@ -23,6 +24,7 @@ public:
     void armCorruptAnswer(int nth, VirtualEsp8266::Corruption kind);
     void armStrayAnswer(int nth) { m_strayIn = qMax(1, nth); }
     void armErrorStatus(int nth, quint8 code);
+    void armIgnoreCommand(int nth) { m_ignoreIn = qMax(1, nth); }
     // At least one command; vanishing at once is the machine's business.
     void armVanishAfterCommands(int commands);
     void armVanishAfterBytes(qint64 bytes) { m_vanishBytesLeft = qMax<qint64>(1, bytes); }
@@ -49,6 +51,7 @@ private:
     int m_strayIn = 0;
     int m_refuseIn = 0;
     quint8 m_refuseCode = 0;
+    int m_ignoreIn = 0;
     int m_vanishCommandsLeft = -1; // -1 = not armed
     qint64 m_vanishBytesLeft = 0;  // 0 = not armed
 };

@@ -52,6 +52,12 @@ bool isStubOnly(quint8 opcode)
     }
 }
 
+bool isCompressedWrite(quint8 opcode)
+{
+    return opcode == VirtualEsp8266::FlashDeflBegin || opcode == VirtualEsp8266::FlashDeflData ||
+           opcode == VirtualEsp8266::FlashDeflEnd;
+}
+
 quint32 roundUpToSector(quint64 value)
 {
     const quint64 sector = VirtualNorFlash::sectorSize;
@@ -68,6 +74,7 @@ VirtualChipLoader::VirtualChipLoader(const VirtualEsp8266::Config &config)
     : m_initialBaud(config.initialBaud)
     , m_baud(config.initialBaud)
     , m_flashTiming(config.flashTiming)
+    , m_compressedWrites(config.compressedWrites)
     , m_registerDelays(config.flashTiming || config.throttle)
     , m_greetingDelayUs(qint64(qMax(0, config.greetingDelayMs)) * 1000)
     , m_readAckTimeoutUs(qint64(qMax(1, config.readAckTimeoutMs)) * 1000)
@@ -145,11 +152,18 @@ VirtualEsp8266::CommandRecord VirtualChipLoader::refuseCommand(const QByteArray 
     return record;
 }
 
+VirtualEsp8266::CommandRecord VirtualChipLoader::ignoreCommand(const QByteArray &frame) const
+{
+    return recordOf(frame); // not answered
+}
+
 VirtualChipLoader::Result VirtualChipLoader::dispatch(quint8 opcode, const QByteArray &frame,
                                                       const QByteArray &payload, qint64 nowUs)
 {
     if (!isStub() && isStubOnly(opcode))
         return fail(nowUs, VirtualEsp8266::RomInvalidMessage, 0);
+    if (!m_compressedWrites && isCompressedWrite(opcode))
+        return fail(nowUs, 0, VirtualEsp8266::StubInvalidCommand);
     switch (opcode) {
     case VirtualEsp8266::Sync:
         return sync(payload, nowUs);

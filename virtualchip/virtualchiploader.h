@@ -54,6 +54,8 @@ public:
     VirtualEsp8266::CommandRecord handleCommand(const QByteArray &frame, qint64 nowUs);
     // Answers the command with a failure status without acting on it (`code` 0: default code).
     VirtualEsp8266::CommandRecord refuseCommand(const QByteArray &frame, quint8 code, qint64 nowUs);
+    // Takes the command as one it does not know: no effect, no answer.
+    VirtualEsp8266::CommandRecord ignoreCommand(const QByteArray &frame) const;
     // A frame received while a flash read streams.
     void handleAck(const QByteArray &frame, qint64 nowUs);
     // The line moved bytes of a flash read: the host is still there.
@@ -186,6 +188,7 @@ private:
     quint32 m_initialBaud;
     quint32 m_baud;
     bool m_flashTiming;
+    bool m_compressedWrites;
     bool m_registerDelays;
     qint64 m_greetingDelayUs;
     qint64 m_readAckTimeoutUs;

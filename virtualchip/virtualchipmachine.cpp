@@ -350,6 +350,12 @@ void VirtualChipMachine::armErrorStatus(int nth, quint8 code)
     m_faults.armErrorStatus(nth, code);
 }
 
+void VirtualChipMachine::armIgnoreCommand(int nth)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_faults.armIgnoreCommand(nth);
+}
+
 void VirtualChipMachine::armVanishAfterCommands(int commands)
 {
     if (commands <= 0) {
@@ -578,8 +584,9 @@ void VirtualChipMachine::handleFrame(const QByteArray &frame, qint64 now,
     ++m_counters.commands[quint8(frame[1])];
     const VirtualChipFaults::Plan plan = m_faults.nextCommand();
     VirtualEsp8266::CommandRecord record =
-        plan.refuse ? m_loader.refuseCommand(frame, plan.refuseCode, nowUs)
-                    : m_loader.handleCommand(frame, nowUs);
+        plan.ignore   ? m_loader.ignoreCommand(frame)
+        : plan.refuse ? m_loader.refuseCommand(frame, plan.refuseCode, nowUs)
+                      : m_loader.handleCommand(frame, nowUs);
     collectOutput(plan, &record);
     const auto erases = m_loader.takeErases();
     m_counters.erases += erases;

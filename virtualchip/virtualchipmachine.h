@@ -51,6 +51,7 @@ public:
     void armCorruptAnswer(int nth, VirtualEsp8266::Corruption kind);
     void armStrayAnswer(int nth);
     void armErrorStatus(int nth, quint8 code);
+    void armIgnoreCommand(int nth);
     void armVanishAfterCommands(int commands);
     void armVanishAfterBytes(qint64 bytes);
     void armSlowErase(int factor);

@@ -187,6 +187,11 @@ void VirtualEsp8266::armErrorStatus(int nth, quint8 code)
     m_machine->armErrorStatus(nth, code);
 }
 
+void VirtualEsp8266::armIgnoreCommand(int nth)
+{
+    m_machine->armIgnoreCommand(nth);
+}
+
 void VirtualEsp8266::armVanishAfterCommands(int commands)
 {
     m_machine->armVanishAfterCommands(commands);

@@ -124,6 +124,9 @@ public:
         quint32 initialBaud = 115200;
         // A flash read is abandoned when acknowledgements stop for this long, ms.
         int readAckTimeoutMs = 3000;
+        // The flash loader takes compressed writes; without them it answers FLASH_DEFL_* as
+        // unknown commands, as older loaders do.
+        bool compressedWrites = true;
     };
 
     // One received command, as logged.
@@ -259,6 +262,8 @@ public:
     // The Nth next command is refused with an error status (`code` 0 = a failed-to-act error of
     // the loader that answers) and does not take effect.
     void armErrorStatus(int nth, quint8 code = 0);
+    // The Nth next command is neither acted on nor answered, as by a loader that does not know it.
+    void armIgnoreCommand(int nth);
     // The port vanishes once `commands` more commands were answered and those answers were
     // delivered (0: now).
     void armVanishAfterCommands(int commands);
