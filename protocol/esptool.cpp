@@ -1,6 +1,7 @@
 #include "esptool.h"
 
 #include "image/espimageparser.h"
+#include "protocol/deflatecompressor.h"
 #include "protocol/elfstubimage.h"
 #include "widgets/texthelpers.h"
 
@@ -34,8 +35,6 @@ constexpr unsigned int bootModeHoldLongMs = 500;
 // A compressed block can unpack to far more than its size, all of it erased and programmed
 // before the answer (ms).
 constexpr unsigned int deflateBlockTimeoutMs = 10000;
-constexpr int zlibLevel = 9;
-constexpr int qCompressPrefixSize = 4; // qCompress puts the length before the zlib stream
 constexpr unsigned int skipBlockSize = 0x10000;
 constexpr quint8 stubInvalidCommand = 0xC3; // the loader's status for an unknown opcode
 // Per-size time-outs: milliseconds per 1,000,000 bytes.
@@ -1360,9 +1359,9 @@ bool ESPTool::writeThroughLoader(const QByteArray &image, unsigned int address)
 
 bool ESPTool::writeCompressed(const QByteArray &data, unsigned int address, int total, int done)
 {
-    if (deflateRefused)
+    const QByteArray stream = deflateRefused ? QByteArray() : DeflateCompressor::compress(data);
+    if (stream.isEmpty())
         return writeUncompressed(data, address, total, done);
-    const QByteArray stream = qCompress(data, zlibLevel).mid(qCompressPrefixSize);
     const auto size = unsigned(stream.size());
     const unsigned int blocks = (size + stubFlashBlockSize - 1) / stubFlashBlockSize;
     // The loader erases the sectors the uncompressed data covers, and only those.
