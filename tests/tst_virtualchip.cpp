@@ -609,6 +609,15 @@ private slots:
         QTEST(int(m_chip->bootMode()), "bootMode");
     }
 
+    void wireSizeOfRequests()
+    {
+        QVERIFY(startChip());
+        // Two bytes to escape in the address, one in the checksum word: three more on the line.
+        QVERIFY(m_client->sendCommand(V::ReadReg, words({0x00C000DB}), 0xC0));
+        QVERIFY(m_client->readAnswer().valid);
+        QCOMPARE(m_chip->commandLog().last().wireBytes, 2 + 12 + 3);
+    }
+
     void gpio0ReadAtItsTimeWhenTheChipIsBusy()
     {
         V::Config config;

@@ -70,10 +70,11 @@ QString describe(const VirtualEsp8266::CommandRecord &record)
                        .arg(VirtualEsp8266::opcodeName(record.opcode))
                        .arg(record.payloadLength);
     if (record.dataPacket)
-        line += QStringLiteral(" size=%1 seq=%2 sum=0x%3")
+        line += QStringLiteral(" size=%1 seq=%2 sum=0x%3 wire=%4")
                     .arg(record.dataSize)
                     .arg(record.sequence)
-                    .arg(record.checksum, 2, 16, QLatin1Char('0'));
+                    .arg(record.checksum, 2, 16, QLatin1Char('0'))
+                    .arg(record.wireBytes);
     line += record.byStub ? QStringLiteral(" [flash loader]") : QStringLiteral(" [ROM]");
     if (!record.answered)
         return line + QStringLiteral(" -> no answer");

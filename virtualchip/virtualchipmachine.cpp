@@ -562,14 +562,14 @@ qint64 VirtualChipMachine::processInput(qint64 now, QVector<VirtualEsp8266::Comm
             return -1;
         }
         if (m_decoder.feed(byte))
-            handleFrame(m_decoder.takeFrame(), now, handled);
+            handleFrame(m_decoder.takeFrame(), m_decoder.lastFrameWireSize(), now, handled);
         if (m_master < 0)
             return -1;
     }
     return -1;
 }
 
-void VirtualChipMachine::handleFrame(const QByteArray &frame, qint64 now,
+void VirtualChipMachine::handleFrame(const QByteArray &frame, int wireBytes, qint64 now,
                                      QVector<VirtualEsp8266::CommandRecord> *handled)
 {
     const qint64 nowUs = now / nsPerUs;
@@ -587,6 +587,7 @@ void VirtualChipMachine::handleFrame(const QByteArray &frame, qint64 now,
         plan.ignore   ? m_loader.ignoreCommand(frame)
         : plan.refuse ? m_loader.refuseCommand(frame, plan.refuseCode, nowUs)
                       : m_loader.handleCommand(frame, nowUs);
+    record.wireBytes = wireBytes;
     collectOutput(plan, &record);
     const auto erases = m_loader.takeErases();
     m_counters.erases += erases;

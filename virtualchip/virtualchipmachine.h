@@ -91,7 +91,7 @@ private:
                    QVector<VirtualEsp8266::CommandRecord> *handled);
     void readTerminal(qint64 nowNs);
     qint64 processInput(qint64 nowNs, QVector<VirtualEsp8266::CommandRecord> *handled);
-    void handleFrame(const QByteArray &frame, qint64 nowNs,
+    void handleFrame(const QByteArray &frame, int wireBytes, qint64 nowNs,
                      QVector<VirtualEsp8266::CommandRecord> *handled);
     void collectOutput(const VirtualChipFaults::Plan &plan, VirtualEsp8266::CommandRecord *record);
     void schedule(const QByteArray &wire, qint64 dueNs, quint32 baudAfter);

@@ -138,6 +138,7 @@ public:
         quint32 dataSize = 0;      // data header: size field (data packets only)
         quint32 sequence = 0;      // data header: sequence field (data packets only)
         quint8 checksum = 0;       // low byte of the header's checksum word
+        int wireBytes = 0;         // the request as it crossed the line (SLIP framed)
         bool byStub = false;       // handled by the flash loader (else by the ROM loader)
         bool answered = false;     // an answer was queued (false when dropped or not answered)
         quint8 status = 0;         // status bytes of the answer: 0 0 on success

@@ -31,6 +31,7 @@ QByteArray VirtualSlip::escape(const QByteArray &data)
 
 bool VirtualSlip::feed(quint8 byte)
 {
+    ++m_pendingWire;
     switch (m_state) {
     case State::Idle:
         // Line noise between frames is ignored; a delimiter opens a frame.
@@ -44,6 +45,8 @@ bool VirtualSlip::feed(quint8 byte)
                 return false;
             m_completed = m_frame;
             m_frame.clear();
+            m_completedWire = m_pendingWire;
+            m_pendingWire = 0;
             return true;
         }
         if (byte == Esc)
@@ -78,4 +81,6 @@ void VirtualSlip::clear()
     m_state = State::Idle;
     m_frame.clear();
     m_completed.clear();
+    m_pendingWire = 0;
+    m_completedWire = 0;
 }

@@ -25,6 +25,9 @@ public:
     // available through takeFrame(). A broken escape drops the frame being assembled.
     bool feed(quint8 byte);
     QByteArray takeFrame();
+    // Bytes the last completed frame took on the line: delimiters, escapes and any noise since
+    // the frame before.
+    int lastFrameWireSize() const { return m_completedWire; }
 
     // Forgets any partial frame (used on reset).
     void clear();
@@ -38,4 +41,6 @@ private:
     QByteArray m_frame;
     QByteArray m_completed;
     int m_brokenFrames = 0;
+    int m_pendingWire = 0;
+    int m_completedWire = 0;
 };

@@ -15,14 +15,15 @@ export function md5Hex(bytes) {
   return createHash("md5").update(bytes).digest("hex");
 }
 
-// Connects through the reset circuit (the client's own reset sequence), identifies the chip,
-// uploads the client's flash loader and moves to `baud`. Resolves with the loader object and
-// the chip description; `log` receives the client's messages.
-export async function connect(esptool, { port, baud = 921600, log = () => {} }) {
+// Connects through the reset circuit (the client's own reset sequence; `reset` "no_reset" for a
+// chip already in its boot loader), identifies the chip, uploads the client's flash loader and
+// moves to `baud`. Resolves with the loader object and the chip description; `log` receives the
+// client's messages.
+export async function connect(esptool, { port, baud = 921600, reset = "default_reset", log = () => {} }) {
   const transport = new esptool.Transport(port, false);
   const terminal = { clean() {}, writeLine: log, write: log };
   const loader = new esptool.ESPLoader({ transport, baudrate: baud, romBaudrate: 115200, terminal });
-  const description = await loader.main("default_reset");
+  const description = await loader.main(reset);
   return { loader, transport, description };
 }
 
