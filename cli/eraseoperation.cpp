@@ -4,9 +4,12 @@
 #include "flasher/scattersection.h"
 #include "worker/esptoolworker.h"
 
-bool EraseOperation::begin(BoardContext &)
+bool EraseOperation::begin(BoardContext &board)
 {
-    return true;
+    if (m_region.fitsFlash(board.detectedFlashSize()))
+        return true;
+    board.log(FlashPlan::Tone::Error, m_region.pastFlashMessage(board.detectedFlashSize()));
+    return false;
 }
 
 BoardOperation::Step EraseOperation::next(BoardContext &board, FlashPlan::Command *command)

@@ -29,7 +29,10 @@ bool FlashOperation::selectKinds(QVector<ScatterSection> *rows, Kinds kinds)
 bool FlashOperation::begin(BoardContext &board)
 {
     QString error;
-    if (!m_input.validate(board.chipDescription(), &m_rows, &error)) {
+    if (!m_input.validate(
+            board.chipDescription(), board.detectedFlashSize(),
+            [&board](FlashPlan::Tone tone, const QString &text) { board.log(tone, text); }, &m_rows,
+            &error)) {
         board.log(FlashPlan::Tone::Error, error);
         return false;
     }

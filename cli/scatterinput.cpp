@@ -63,10 +63,12 @@ QDir ScatterInput::directory() const
     return QFileInfo(m_path).absoluteDir();
 }
 
-bool ScatterInput::run(const QString &chipDescription, CliScatterPrompts &prompts,
-                       QVector<ScatterSection> *rows, QString *loaderText, QString *error)
+bool ScatterInput::run(const QString &chipDescription, quint32 detectedFlashSize,
+                       CliScatterPrompts &prompts, QVector<ScatterSection> *rows,
+                       QString *loaderText, QString *error)
 {
     ScatterValidator validator(chipDescription, m_loaderPath, &prompts);
+    validator.setDetectedFlashSize(detectedFlashSize);
     QString reason;
     bool valid = false;
     if (m_isPackage) {
@@ -87,17 +89,18 @@ bool ScatterInput::run(const QString &chipDescription, CliScatterPrompts &prompt
 bool ScatterInput::preflight(const CliScatterPrompts::Sink &sink, QString *error)
 {
     CliScatterPrompts prompts(m_yes, m_loaderPath, sink);
-    const bool valid = run(documentChip(), prompts, &m_rows, &m_loaderText, error);
+    const bool valid = run(documentChip(), 0, prompts, &m_rows, &m_loaderText, error);
     m_needsYes = !valid && prompts.refused();
     return valid;
 }
 
-bool ScatterInput::validate(const QString &chipDescription, QVector<ScatterSection> *rows,
+bool ScatterInput::validate(const QString &chipDescription, quint32 detectedFlashSize,
+                            const CliScatterPrompts::Sink &boardSink, QVector<ScatterSection> *rows,
                             QString *error)
 {
-    CliScatterPrompts prompts(m_yes, m_loaderPath);
+    CliScatterPrompts prompts(m_yes, m_loaderPath, CliScatterPrompts::Sink(), boardSink);
     QString loaderText;
-    return run(chipDescription, prompts, rows, &loaderText, error);
+    return run(chipDescription, detectedFlashSize, prompts, rows, &loaderText, error);
 }
 
 bool ScatterInput::entryData(const QString &name, QByteArray *data, QString *error)

@@ -35,8 +35,12 @@ public:
     bool load(const QString &path, QString *error);
     // Every check but the chip, with questions and notices going to sink.
     bool preflight(const CliScatterPrompts::Sink &sink, QString *error);
-    // The check a board makes once it is identified; answers as the preflight did, silently.
-    bool validate(const QString &chipDescription, QVector<ScatterSection> *rows, QString *error);
+    // The check a board makes once it is identified, against its chip and flash size (bytes, 0
+    // when unknown); answers as the preflight did, silently, and the one question only a board
+    // raises (its flash size) through boardSink.
+    bool validate(const QString &chipDescription, quint32 detectedFlashSize,
+                  const CliScatterPrompts::Sink &boardSink, QVector<ScatterSection> *rows,
+                  QString *error);
 
     bool isPackage() const { return m_isPackage; }
     QString path() const { return m_path; }
@@ -65,7 +69,7 @@ public:
 
 private:
     bool entryData(const QString &name, QByteArray *data, QString *error);
-    bool run(const QString &chipDescription, CliScatterPrompts &prompts,
+    bool run(const QString &chipDescription, quint32 detectedFlashSize, CliScatterPrompts &prompts,
              QVector<ScatterSection> *rows, QString *loaderText, QString *error);
 
     bool m_yes;

@@ -375,6 +375,8 @@ void ESPFlasher::scheduleAutoClose(bool success, const QString &message)
 
 void ESPFlasher::on_flashTool_clicked()
 {
+    if (!activeRowsFitChip())
+        return;
     if (!startSectionWalk(OperationFlashing, &ESPFlasher::writeNextSection))
         scheduleAutoClose(false, tr("Cannot load the stub"));
 }
@@ -678,6 +680,8 @@ bool ESPFlasher::composeScatter()
 
 void ESPFlasher::startReading()
 {
+    if (!activeRowsFitChip())
+        return;
     // Reading writes loose files only.
     close_pack();
     ui->flashTool->setEnabled(false);
@@ -774,18 +778,40 @@ bool ESPFlasher::askRegion(const QString &title, const QString &preset, bool era
     return false;
 }
 
+bool ESPFlasher::regionFitsChip(const FlashRegion &region)
+{
+    if (region.fitsFlash(detectedFlashSize))
+        return true;
+    log(LogColour::Error, region.pastFlashMessage(detectedFlashSize));
+    return false;
+}
+
+bool ESPFlasher::activeRowsFitChip()
+{
+    for (int row = 0; row < ui->scatterTable->rowCount(); ++row) {
+        const ScatterSection section = scatterRow(row);
+        if (section.hasCells && section.active &&
+            !regionFitsChip(
+                FlashRegion(section.startAddress, section.endAddress - section.startAddress)))
+            return false;
+    }
+    return true;
+}
+
 void ESPFlasher::on_eraseTool_clicked()
 {
     FlashRegion region;
     // No announcement: the result line says that the flash was erased.
-    if (askRegion(tr("Erase Flash Memory"), QStringLiteral("0x911"), true, &region))
+    if (askRegion(tr("Erase Flash Memory"), QStringLiteral("0x911"), true, &region) &&
+        regionFitsChip(region))
         queueCommand(ESPToolWorker::EraseFlash, region.eraseParameters());
 }
 
 void ESPFlasher::on_verifyTool_clicked()
 {
     FlashRegion region;
-    if (!askRegion(tr("Verify Flash Memory Contents"), QString(), false, &region))
+    if (!askRegion(tr("Verify Flash Memory Contents"), QString(), false, &region) ||
+        !regionFitsChip(region))
         return;
     log(LogColour::Success, region.md5RequestMessage());
     queueCommand(ESPToolWorker::FlashMd5, region.md5Parameters());
@@ -827,8 +853,11 @@ void ESPFlasher::processEraseVerifyAction(QAction *action, int command)
         return;
     }
 
+    const FlashRegion region(start, end - start);
+    if (!regionFitsChip(region))
+        return;
     if (command != ESPToolWorker::FlashMd5) {
-        queueCommand(command, FlashRegion(start, end - start).eraseParameters());
+        queueCommand(command, region.eraseParameters());
         return;
     }
     ScatterSection section = scatterRow(row);
@@ -966,6 +995,7 @@ bool ESPFlasher::parseScatterObject(QJsonObject &scatter, bool strict, const QFi
                                     QString *error)
 {
     ScatterValidator validator(ui->chipIDField->text(), ui->stubEdit->text(), this);
+    validator.setDetectedFlashSize(detectedFlashSize);
     const bool valid = validator.parseScatterObject(scatter, strict, scatterFile, error);
     ui->stubEdit->setText(validator.loaderText());
     if (validator.tableRebuilt())
@@ -983,6 +1013,7 @@ bool ESPFlasher::parseScatterPack(const QJsonObject &scatter, QString *error)
         return false;
     }
     ScatterValidator validator(ui->chipIDField->text(), ui->stubEdit->text(), this);
+    validator.setDetectedFlashSize(detectedFlashSize);
     const bool valid = validator.parseScatterPack(scatter, *zip, error);
     ui->stubEdit->setText(validator.loaderText());
     if (validator.tableRebuilt())
@@ -1015,6 +1046,13 @@ bool ESPFlasher::confirmMissingChecksum(const QString &question, const QString &
     return QAutoCloseMessageBox::question(this, ScatterValidator::promptTitle(), question,
                                           QMessageBox::Yes | QMessageBox::No, QMessageBox::No,
                                           checksumQuestionTimeoutSeconds) == QMessageBox::Yes;
+}
+
+bool ESPFlasher::confirmFlashSize(const QString &question)
+{
+    return QMessageBox::question(this, ScatterValidator::promptTitle(), question,
+                                 QMessageBox::Yes | QMessageBox::No,
+                                 QMessageBox::No) == QMessageBox::Yes;
 }
 
 void ESPFlasher::notice(const QString &text)

@@ -101,6 +101,7 @@ private:
     QString chooseLoader() override;
     bool confirmMissingChecksum(const QString &question, const QString &path,
                                 const QString &md5) override;
+    bool confirmFlashSize(const QString &question) override;
     void notice(const QString &text) override;
 
     void log(LogColour colour, const QString &text);
@@ -145,6 +146,10 @@ private:
     // Asks for an "address:size" region (for an erase also 0x911, the whole chip), after making
     // sure that the loader runs. False when cancelled or not usable (a format error is logged).
     bool askRegion(const QString &title, const QString &preset, bool erase, FlashRegion *region);
+    // A region past the end of the chip's flash is refused with a red line before anything is
+    // sent; so is a walk over a table with such an active row.
+    bool regionFitsChip(const FlashRegion &region);
+    bool activeRowsFitChip();
     bool expectedMd5ForRow(const ScatterSection &row, QString *md5);
     // Reads an entry of the open package; a missing or unreadable one is reported in a box.
     bool readPackageEntry(const QString &file, QByteArray *bytes);

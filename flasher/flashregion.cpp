@@ -1,5 +1,6 @@
 #include "flasher/flashregion.h"
 
+#include "image/espimageparser.h"
 #include "widgets/texthelpers.h"
 #include "worker/esptoolworker.h"
 
@@ -7,6 +8,12 @@
 #include <QStringList>
 
 namespace {
+
+QString regionText(quint64 start, quint64 end)
+{
+    const QChar zero(QLatin1Char('0'));
+    return QStringLiteral("[0x%1:0x%2]").arg(start, 8, 16, zero).arg(end, 8, 16, zero);
+}
 
 bool parseNumber(const QString &text, quint32 *value)
 {
@@ -67,6 +74,19 @@ FlashRegion::Parse FlashRegion::parseRange(const QString &text, FlashRegion *reg
     if (region)
         *region = parsed;
     return Parse::Ok;
+}
+
+bool FlashRegion::fitsFlash(quint32 flashSize) const
+{
+    return wholeChip || flashSize == 0 || quint64(address) + size <= flashSize;
+}
+
+QString FlashRegion::pastFlashMessage(quint32 flashSize) const
+{
+    return QCoreApplication::translate("ESPFlasher",
+                                       "Region %1 runs past the end of the flash memory (%2)")
+        .arg(regionText(address, quint64(address) + size),
+             ESPImageParser::flashSizeString(flashSize));
 }
 
 QVariantList FlashRegion::eraseParameters() const

@@ -31,6 +31,12 @@ QByteArray firmwareImage(bool asWritten = false)
     return asWritten ? image.replace(2, 2, "\x02\x40") : image; // dio, 4MB << 4 | 40m
 }
 
+QByteArray readFile(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
 bool flashed(VirtualEsp8266 &board)
 {
     const QByteArray firmware = firmwareImage(true);
@@ -218,6 +224,68 @@ private slots:
         QCOMPARE(chip().counters().erases.last().kind, VirtualEsp8266::EraseKind::Chip);
     }
 
+    // A board with 1 MB of flash: what runs past its end is refused before anything is sent to
+    // it (no read leaves a file behind), a firmware set for more flash only with --yes.
+    void sizesAgainstTheChip_data()
+    {
+        QTest::addColumn<int>("exitCode");
+        QTest::addColumn<QStringList>("messages"); // on stderr
+        const QString past = "Region [0x000ff000:0x00101000] runs past the end of the flash "
+                             "memory (1Mb)";
+        const QString bigger = "Firmware firmware.bin is set for a flash memory size of 4MB";
+        const auto row = [](const char *arguments, int exitCode, const QStringList &messages) {
+            QTest::newRow(arguments) << exitCode << messages;
+        };
+        row("read --scatter DIR/r.txt 0xFF000:0x2000 --stub STUB", 1, {past});
+        row("read --scatter DIR/r.txt 0x0:0x1000 0xFF000-0x101000 --stub STUB", 1, {past});
+        row("verify 0xFF000:0x2000 --stub STUB", 1, {past});
+        row("erase 0xFF000:0x2000 --stub STUB", 1, {past});
+        row("flash DIR/scatter.txt", 1,
+            {bigger + ", but the chip has 1Mb. Flash it anyway? No (pass --yes to answer Yes)",
+             bigger + ", larger than the chip's 1Mb"});
+        row("flash DIR/scatter.txt --yes", 0, {});
+        row("flash DIR/past.txt --yes", 1,
+            {"Section app.bin [0x000fc000:0x00104000] runs past the end of the chip's flash "
+             "memory (1Mb)"});
+    }
+
+    void sizesAgainstTheChip()
+    {
+        QFETCH(int, exitCode);
+        QFETCH(QStringList, messages);
+        VirtualEsp8266::Config config;
+        config.flashSize = 0x100000;
+        config.jedecId = QByteArray::fromHex("ef4014");
+        m_chip.reset();
+        m_chip = std::make_unique<ChipFixture>(config);
+        QVERIFY(m_chip->start());
+        writeScatterSet(); // firmware.bin set for 4 MB, app.bin at 0x10000
+        QJsonObject past = QJsonDocument::fromJson(readFile(path("scatter.txt"))).object();
+        QJsonArray sections = past["sections"].toArray();
+        QJsonObject application = sections[1].toObject();
+        application["address"] = "0xFC000";
+        sections[1] = application;
+        past["sections"] = sections;
+        writeTestFile(m_dir->path(), "past.txt", QJsonDocument(past).toJson());
+
+        const QString arguments = QString(QTest::currentDataTag())
+                                      .replace("STUB", generatedStubPath())
+                                      .replace("DIR/", m_dir->path() + "/");
+        QVERIFY(run(exitCode, arguments.split(' ')));
+        for (const QString &message : messages)
+            QVERIFY2(m_err.contains(message), qPrintable(m_err));
+        const QMap<quint8, int> commands = chip().counters().commands;
+        if (exitCode == 0) {
+            QVERIFY(flashed(chip()));
+            return;
+        }
+        for (const quint8 opcode : {VirtualEsp8266::FlashBegin, VirtualEsp8266::ReadFlash,
+                                    VirtualEsp8266::EraseRegion, VirtualEsp8266::SpiFlashMd5})
+            QCOMPARE(commands.value(opcode), 0);
+        QVERIFY(!QFile::exists(path("r.txt")) &&
+                !QFile::exists(path("region-00000000-00001000.bin")));
+    }
+
     void infoAndASilentChip()
     {
         QVERIFY(run(0, {"info"}));
@@ -329,6 +397,10 @@ private slots:
         row("pack DIR/none.ZIP -o DIR/p.zip --description x", "is a package");
         row("pack DIR/scatter.txt -o DIR/p.zip --description x",
             "The data within the package is corrupted (saved md5");
+        row("flash DIR/overlap.txt --port PORT",
+            "Sections app.bin [0x00000000:0x00008000] and app.bin [0x00001000:0x00009000] overlap");
+        row("flash DIR/mode.txt --port PORT",
+            "Firmware firmware.bin has invalid flash options (mode xyz, size 4MB, frequency 99m)");
         row("image-info DIR/none.bin", "cannot read DIR/none.bin");
         row("image-info DIR/app.bin --trailer x", "--trailer takes an offset");
         row("demo DIR/none.zip", "cannot read the demo package");
@@ -343,6 +415,14 @@ private slots:
         const QString good = R"({"chip": "ESP8266EX", "stub": "loader.elf", "sections": [
             {"type": "application", "address": "0x10000", "file": "app.bin", "md5": "%1"}]})";
         writeTestFile(m_dir->path(), "good.txt", good.arg(md5Hex(applicationImage)).toUtf8());
+        const QString overlap = R"({"chip": "ESP8266EX", "stub": "loader.elf", "sections": [
+            {"type": "application", "address": "0x0", "file": "app.bin", "md5": "%1"},
+            {"type": "application", "address": "0x1000", "file": "app.bin", "md5": "%1"}]})";
+        writeTestFile(m_dir->path(), "overlap.txt", overlap.arg(md5Hex(applicationImage)).toUtf8());
+        const QString mode = R"({"chip": "ESP8266EX", "stub": "loader.elf", "sections": [
+            {"type": "firmware", "address": "0x0", "file": "firmware.bin", "md5": "%1",
+             "options": {"flash": {"mode": "xyz", "size": "4MB", "frequency": "99m"}}}]})";
+        writeTestFile(m_dir->path(), "mode.txt", mode.arg(md5Hex("changed")).toUtf8());
         const auto expand = [this](QString text) {
             return text.replace("PORT", m_chip->port())
                 .replace("STUB", generatedStubPath())

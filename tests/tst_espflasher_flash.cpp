@@ -180,17 +180,27 @@ void TestEspFlasherFlash::packageRunEraseAndVerify()
     click("verifyTool");
     QVERIFY(awaitNew(line(green, "MD5: " + md5Hex(files.patched.left(4096)))));
 
-    // Regions that cannot be read ask nothing of the chip: the next erase is the only one.
+    // Regions that cannot be read or run past the chip's 4 MB ask nothing of the chip: the next
+    // erase is the only one.
     const int erases = board().counters().erases.size();
+    const int digests = board().counters().commands.value(VirtualEsp8266::SpiFlashMd5);
     answerer->answerInput("0x910");
     click("eraseTool");
     answerer->answerInput("0x1000");
     click("verifyTool");
+    answerer->answerInput("0x3FF000:0x2000");
+    click("eraseTool");
+    answerer->answerInput("0x3FF000:8kb");
+    click("verifyTool");
     answerer->answerInput(QString());
     click("eraseTool");
-    QCOMPARE(log().mid(mark - 2),
+    const QString past =
+        "Region [0x003ff000:0x00401000] runs past the end of the flash memory (4Mb)";
+    QCOMPARE(log().mid(mark - 4),
              (QStringList{line(amber, "Invalid erase region format"),
-                          line(amber, "Invalid region format for flash verification")}));
+                          line(amber, "Invalid region format for flash verification"),
+                          line(red, past), line(red, past)}));
+    QCOMPARE(board().counters().commands.value(VirtualEsp8266::SpiFlashMd5), digests);
     // The whole chip, through the 0x911 the prompt offers.
     answerer->expect("QInputDialog",
                      [](QWidget *modal) { static_cast<QDialog *>(modal)->accept(); });
@@ -200,7 +210,8 @@ void TestEspFlasherFlash::packageRunEraseAndVerify()
     QCOMPARE(board().counters().erases.size(), erases + 1);
     const QString erase = "Erase Flash Memory|Region [address:size]:";
     const QString verify = "Verify Flash Memory Contents|Region [address:size]:";
-    QCOMPARE(answerer->texts(1), (QStringList{erase, verify, erase, verify, erase, erase}));
+    QCOMPARE(answerer->texts(1),
+             (QStringList{erase, verify, erase, verify, erase, verify, erase, erase}));
 }
 
 void TestEspFlasherFlash::failedRunKeepsItsEntry_data()

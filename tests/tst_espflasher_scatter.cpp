@@ -167,6 +167,23 @@ void TestEspFlasherScatter::loadOutcomes_data()
         line(amber, "Proceeding without checksum verification for %1 as per users request"));
     // No is also what the countdown presses (the question's default, shown above).
     row("md5 missing, No", noMd5, "No", md5Question, "No saved checksum for {dir}/app.bin", "");
+    // The chip of chipInfo() has 4 MB of flash.
+    const QByteArray eightMegabytes =
+        scatterBytes({section("firmware", "0x0", "boot.bin", md5Hex(boot), "qio", "8MB")});
+    const QString sizeQuestion = "Firmware boot.bin is set for a flash memory size of 8MB, but "
+                                 "the chip has 4Mb. Flash it anyway?|&No";
+    row("bigger flash size, Yes", eightMegabytes, "Yes", sizeQuestion, "",
+        line(green, "Retrieved chip info"));
+    row("bigger flash size, No", eightMegabytes, "No", sizeQuestion,
+        "Firmware boot.bin is set for a flash memory size of 8MB, larger than the chip's 4Mb", "");
+    refused("overlapping sections",
+            scatterBytes({section("firmware", "0x0", "boot.bin", md5Hex(boot), "qio"),
+                          section("application", "0x800", "app.bin", md5Hex(app))}),
+            "Sections boot.bin [0x00000000:0x00000c00] and app.bin [0x00000800:0x00001400] "
+            "overlap");
+    refused("unknown flash mode",
+            scatterBytes({section("firmware", "0x0", "boot.bin", md5Hex(boot), "xyz")}),
+            "Firmware boot.bin has invalid flash options (mode xyz, size 4MB, frequency 40m)");
 
     const QString loader = EspPackage::stubEntryName;
     const auto package = [&](const QString &md5) {
