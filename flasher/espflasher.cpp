@@ -281,6 +281,8 @@ void ESPFlasher::worker_finished(bool result, int command, const QVariantList &r
         break;
     case ESPToolWorker::EraseFlash:
         log(LogColour::Success, FlashPlan::finishedMessage(command));
+        if (pendingErase)
+            log(LogColour::Success, pendingErase->erasedMessage());
         if (!ui->scatterEdit->text().isEmpty())
             ui->flashTool->setEnabled(true);
         break;
@@ -798,13 +800,19 @@ bool ESPFlasher::activeRowsFitChip()
     return true;
 }
 
+void ESPFlasher::queueErase(const FlashRegion &region)
+{
+    pendingErase = std::make_unique<FlashRegion>(region);
+    // No announcement: the result lines say what was erased.
+    queueCommand(ESPToolWorker::EraseFlash, region.eraseParameters());
+}
+
 void ESPFlasher::on_eraseTool_clicked()
 {
     FlashRegion region;
-    // No announcement: the result line says that the flash was erased.
     if (askRegion(tr("Erase Flash Memory"), QStringLiteral("0x911"), true, &region) &&
         regionFitsChip(region))
-        queueCommand(ESPToolWorker::EraseFlash, region.eraseParameters());
+        queueErase(region);
 }
 
 void ESPFlasher::on_verifyTool_clicked()
@@ -857,7 +865,7 @@ void ESPFlasher::processEraseVerifyAction(QAction *action, int command)
     if (!regionFitsChip(region))
         return;
     if (command != ESPToolWorker::FlashMd5) {
-        queueCommand(command, region.eraseParameters());
+        queueErase(region);
         return;
     }
     ScatterSection section = scatterRow(row);

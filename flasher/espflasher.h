@@ -150,6 +150,7 @@ private:
     // sent; so is a walk over a table with such an active row.
     bool regionFitsChip(const FlashRegion &region);
     bool activeRowsFitChip();
+    void queueErase(const FlashRegion &region);
     bool expectedMd5ForRow(const ScatterSection &row, QString *md5);
     // Reads an entry of the open package; a missing or unreadable one is reported in a box.
     bool readPackageEntry(const QString &file, QByteArray *bytes);
@@ -187,4 +188,6 @@ private:
     qint32 sectionIndex = 0;
     // Flash size in bytes guessed from the chip's flash ID; 0 when unknown.
     quint32 detectedFlashSize = 0;
+    // The region of the erase in work, for the line that says what it cleared.
+    std::unique_ptr<FlashRegion> pendingErase;
 };

@@ -9,6 +9,9 @@
 
 namespace {
 
+// Erases work on whole sectors of this many bytes.
+constexpr quint64 sectorBytes = 4096;
+
 QString regionText(quint64 start, quint64 end)
 {
     const QChar zero(QLatin1Char('0'));
@@ -87,6 +90,25 @@ QString FlashRegion::pastFlashMessage(quint32 flashSize) const
                                        "Region %1 runs past the end of the flash memory (%2)")
         .arg(regionText(address, quint64(address) + size),
              ESPImageParser::flashSizeString(flashSize));
+}
+
+FlashRegion FlashRegion::erasedSectors() const
+{
+    if (wholeChip)
+        return *this;
+    const quint64 start = address / sectorBytes * sectorBytes;
+    const quint64 end = (quint64(address) + size + sectorBytes - 1) / sectorBytes * sectorBytes;
+    // Only a region of nearly 4 GiB could round up to a length that 32 bits do not hold.
+    return FlashRegion(quint32(start), quint32(qMin<quint64>(end - start, 0xFFFFFFFFu)));
+}
+
+QString FlashRegion::erasedMessage() const
+{
+    if (wholeChip)
+        return QCoreApplication::translate("ESPFlasher", "Erased the whole flash memory");
+    const FlashRegion sectors = erasedSectors();
+    return QCoreApplication::translate("ESPFlasher", "Erased sectors %1")
+        .arg(regionText(sectors.address, quint64(sectors.address) + sectors.size));
 }
 
 QVariantList FlashRegion::eraseParameters() const

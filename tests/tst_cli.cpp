@@ -218,6 +218,11 @@ private slots:
         QVERIFY(run(0, {"erase", "0x2000:0x1000"}, true, true));
         QCOMPARE(chip().flash(0x1000, 0x3000),
                  data.left(0x1000) + QByteArray(0x1000, char(0xFF)) + data.mid(0x2000));
+        // A few bytes off a boundary clear their whole sector, and the summary says so.
+        chip().reset();
+        QVERIFY(run(0, {"erase", "0x1001:0x10"}, true, true));
+        QVERIFY(summaryRow(m_chip->port()).endsWith("ok (0x1000 bytes erased at 0x00001000)"));
+        QCOMPARE(chip().flash(0x1000, 0x3000), QByteArray(0x2000, char(0xFF)) + data.mid(0x2000));
         chip().reset();
         QVERIFY(run(0, {"erase", "all"}, true, true));
         QCOMPARE(chip().flash(0, 0x10000), QByteArray(0x10000, char(0xFF)));

@@ -134,14 +134,15 @@ void TestEspFlasherFlash::connectAndLoad(const QString &scatter)
 void TestEspFlasherFlash::packageRunEraseAndVerify()
 {
     connectAndLoad(files.package);
-    // Erase loads the loader first and waits for it.
-    answerer->answerInput("0x1000:4096");
+    // Erase loads the loader first and waits for it; it clears whole sectors and says which.
+    answerer->answerInput("0x1001:16");
     click("eraseTool");
     QCOMPARE(log(mark), (QStringList{line(amber, "Must load a stub first"),
                                      line(green, "Start loading stub from esp8266_loader_stub.elf"),
                                      line(green, "Flash stub loaded")}));
     QVERIFY(flasher->findChildren<QProgressDialog *>().isEmpty());
     QVERIFY(awaitNew(erased));
+    QCOMPARE(log().last(), line(green, "Erased sectors [0x00001000:0x00002000]"));
     QCOMPARE(board().counters().erases.last().offset, 0x1000u);
     QCOMPARE(board().counters().erases.last().size, 0x1000u);
 
@@ -206,6 +207,7 @@ void TestEspFlasherFlash::packageRunEraseAndVerify()
                      [](QWidget *modal) { static_cast<QDialog *>(modal)->accept(); });
     click("eraseTool");
     QVERIFY(awaitNew(erased));
+    QCOMPARE(log().last(), line(green, "Erased the whole flash memory"));
     QCOMPARE(int(board().counters().erases.last().kind), int(VirtualEsp8266::EraseKind::Chip));
     QCOMPARE(board().counters().erases.size(), erases + 1);
     const QString erase = "Erase Flash Memory|Region [address:size]:";
