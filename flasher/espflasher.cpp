@@ -287,7 +287,10 @@ void ESPFlasher::worker_finished(bool result, int command, const QVariantList &r
             ui->flashTool->setEnabled(true);
         break;
     case ESPToolWorker::FlashMd5:
-        log(FlashPlan::md5Report(results));
+        if (FlashPlan::finalCheckIndex(results) >= 0)
+            finalCheckFinished(FlashPlan::finalCheckIndex(results), results);
+        else
+            log(FlashPlan::md5Report(results));
         break;
     default:
         log(LogColour::Notice, tr("Unknown command %1 finished").arg(command));
@@ -379,6 +382,9 @@ void ESPFlasher::on_flashTool_clicked()
 {
     if (!activeRowsFitChip())
         return;
+    writtenSections.clear();
+    finalChecked = -1;
+    finalCheckFailures = 0;
     if (!startSectionWalk(OperationFlashing, &ESPFlasher::writeNextSection))
         scheduleAutoClose(false, tr("Cannot load the stub"));
 }
@@ -516,8 +522,7 @@ void ESPFlasher::writeNextSection()
     if (sectionIndex < 0 || sectionIndex > rows)
         return;
     if (sectionIndex == rows) {
-        finishSectionWalk(FlashPlan::finishedFlashingMessage());
-        scheduleAutoClose(true, tr("Upgrade completed."));
+        checkNextWrittenSection();
         return;
     }
     if (skipInactiveSection(&ESPFlasher::writeNextSection))
@@ -550,10 +555,69 @@ void ESPFlasher::writeNextSection()
 
 void ESPFlasher::sectionWritten(int command)
 {
+    // The expectation comes from the bytes just written: the package entry still in memory, or
+    // the file on disk.
+    const ScatterSection row = scatterRow(sectionIndex);
+    if (packageFile) {
+        writtenSections.append(FlashPlan::writtenSection(row, packageFile.get()));
+    } else {
+        QFile file(resolveScatterPath(row.file));
+        const bool opened = file.open(QIODevice::ReadOnly);
+        writtenSections.append(
+            FlashPlan::writtenSection(row, opened ? &file : nullptr, file.errorString()));
+    }
     close_zip_file();
     log(LogColour::Success, FlashPlan::writtenMessage(command));
     ++sectionIndex;
     writeNextSection();
+}
+
+void ESPFlasher::checkNextWrittenSection()
+{
+    if (finalChecked < 0) {
+        finalChecked = 0;
+        if (!writtenSections.isEmpty())
+            log(LogColour::Success, FlashPlan::finalCheckMessage());
+    }
+    // A section that cannot be checked is reported without asking the chip.
+    while (finalChecked < writtenSections.size() &&
+           !writtenSections.at(finalChecked).error.isEmpty()) {
+        bool matches = false;
+        log(FlashPlan::finalCheckReport(writtenSections.at(finalChecked), {}, &matches));
+        ++finalCheckFailures;
+        ++finalChecked;
+    }
+    if (finalChecked < writtenSections.size()) {
+        queueCommand(FlashPlan::finalCheckCommand(writtenSections.at(finalChecked), finalChecked));
+        return;
+    }
+    finishFlashing();
+}
+
+void ESPFlasher::finalCheckFinished(int index, const QVariantList &results)
+{
+    // A result of an earlier run's check has nothing to say about this one.
+    if (index != finalChecked || index >= writtenSections.size())
+        return;
+    bool matches = false;
+    log(FlashPlan::finalCheckReport(writtenSections.at(index), results, &matches));
+    if (!matches)
+        ++finalCheckFailures;
+    ++finalChecked;
+    checkNextWrittenSection();
+}
+
+void ESPFlasher::finishFlashing()
+{
+    if (finalCheckFailures == 0) {
+        finishSectionWalk(FlashPlan::finishedFlashingMessage());
+        scheduleAutoClose(true, tr("Upgrade completed."));
+        return;
+    }
+    log(LogColour::Error,
+        FlashPlan::finalCheckFailedMessage(finalCheckFailures, writtenSections.size()));
+    enableToolsAfterWalk();
+    scheduleAutoClose(false, tr("The flashed sections did not match at the end."));
 }
 
 void ESPFlasher::stubLoadFinished()

@@ -132,6 +132,11 @@ private:
     // Writes the row at sectionIndex, passing over unchecked rows; the last row ends the run.
     void writeNextSection();
     void sectionWritten(int command);
+    // After the last row every section written is compared with the flash once more; the run
+    // succeeds only when all still match.
+    void checkNextWrittenSection();
+    void finalCheckFinished(int index, const QVariantList &results);
+    void finishFlashing();
 
     // Reading flash into a scatter file.
     bool useScatterAsTemplate(const QString &scatter);
@@ -188,6 +193,10 @@ private:
     qint32 sectionIndex = 0;
     // Flash size in bytes guessed from the chip's flash ID; 0 when unknown.
     quint32 detectedFlashSize = 0;
+    // What the running flash walk wrote, and how far the final check has come through it.
+    QVector<FlashPlan::WrittenSection> writtenSections;
+    int finalChecked = -1; // -1: the check has not started
+    int finalCheckFailures = 0;
     // The region of the erase in work, for the line that says what it cleared.
     std::unique_ptr<FlashRegion> pendingErase;
 };

@@ -173,6 +173,29 @@ private slots:
         QVERIFY(out("MD5: " + md5Hex(damaged.left(0x1000))));
     }
 
+    // Writing the application wipes the firmware, as a careless erase would: every write
+    // succeeded, but the comparison of every section at the end of the run fails it.
+    void laterWriteWipesAnEarlierOne()
+    {
+        const QByteArray firmware = firmwareImage(true);
+        int begins = 0;
+        chip().setCommandObserver([&](const VirtualEsp8266::CommandRecord &record) {
+            if (record.opcode == VirtualEsp8266::FlashBegin && ++begins == 2)
+                chip().setFlash(0, QByteArray(firmware.size(), char(0xFF)));
+        });
+        QVERIFY(run(1, {"flash", writeScatterSet()}));
+        chip().setCommandObserver(nullptr);
+        QVERIFY(
+            m_err.contains("firmware.bin at 0x00000000 has changed since it was written (MD5: " +
+                           md5Hex(QByteArray(firmware.size(), char(0xFF))) + " instead of " +
+                           md5Hex(firmware) + ")"));
+        QVERIFY(out("app.bin at 0x00010000 still matches (MD5: " + md5Hex(applicationImage) + ")"));
+        QVERIFY(!m_out.contains("Finished flashing package"));
+        QVERIFY(summaryRow(m_chip->port())
+                    .endsWith("FAILED: The flash run failed: 1 of 2 written section(s) no "
+                              "longer match"));
+    }
+
     void packThenFlashThePackage()
     {
         QVERIFY(run(

@@ -149,14 +149,20 @@ void TestEspFlasherFlash::packageRunEraseAndVerify()
     // The loader runs already: writing starts at once.
     click("flashTool");
     QVERIFY(awaitNew(finishedFlashing));
-    QCOMPARE(
-        log(mark),
-        (QStringList{line(green, "Start writing firmware from boot.bin to 0x00000000 (flash "
-                                 "memory size 4MB, mode dio, frequency 40m)"),
-                     line(green, "Firmware has been successfully flashed"),
-                     line(green, "Start writing user application from app.bin to "
-                                 "0x00010000 (max size 4MB)"),
-                     line(green, "Application has been successfully flashed"), finishedFlashing}));
+    QCOMPARE(log(mark),
+             (QStringList{line(green, "Start writing firmware from boot.bin to 0x00000000 (flash "
+                                      "memory size 4MB, mode dio, frequency 40m)"),
+                          line(green, "Firmware has been successfully flashed"),
+                          line(green, "Start writing user application from app.bin to "
+                                      "0x00010000 (max size 4MB)"),
+                          line(green, "Application has been successfully flashed"),
+                          // Each section written is compared with the flash once more at the end.
+                          line(green, "Comparing the written sections with the flash once more"),
+                          line(green, "boot.bin at 0x00000000 still matches (MD5: " +
+                                          md5Hex(files.patched) + ")"),
+                          line(green, "app.bin at 0x00010000 still matches (MD5: " +
+                                          md5Hex(files.application) + ")"),
+                          finishedFlashing}));
     QCOMPARE(board().counters().commands.value(VirtualEsp8266::MemEnd), 1);
     QCOMPARE(board().flash(0, files.patched.size()), files.patched);
     QCOMPARE(board().flash(applicationAddress, files.application.size()), files.application);
@@ -395,6 +401,10 @@ void TestEspFlasherFlash::upgrade_data()
     row("loader removed", "FA", "Cannot load the stub|OK (10)", "");
     row("chip silent", "FA", "UBoot operation failure.|OK (10)", "");
     row("no package chosen", "", "Upgrade cancelled.|OK (10)", "");
+    // Writing the application wipes the firmware, as a careless erase would: every write
+    // succeeded, but the check at the end finds out.
+    row("a later write wipes an earlier one", "FA",
+        "The flashed sections did not match at the end.|OK (10)", "A");
 }
 
 // Run mode 0 as a host uses it: construct, autoconnect, exec; the outcome is the exit code.
@@ -416,6 +426,13 @@ void TestEspFlasherFlash::upgrade()
                 QFile::remove(files.stub);
             if (mishap == "chip silent")
                 board().armSilence(0);
+            if (mishap == "a later write wipes an earlier one") {
+                auto begins = std::make_shared<int>(0);
+                board().setCommandObserver([this, begins](const auto &record) {
+                    if (record.opcode == VirtualEsp8266::FlashBegin && ++*begins == 2)
+                        board().setFlash(0, QByteArray(files.patched.size(), '\xFF'));
+                });
+            }
             auto *selector = static_cast<FlashTypeSelector *>(modal);
             selector->setFirmwareChecked(components.contains('F'));
             selector->setApplicationChecked(components.contains('A'));
@@ -428,8 +445,20 @@ void TestEspFlasherFlash::upgrade()
 
     flasher = std::make_unique<ESPFlasher>(ESPFlasher::RUN_MODE_UPGRADE, nullptr);
     QVERIFY(flasher->autoconnect(QStringLiteral("UPGRADE-0042")));
-    QCOMPARE(flasher->exec(), int(written.isEmpty() ? QDialog::Rejected : QDialog::Accepted));
-    QCOMPARE(log().contains(finishedFlashing), !written.isEmpty());
+    const bool completed = closing.startsWith("Upgrade completed.");
+    QCOMPARE(flasher->exec(), int(completed ? QDialog::Accepted : QDialog::Rejected));
+    QCOMPARE(log().contains(finishedFlashing), completed);
+    if (mishap == "a later write wipes an earlier one") {
+        const QString wiped = md5Hex(QByteArray(files.patched.size(), '\xFF'));
+        QCOMPARE(log().mid(log().size() - 3),
+                 (QStringList{line(red, "boot.bin at 0x00000000 has changed since it was written "
+                                        "(MD5: " +
+                                            wiped + " instead of " + md5Hex(files.patched) + ")"),
+                              line(green, "app.bin at 0x00010000 still matches (MD5: " +
+                                              md5Hex(files.application) + ")"),
+                              line(red, "The flash run failed: 1 of 2 written section(s) no "
+                                        "longer match")}));
+    }
     const QVector<ModalAnswerer::Seen> seen = answerer->seen;
     if (mishap == "loader removed")
         QCOMPARE(seen.at(seen.size() - 2).text,
@@ -438,8 +467,7 @@ void TestEspFlasherFlash::upgrade()
     QCOMPARE(seen.last().className + "|" + seen.last().text + "|" + seen.last().defaultButton,
              "QAutoCloseMessageBox|Brimcote ESP Utility|" +
                  closing.replace("|", "\nThe tool will be closed|"));
-    QCOMPARE(seen.last().icon,
-             int(written.isEmpty() ? QMessageBox::Warning : QMessageBox::Information));
+    QCOMPARE(seen.last().icon, int(completed ? QMessageBox::Information : QMessageBox::Warning));
     QCOMPARE(board().flash(0, files.patched.size()),
              written.contains('F') ? files.patched : QByteArray(files.patched.size(), '\xFF'));
     QCOMPARE(board().flash(applicationAddress, files.application.size()),
