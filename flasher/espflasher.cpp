@@ -107,6 +107,7 @@ ESPFlasher::ESPFlasher(RUN_MODE mode, QWidget *parent)
     connect(worker, &ESPToolWorker::error, this, &ESPFlasher::worker_error);
     connect(worker, &ESPToolWorker::progress, this, &ESPFlasher::worker_progress);
     connect(worker, &ESPToolWorker::finished, this, &ESPFlasher::worker_finished);
+    connect(worker, &ESPToolWorker::connectionLost, this, &ESPFlasher::worker_connectionLost);
     workerThread.start(QThread::InheritPriority);
 
     QMetaObject::invokeMethod(this, "on_comPortScanTool_clicked", Qt::DirectConnection);
@@ -302,13 +303,52 @@ void ESPFlasher::commandFailed(int command)
 {
     if (stubWaitDialog)
         stubWaitDialog->cancel();
-    // Buttons disabled by the operation stay disabled and its state stays as it was.
     log(LogColour::Error, FlashPlan::failedOperationMessage(command));
+    // The worker fails every further command until the next connect.
+    returnToDisconnected();
     scheduleAutoClose(false, tr("UBoot operation failure."));
+}
+
+void ESPFlasher::worker_connectionLost(const QString &reason)
+{
+    // The port's own words ("Inappropriate ioctl for device" for a vanished terminal) tell a
+    // user nothing.
+    Q_UNUSED(reason)
+    if (!connectedToChip)
+        return;
+    log(LogColour::Error, tr("The connection to %1 was lost").arg(ui->comPortCombo->currentText()));
+    returnToDisconnected();
+    scheduleAutoClose(false, tr("Connection closed."));
+}
+
+void ESPFlasher::returnToDisconnected()
+{
+    connectedToChip = false;
+    stubLoaded = false;
+    close_zip_file();
+    // Nothing in work goes on: a late result of it must not restart a walk.
+    operation = OperationNone;
+    sectionIndex = -2;
+    finalChecked = -1;
+    ui->comPortCombo->setEnabled(true);
+    ui->comPortScanTool->setEnabled(true);
+    ui->baudRateCombo->setEnabled(true);
+    ui->comPortConnect->setText(tr("Connect"));
+    ui->comPortConnect->setEnabled(ui->comPortCombo->count() > 0);
+    // Disabled until a chip is identified again; the scatter stays loaded for that.
+    ui->infoGroup->setEnabled(false);
+    ui->loaderGroup->setEnabled(false);
+    ui->stubSelTool->setEnabled(true);
+    ui->flashTool->setEnabled(!ui->scatterEdit->text().isEmpty());
+    ui->readTool->setEnabled(!zip);
 }
 
 void ESPFlasher::connected()
 {
+    // A fresh connection talks to the ROM loader.
+    connectedToChip = true;
+    stubLoaded = false;
+    ui->stubSelTool->setEnabled(true);
     log(LogColour::Success,
         FlashPlan::finishedMessage(ESPToolWorker::Connect, ui->comPortCombo->currentText()));
     ui->comPortConnect->setText(tr("Disconnect"));
@@ -330,6 +370,7 @@ void ESPFlasher::disconnected()
     ui->comPortConnect->setText(tr("Connect"));
     ui->comPortConnect->setEnabled(true);
     stubLoaded = false;
+    connectedToChip = false;
     scheduleAutoClose(false, tr("Connection closed."));
 }
 

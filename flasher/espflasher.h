@@ -85,6 +85,7 @@ private slots:
     void worker_error(const QString &reason);
     void worker_progress(int total, int current);
     void worker_finished(bool result, int command, const QVariantList &results);
+    void worker_connectionLost(const QString &reason);
     void scatterTableHeaderClickHandler(int index);
     void eraseActionHandler();
     void md5ActionHandler();
@@ -113,6 +114,9 @@ private:
     void commandFailed(int command);
     void connected();
     void disconnected();
+    // After a failure or a lost port: the operation in work is dropped and the connection
+    // controls work again, so that the user can connect (again) without closing the dialog.
+    void returnToDisconnected();
     void chipIdentified(const QVariantList &results);
 
     // In the upgrade mode: shows the outcome in a box that closes itself, then closes the tool.
@@ -189,6 +193,8 @@ private:
     bool stubLoaded = false;
     RUN_MODE runMode;
     qint32 operation = OperationFlashing;
+    // A connection to the chip is established (the connect command succeeded).
+    bool connectedToChip = false;
     // Scatter table row in work; -1 while the stub loads so that its result starts at row 0.
     qint32 sectionIndex = 0;
     // Flash size in bytes guessed from the chip's flash ID; 0 when unknown.

@@ -310,10 +310,11 @@ void ESPTool::esp_disconnect()
     communicator.close();
 }
 
-void ESPTool::connection_closed(const QString &)
+void ESPTool::connection_closed(const QString &reason)
 {
     if (waitLoop.isRunning())
         waitLoop.quit();
+    emit connectionLost(reason);
 }
 
 void ESPTool::connection_error(QSerialPort::SerialPortError) {}

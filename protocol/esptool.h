@@ -161,6 +161,8 @@ signals:
     void commandError(int error);
     void operationError(int code, const QString &descr);
     void operationProgress(int total, int current);
+    // The port went away (a board unplugged); a deliberate disconnect says nothing.
+    void connectionLost(const QString &reason);
 
 private slots:
     void connection_closed(const QString &reason);

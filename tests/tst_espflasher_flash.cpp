@@ -78,8 +78,8 @@ class TestEspFlasherFlash : public FlasherTest
 private slots:
     void init();
     void packageRunEraseAndVerify();
-    void failedRunKeepsItsEntry_data();
-    void failedRunKeepsItsEntry();
+    void failureThenReconnect_data();
+    void failureThenReconnect();
     void identifyComposeReadAndFlashAnotherChip();
     void upgrade_data();
     void upgrade();
@@ -222,49 +222,64 @@ void TestEspFlasherFlash::packageRunEraseAndVerify()
              (QStringList{erase, verify, erase, verify, erase, verify, erase, erase}));
 }
 
-void TestEspFlasherFlash::failedRunKeepsItsEntry_data()
+void TestEspFlasherFlash::failureThenReconnect_data()
 {
-    QTest::addColumn<int>("icon");
-    QTest::addColumn<QString>("failed");
-    // Writing a section warns; loading the stub is critical. Both kept as they are.
+    QTest::addColumn<QString>("failed"); // the one red line
     QTest::newRow("chip vanishes mid-write")
-        << int(QMessageBox::Warning) << "UBoot operation write firmware (4) finished with error";
-    QTest::newRow("stub refused") << int(QMessageBox::Critical)
-                                  << "UBoot operation load stub (2) finished with error";
+        << "UBoot operation write firmware (4) finished with error";
+    QTest::newRow("stub refused") << "UBoot operation load stub (2) finished with error";
+    QTest::newRow("idle board unplugged") << "The connection to {port} was lost";
 }
 
-// A failed run logs one red line, claims no success, and keeps the package entry it handed to
-// the worker: a new attempt only reports that the device is busy.
-void TestEspFlasherFlash::failedRunKeepsItsEntry()
+// After a failed operation or a board that went away, the dialog carries on without being
+// closed: no success is claimed, the package entry handed to the worker is let go, the port list
+// and Connect work again, and a new connection flashes the package.
+void TestEspFlasherFlash::failureThenReconnect()
 {
-    QFETCH(int, icon);
     QFETCH(QString, failed);
     const QString mishap = QTest::currentDataTag();
-
-    const bool vanish = mishap == "chip vanishes mid-write";
     connectAndLoad(files.package);
-    board().setCommandObserver([this](const VirtualEsp8266::CommandRecord &record) {
-        if (record.opcode == VirtualEsp8266::FlashBegin)
-            board().armVanishAfterBytes(4000);
-    });
-    if (!vanish)
+    failed.replace("{port}", chip->port());
+    if (mishap == "chip vanishes mid-write") {
+        board().setCommandObserver([this](const VirtualEsp8266::CommandRecord &record) {
+            if (record.opcode == VirtualEsp8266::FlashBegin)
+                board().armVanishAfterBytes(4000);
+        });
+    } else if (mishap == "stub refused") {
         board().armErrorStatus(1); // the chip refuses the next command: the loader
-    click("flashTool");
-    QVERIFY(awaitNew(line(red, failed)));
-    QCOMPARE(board().vanished(), vanish);
+    }
+    if (mishap == "idle board unplugged") {
+        mark = log().size();
+        board().vanishNow();
+    } else {
+        click("flashTool");
+    }
+    QVERIFY(awaitNew(line(FlasherTestKit::red, failed)));
     const QStringList lines = log(mark);
-    QCOMPARE(lines.filter(QRegularExpression("^" + QString(red))), QStringList{line(red, failed)});
+    QCOMPARE(lines.filter(QRegularExpression("^" + QString(FlasherTestKit::red))).size(), 1);
     QCOMPARE(lines.filter(QRegularExpression("successfully|Finished")), QStringList());
-    // Kept as it is: the button stays enabled while the loader loads.
-    QCOMPARE(enabled("flashTool"), !vanish);
+    QVERIFY(enabled("comPortCombo") && enabled("comPortScanTool") && enabled("comPortConnect"));
+    QCOMPARE(find<QPushButton>("comPortConnect")->text(), QStringLiteral("Connect"));
+    QVERIFY(!enabled("loaderGroup"));
 
-    answerer->answerBox(QMessageBox::Ok);
-    mark = log().size();
-    QVERIFY(invoke("on_flashTool_clicked"));
-    QCOMPARE(answerer->last().text,
-             QStringLiteral("Flash Loader|The device is busy. Please try again later."));
-    QCOMPARE(answerer->last().icon, icon);
-    QCOMPARE(log().size(), mark);
+    // The board is reset, or plugged in again under a new name, and found by a new scan.
+    board().setCommandObserver(nullptr);
+    if (board().vanished()) {
+        board().stop();
+        QVERIFY(chip->start());
+    } else {
+        board().reset();
+    }
+    click("comPortScanTool");
+    find<QComboBox>("comPortCombo")->setCurrentText(chip->port());
+    QCOMPARE(find<QComboBox>("comPortCombo")->currentText(), chip->port());
+    click("comPortConnect");
+    QVERIFY(awaitNew(line(green, "Retrieved chip info")));
+    QVERIFY(enabled("loaderGroup") && enabled("flashTool"));
+    click("flashTool");
+    QVERIFY(awaitNew(finishedFlashing));
+    QCOMPARE(board().flash(0, files.patched.size()), files.patched);
+    QCOMPARE(board().flash(applicationAddress, files.application.size()), files.application);
 }
 
 // Regions composed in the wizard read, read again with that as a template, flashed to a new chip.

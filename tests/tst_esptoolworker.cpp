@@ -59,6 +59,8 @@ struct Session
                          [this](bool result, int cmd, const QVariantList &params) {
                              finished << QVariantList{result, cmd, params};
                          });
+        QObject::connect(worker, &ESPToolWorker::connectionLost, &receiver,
+                         [this](const QString &reason) { lost << reason; });
         thread.start();
     }
     ~Session()
@@ -99,6 +101,7 @@ struct Session
     QObject receiver;      // in the test's thread: where the worker's signals arrive
     QStringList errors;
     QList<QVariantList> finished;
+    QStringList lost; // connectionLost() reasons
 };
 
 } // namespace
@@ -332,6 +335,7 @@ private slots:
                                           : session.run(Cmd::WriteData, {path, 0x40000u, "4MB"});
         QVERIFY(!outcome.result);
         QCOMPARE(outcome.errors, QStringList{message});
+        QCOMPARE(session.lost, QStringList()); // the failed command said it all
         // The command stops at the first failure: no further block, no MD5 request; of the
         // identification one read request (14 bytes framed, a few more escaped), not dozens.
         QTEST(chip.counters().commands.value(VirtualEsp8266::FlashData), "blocks");
@@ -354,6 +358,21 @@ private slots:
         QVERIFY(session.run(Cmd::WriteData, {path, 0x40000u, "4MB"}).result);
         QCOMPARE(board.chip().flash(0x40000, quint32(data.size())), data);
         QCOMPARE(session.errors.size(), 1);
+    }
+
+    // A port that goes away between commands is reported once (one that goes away during a
+    // command fails that command instead, above); a disconnect says nothing.
+    void portLostBetweenCommands()
+    {
+        Session session;
+        QVERIFY(session.start(false));
+        QVERIFY(session.run(Cmd::Disconnect).result);
+        QVERIFY(session.run(Cmd::Connect, {session.fixture.port()}).result);
+        QCOMPARE(session.lost, QStringList());
+        session.chip().vanishNow();
+        QVERIFY(QTest::qWaitFor([&] { return !session.lost.isEmpty(); }, 5000));
+        QVERIFY(!session.run(Cmd::GetInfo).result);
+        QCOMPARE(session.lost.size(), 1);
     }
 
     void commandsQueuedRightAfterConnect_data()

@@ -33,6 +33,7 @@ ESPToolWorker::ESPToolWorker(QObject *parent) : QObject(parent), tool(new ESPToo
     connect(tool, &ESPTool::commandError, this, &ESPToolWorker::tool_cmd_error);
     connect(tool, &ESPTool::operationError, this, &ESPToolWorker::tool_op_error);
     connect(tool, &ESPTool::operationProgress, this, &ESPToolWorker::progress);
+    connect(tool, &ESPTool::connectionLost, this, &ESPToolWorker::tool_connection_lost);
 }
 
 QString ESPToolWorker::operationName(int cmd)
@@ -134,6 +135,12 @@ void ESPToolWorker::tool_cmd_error(int code)
 void ESPToolWorker::tool_op_error(int code, const QString &descr)
 {
     report(QStringLiteral("esptool failed: %1 (%2)").arg(descr).arg(code));
+}
+
+void ESPToolWorker::tool_connection_lost(const QString &reason)
+{
+    if (!busy)
+        emit connectionLost(reason);
 }
 
 void ESPToolWorker::doConnect(const QVariantList &params)

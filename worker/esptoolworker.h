@@ -54,6 +54,8 @@ signals:
     void error(const QString &reason);
     void progress(int total, int current);
     void finished(bool result, int cmd, const QVariantList &params);
+    // The port went away while no command ran (a command it breaks reports that itself).
+    void connectionLost(const QString &reason);
 
 public slots:
     void execute(int cmd, const QVariantList &params);
@@ -61,6 +63,7 @@ public slots:
 private slots:
     void tool_cmd_error(int code);
     void tool_op_error(int code, const QString &descr);
+    void tool_connection_lost(const QString &reason);
 
 private:
     struct PendingCommand
