@@ -21,6 +21,7 @@
 #include <QEventLoop>
 #include <QFileInfo>
 #include <QSet>
+#include <QStandardPaths>
 
 namespace {
 
@@ -47,11 +48,31 @@ FlashPlan::Tone toneOf(EspPackageWriter::Severity severity)
     return FlashPlan::Tone::Error;
 }
 
-// Where the build puts the demo package, relative to this program.
+// Where an installation keeps the demo package, relative to this program.
+QString installedDemoPackage()
+{
+    return QDir::cleanPath(
+        QDir(QCoreApplication::applicationDirPath())
+            .absoluteFilePath(QStringLiteral(ESP_INSTALLED_DATA_DIR "/demo.zip")));
+}
+
+// The build tree's demo package when this program runs from there, else the installed one.
 QString defaultDemoPackage()
 {
-    return QDir(QCoreApplication::applicationDirPath())
-        .absoluteFilePath(QStringLiteral("../demo/demo.zip"));
+    const QString built = QDir(QCoreApplication::applicationDirPath())
+                              .absoluteFilePath(QStringLiteral("../demo/demo.zip"));
+    return QFileInfo(built).isFile() ? built : installedDemoPackage();
+}
+
+// The read-back goes beside the package, except beside the installed one: that folder belongs
+// to the system's package manager, so it goes to the user's cache.
+QString defaultDemoOutput(const QString &package)
+{
+    if (QDir::cleanPath(QFileInfo(package).absoluteFilePath()) == installedDemoPackage()) {
+        return QDir(QStandardPaths::writableLocation(QStandardPaths::CacheLocation))
+            .absoluteFilePath(QStringLiteral("demo-readback"));
+    }
+    return QFileInfo(package).absoluteDir().absoluteFilePath(QStringLiteral("readback"));
 }
 
 QString padded(const QString &text, int width)
@@ -497,9 +518,7 @@ int CliApp::runDemo()
     if (!checkLoaderOption(false, &exitCode) || !loadScatter(package, &exitCode))
         return exitCode;
 
-    const QDir out(m_args.out.isEmpty() ? QFileInfo(package).absoluteDir().absoluteFilePath(
-                                              QStringLiteral("readback"))
-                                        : m_args.out);
+    const QDir out(m_args.out.isEmpty() ? defaultDemoOutput(package) : m_args.out);
     if (!QDir().mkpath(out.absolutePath()))
         return usage(QStringLiteral("cannot create the directory %1").arg(out.absolutePath()));
     QString error;

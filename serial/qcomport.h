@@ -1,6 +1,6 @@
 #pragma once
 
-#include "esputility_global.h"
+#include <esputility/esputility_core_global.h>
 
 #include <QHash>
 #include <QSerialPort>
@@ -35,17 +35,17 @@ struct PortEntry
 };
 
 // The enumerated ports in enumeration order, then the extra paths that exist.
-ESPUTILITY_EXPORT QVector<PortEntry> availablePortEntries();
+ESPUTILITY_CORE_EXPORT QVector<PortEntry> availablePortEntries();
 // Their names.
-ESPUTILITY_EXPORT QStringList availableComPorts();
+ESPUTILITY_CORE_EXPORT QStringList availableComPorts();
 
 // Maps a settings table to port settings; absent keys take their defaults and refused values
 // fall back to them (values are compared as unsigned, so negative ones are refused).
-ESPUTILITY_EXPORT Settings settingsFromHash(const QHash<QString, QVariant> &settings);
+ESPUTILITY_CORE_EXPORT Settings settingsFromHash(const QHash<QString, QVariant> &settings);
 
 // Finds the port by its exact name, configures it from the table and opens it read-write.
 // Returns false without touching the port when no port has that name.
-ESPUTILITY_EXPORT bool setupComPortFromHash(const QString &portName,
+ESPUTILITY_CORE_EXPORT bool setupComPortFromHash(const QString &portName,
                                             const QHash<QString, QVariant> &settings,
                                             QSerialPort &port);
 
