@@ -9,14 +9,14 @@ file(REMOVE_RECURSE ${ESP_BUILD_INCLUDE_DIR}/esputility)
 file(MAKE_DIRECTORY ${ESP_BUILD_INCLUDE_DIR}/esputility)
 
 # esp_public_headers(TARGET header...): installs the headers with the development files and
-# lists them in the global property ESP_PUBLIC_HEADERS (the header test compiles each alone).
+# lists them in the target's property ESP_PUBLIC_HEADERS (the install test compiles each alone).
 function(esp_public_headers target)
     foreach(header ${ARGN})
         get_filename_component(source ${header} ABSOLUTE)
         get_filename_component(name ${header} NAME)
         file(CREATE_LINK ${source} ${ESP_BUILD_INCLUDE_DIR}/esputility/${name} SYMBOLIC)
         target_sources(${target} PRIVATE ${source})
-        set_property(GLOBAL APPEND PROPERTY ESP_PUBLIC_HEADERS ${name})
+        set_property(TARGET ${target} APPEND PROPERTY ESP_PUBLIC_HEADERS ${name})
     endforeach()
     install(FILES ${ARGN} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/esputility COMPONENT dev)
 endfunction()
