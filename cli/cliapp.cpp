@@ -1,6 +1,7 @@
 #include "cli/cliapp.h"
 
 #include "cli/boardsession.h"
+#include "cli/clicommandtable.h"
 #include "cli/cliconsole.h"
 #include "cli/eraseoperation.h"
 #include "cli/flashoperation.h"
@@ -96,7 +97,10 @@ int CliApp::run()
         return ExitOk;
     }
     if (m_args.help) {
-        m_console.plain(CliArguments::usage().trimmed());
+        const CliCommandTable::Command *command = CliCommandTable::findCommand(m_args.command);
+        m_console.plain(
+            (command ? CliCommandTable::commandHelp(*command) : CliCommandTable::globalHelp())
+                .trimmed());
         return ExitOk;
     }
     const QString &command = m_args.command;
@@ -120,6 +124,8 @@ int CliApp::run()
         return runErase();
     if (command == QLatin1String("demo"))
         return runDemo();
+    if (command == QLatin1String("completion"))
+        return runCompletion();
     return usage(QStringLiteral("unknown command %1 (see esp-utility --help)").arg(command));
 }
 
@@ -129,12 +135,19 @@ int CliApp::usage(const QString &message)
     return ExitUsage;
 }
 
-bool CliApp::needArguments(int count, const QString &form)
+bool CliApp::needArguments(int count)
 {
     if (m_args.positional.size() == count)
         return true;
-    usage(QStringLiteral("usage: esp-utility %1").arg(form));
+    usage(commandUsage());
     return false;
+}
+
+QString CliApp::commandUsage() const
+{
+    const CliCommandTable::Command *command = CliCommandTable::findCommand(m_args.command);
+    return QStringLiteral("usage: %1 (see esp-utility %2 --help)")
+        .arg(CliCommandTable::synopsis(*command), command->name);
 }
 
 bool CliApp::checkLoaderOption(bool required, int *exitCode)
@@ -323,7 +336,7 @@ int CliApp::runPorts()
 
 int CliApp::runImageInfo()
 {
-    if (!needArguments(1, QStringLiteral("image-info FILE [--trailer OFFSET]")))
+    if (!needArguments(1))
         return ExitUsage;
     const QString path = m_args.positional.first();
     const QFileInfo info(path);
@@ -359,8 +372,7 @@ int CliApp::runImageInfo()
 
 int CliApp::runPack()
 {
-    if (!needArguments(1,
-                       QStringLiteral("pack SCATTER -o PACKAGE.zip --description TEXT [--trim]")))
+    if (!needArguments(1))
         return ExitUsage;
     if (m_args.output.isEmpty())
         return usage(QStringLiteral("pack needs -o PACKAGE.zip"));
@@ -388,7 +400,7 @@ int CliApp::runPack()
 
 int CliApp::runInfo()
 {
-    if (!needArguments(0, QStringLiteral("info [--port PATH]... [--virtual [N]] [--stub FILE]")))
+    if (!needArguments(0))
         return ExitUsage;
     int exitCode = ExitOk;
     if (!checkLoaderOption(false, &exitCode) || !resolveBoards(&exitCode))
@@ -400,7 +412,7 @@ int CliApp::runInfo()
 
 int CliApp::runFlash()
 {
-    if (!needArguments(1, QStringLiteral("flash SCATTER|PACKAGE [--only firmware|application]")))
+    if (!needArguments(1))
         return ExitUsage;
     FlashOperation::Kinds kinds = FlashOperation::Kinds::All;
     if (m_args.only == QLatin1String("firmware"))
@@ -427,7 +439,7 @@ int CliApp::runFlash()
 
 int CliApp::runVerify()
 {
-    if (!needArguments(1, QStringLiteral("verify SCATTER|PACKAGE | verify ADDRESS:SIZE")))
+    if (!needArguments(1))
         return ExitUsage;
     const QString target = m_args.positional.first();
     int exitCode = ExitOk;
@@ -480,7 +492,7 @@ int CliApp::runRead()
 
 int CliApp::runErase()
 {
-    if (!needArguments(1, QStringLiteral("erase all|ADDRESS:SIZE")))
+    if (!needArguments(1))
         return ExitUsage;
     const QString target = m_args.positional.first();
     const QString text = target == QLatin1String("all")
@@ -507,7 +519,7 @@ int CliApp::runErase()
 int CliApp::runDemo()
 {
     if (m_args.positional.size() > 1)
-        return usage(QStringLiteral("usage: esp-utility demo [PACKAGE] [--out DIR]"));
+        return usage(commandUsage());
     const QString package = m_args.positional.value(0, defaultDemoPackage());
     if (!QFileInfo(package).isFile())
         return usage(QStringLiteral("cannot read the demo package %1 (build it with scripts/build)")
@@ -558,5 +570,13 @@ int CliApp::runDemo()
         QStringLiteral("  flash it again:    esp-utility flash %1 --virtual").arg(readBack));
     m_console.plain(QStringLiteral("  on a real board:   esp-utility flash %1 --port /dev/ttyUSB0")
                         .arg(package));
+    return ExitOk;
+}
+
+int CliApp::runCompletion()
+{
+    if (m_args.positional != QStringList{QStringLiteral("bash")})
+        return usage(commandUsage());
+    m_console.plain(CliCommandTable::bashCompletion().trimmed());
     return ExitOk;
 }

@@ -4,8 +4,9 @@
 #include <QStringList>
 
 // The command line, parsed: one command word, its positional arguments and the options, which
-// may stand anywhere. Parsing checks only the form; what a command needs is checked by the
-// command itself.
+// may stand anywhere. Parsing checks the form against the command table (CliCommandTable): a
+// known command, only the options it takes, their values; what a command needs beyond that is
+// checked by the command itself.
 struct CliArguments
 {
     QString command;
@@ -26,7 +27,7 @@ struct CliArguments
     bool help = false;
     bool version = false;
 
-    // False with one line in *error for an unknown option or a missing value.
+    // False with one line in *error for an unknown command, an option the command does not take
+    // or a missing or unwanted value.
     static bool parse(const QStringList &arguments, CliArguments *result, QString *error);
-    static QString usage();
 };

@@ -299,8 +299,13 @@ private slots:
         row("frob", "unknown command frob");
         row("info --bogus", "unknown option --bogus");
         row("info --port", "--port needs a value");
-        row("info --yes=1", "--yes takes no value");
-        row("info --baud 9600", "--baud is not supported");
+        row("flash --yes=1", "--yes takes no value");
+        row("info --baud 9600", "unknown option --baud (see esp-utility info --help)");
+        row("ports --trim", "ports takes no option --trim (see esp-utility ports --help)");
+        row("image-info DIR/app.bin --port PORT", "image-info takes no option --port");
+        row("--port PORT flash", "usage: esp-utility flash SCATTER|PACKAGE");
+        row("--virtual 2 frob", "unknown command frob");
+        row("completion zsh", "usage: esp-utility completion bash");
         row("info --virtual=0", "--virtual takes");
         row("info", "no board: pass --port PATH or --virtual");
         row("info --port /dev/none", "no serial port /dev/none");
@@ -332,6 +337,7 @@ private slots:
         row("image-info DIR/none.bin", "cannot read DIR/none.bin");
         row("image-info DIR/app.bin --trailer x", "--trailer takes an offset");
         row("demo DIR/none.zip", "cannot read the demo package");
+        row("demo DIR/a.zip DIR/b.zip", "usage: esp-utility demo [PACKAGE]");
     }
 
     void badArguments()
@@ -355,6 +361,105 @@ private slots:
                  qPrintable(m_err));
         QCOMPARE(chip().commandLog().size(), 0);
         QVERIFY(!QFile::exists(path("p.zip")));
+    }
+
+    // Help, wherever --help stands: the command's forms and exactly the options it takes.
+    void help_data()
+    {
+        QTest::addColumn<QString>("first");     // the first line
+        QTest::addColumn<QStringList>("shown"); // lines that begin so
+        QTest::addColumn<QStringList>("absent");
+        QTest::newRow("--help") << "Usage: esp-utility COMMAND [ARGUMENTS] [OPTIONS]"
+                                << QStringList{"  flash SCATTER|PACKAGE", "  completion bash",
+                                               "  --only firmware|application", "  --out DIR"}
+                                << QStringList{};
+        QTest::newRow("flash --help")
+            << "Usage: esp-utility flash SCATTER|PACKAGE [OPTIONS]"
+            << QStringList{"  --only firmware|application", "  --port PATH", "  -y, --yes"}
+            << QStringList{"  --trailer", "  --out", "  ports"};
+        QTest::newRow("--help verify")
+            << "Usage: esp-utility verify SCATTER|PACKAGE [OPTIONS]"
+            << QStringList{"   or: esp-utility verify ADDRESS:SIZE [OPTIONS]", "  --stub FILE"}
+            << QStringList{"  --only", "  --scatter"};
+        QTest::newRow("image-info -h") << "Usage: esp-utility image-info FILE [OPTIONS]"
+                                       << QStringList{"  --trailer OFFSET", "  -h, --help"}
+                                       << QStringList{"  --port", "  --virtual", "  --stub"};
+        QTest::newRow("pack --help") << "Usage: esp-utility pack SCATTER -o PACKAGE.zip "
+                                        "--description TEXT [OPTIONS]"
+                                     << QStringList{"  -o, --output PACKAGE.zip", "  --trim"}
+                                     << QStringList{"  --port", "  --only"};
+    }
+
+    void help()
+    {
+        QFETCH(QString, first);
+        QFETCH(QStringList, shown);
+        QFETCH(QStringList, absent);
+        QVERIFY(run(0, QString(QTest::currentDataTag()).split(' '), false));
+        QVERIFY(m_err.isEmpty());
+        const QStringList lines = m_out.split('\n');
+        QCOMPARE(lines.first(), first);
+        const auto anyBegins = [&lines](const QString &start) {
+            return std::any_of(lines.cbegin(), lines.cend(),
+                               [&start](const QString &line) { return line.startsWith(start); });
+        };
+        for (const QString &line : shown)
+            QVERIFY2(anyBegins(line), qPrintable(line));
+        for (const QString &line : absent)
+            QVERIFY2(!anyBegins(line), qPrintable(line));
+        QCOMPARE(chip().commandLog().size(), 0);
+    }
+
+    // The bash completion that the program writes, run by bash on a command line being typed
+    // (the words so far; a trailing blank starts a new word). DIR/ is the test directory.
+    void bashCompletion_data()
+    {
+        QTest::addColumn<QString>("typed");
+        QTest::addColumn<QStringList>("offered");
+        const auto row = [](const char *typed, const QStringList &offered) {
+            QTest::newRow(typed) << typed << offered;
+        };
+        row("esp-utility fl", {"flash"});
+        row("esp-utility im", {"image-info"});
+        row("esp-utility --", {"--help", "--version"});
+        row("esp-utility flash --o", {"--only"});
+        row("esp-utility demo --o", {"--out"});
+        row("esp-utility ports --", {"--help", "--version", "--virtual"});
+        row("esp-utility flash --only ", {"application", "firmware"});
+        row("esp-utility --port /dev/x --virtual 2 er", {"erase"});
+        row("esp-utility erase ", {"all"});
+        row("esp-utility info --port ", {"/dev/pts/77", "/dev/pts/78"});
+        row("esp-utility image-info DIR/ap", {"DIR/app.bin"});
+        row("esp-utility pack DIR/scatter.txt -o DIR/s", {"DIR/scatter.txt"});
+        row("esp-utility read --scatter out.txt 0x0:0x1000 --p", {"--port"});
+        row("esp-utility frob --", {});
+        row("esp-utility image-info x --trailer ", {});
+    }
+
+    void bashCompletion()
+    {
+        QFETCH(QString, typed);
+        QFETCH(QStringList, offered);
+        QVERIFY(run(0, {"completion", "bash"}, false));
+        const QString script = writeTestFile(m_dir->path(), "completion.bash", m_out.toUtf8());
+        writeTestFile(m_dir->path(), "app.bin", "x");
+        writeTestFile(m_dir->path(), "scatter.txt", "{}");
+        typed.replace("DIR/", m_dir->path() + "/");
+        QStringList words = typed.split(' ');
+        QProcess bash;
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert("ESP_UTILITY_EXTRA_PORTS", "/dev/pts/77=SERIAL:/dev/pts/78");
+        bash.setProcessEnvironment(environment);
+        // bash -c SCRIPT NAME COMPLETION-FILE WORDS...: the words become COMP_WORDS.
+        const QString complete = R"(source "$1"; shift; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1));
+                                    _esp_utility; printf '%s\n' "${COMPREPLY[@]}")";
+        bash.start("bash", QStringList{"-c", complete, "bash", script} + words);
+        QVERIFY(bash.waitForFinished(10000) && bash.exitCode() == 0);
+        QStringList replies = QString::fromUtf8(bash.readAllStandardOutput()).split('\n');
+        replies.removeAll(QString());
+        replies.sort();
+        offered.replaceInStrings("DIR/", m_dir->path() + "/");
+        QCOMPARE(replies, offered);
     }
 };
 
