@@ -89,6 +89,38 @@ bool addVirtualChips(CliArguments *arguments, const QString &value, QString *err
     return true;
 }
 
+constexpr unsigned int lowestBaud = 9600;
+constexpr unsigned int highestBaud = 4000000;
+
+bool setBaud(CliArguments *arguments, const QString &value, QString *error)
+{
+    bool ok = false;
+    const unsigned int baud = value.toUInt(&ok);
+    if (!ok || baud < lowestBaud || baud > highestBaud) {
+        *error = QStringLiteral("--baud takes a rate from %1 to %2, not \"%3\"")
+                     .arg(lowestBaud)
+                     .arg(highestBaud)
+                     .arg(value);
+        return false;
+    }
+    arguments->baud = baud;
+    return true;
+}
+
+// --before and --after: `yes` sets the field, `no` clears it, anything else is refused.
+Applier choice(bool CliArguments::*field, const QString &name, const QString &yes,
+               const QString &no)
+{
+    return [field, name, yes, no](CliArguments *arguments, const QString &value, QString *error) {
+        if (value != yes && value != no) {
+            *error = QStringLiteral("%1 takes %2 or %3, not \"%4\"").arg(name, yes, no, value);
+            return false;
+        }
+        arguments->*field = value == yes;
+        return true;
+    };
+}
+
 bool setDescription(CliArguments *arguments, const QString &value, QString *)
 {
     arguments->description = value;
@@ -114,12 +146,59 @@ QVector<Option> makeOptions()
                QStringLiteral("the flash loader, when the scatter file has none (read, erase and "
                               "verify of a region need one)"),
                Completion::File),
+        option(QStringLiteral("--before"), QStringLiteral("reset|no-reset"),
+               choice(&CliArguments::resetBefore, QStringLiteral("--before"),
+                      QStringLiteral("reset"), QStringLiteral("no-reset")),
+               QStringLiteral("reset the board into its boot loader through DTR/RTS first "
+                              "(default: reset)"),
+               Completion::Words, {QStringLiteral("reset"), QStringLiteral("no-reset")}),
+        option(QStringLiteral("--after"), QStringLiteral("reset|stay"),
+               choice(&CliArguments::resetAfter, QStringLiteral("--after"), QStringLiteral("reset"),
+                      QStringLiteral("stay")),
+               QStringLiteral("reset the board when done so that its firmware runs (default: "
+                              "reset)"),
+               Completion::Words, {QStringLiteral("reset"), QStringLiteral("stay")}),
+        option(QStringLiteral("--baud"), QStringLiteral("N"), setBaud,
+               QStringLiteral("the line rate once the flash loader runs (default 460800; 115200 "
+                              "stays at the connection rate)"),
+               Completion::Words,
+               {QStringLiteral("115200"), QStringLiteral("230400"), QStringLiteral("460800"),
+                QStringLiteral("921600")}),
+        option(
+            QStringLiteral("--no-skip"), {},
+            [](CliArguments *arguments, const QString &, QString *) {
+                arguments->skipUnchanged = false;
+                return true;
+            },
+            QStringLiteral("write every block, also those the flash already holds")),
         option(QStringLiteral("-y|--yes"), {}, flag(&CliArguments::yes),
                QStringLiteral("answer Yes to the scatter file's questions (missing loader, "
                               "missing checksum); without it they are answered No")),
         option(QStringLiteral("--only"), QStringLiteral("firmware|application"),
                text(&CliArguments::only), QStringLiteral("write only the sections of this kind"),
                Completion::Words, {QStringLiteral("firmware"), QStringLiteral("application")}),
+        option(QStringLiteral("--flash-mode"), QStringLiteral("MODE"),
+               text(&CliArguments::flashMode),
+               QStringLiteral("a firmware header's flash mode: keep (default), qio, qout, dio or "
+                              "dout"),
+               Completion::Words,
+               {QStringLiteral("keep"), QStringLiteral("qio"), QStringLiteral("qout"),
+                QStringLiteral("dio"), QStringLiteral("dout")}),
+        option(QStringLiteral("--flash-size"), QStringLiteral("SIZE"),
+               text(&CliArguments::flashSize),
+               QStringLiteral("a firmware header's flash size: keep (default), detect (the "
+                              "chip's), or 512KB, 256KB, 1MB, 2MB, 4MB, 8MB, 16MB"),
+               Completion::Words,
+               {QStringLiteral("keep"), QStringLiteral("detect"), QStringLiteral("512KB"),
+                QStringLiteral("256KB"), QStringLiteral("1MB"), QStringLiteral("2MB"),
+                QStringLiteral("4MB"), QStringLiteral("8MB"), QStringLiteral("16MB")}),
+        option(QStringLiteral("--flash-freq"), QStringLiteral("FREQ"),
+               text(&CliArguments::flashFreq),
+               QStringLiteral("a firmware header's flash frequency: keep (default), 40m, 26m, "
+                              "20m or 80m"),
+               Completion::Words,
+               {QStringLiteral("keep"), QStringLiteral("40m"), QStringLiteral("26m"),
+                QStringLiteral("20m"), QStringLiteral("80m")}),
         option(QStringLiteral("--scatter"), QStringLiteral("OUT.txt"), text(&CliArguments::scatter),
                QStringLiteral("the scatter file to save; the regions' files go beside it"),
                Completion::File),
@@ -143,14 +222,18 @@ QVector<Command> makeCommands()
 {
     const QString stub = QStringLiteral("--stub");
     const QString yes = QStringLiteral("--yes");
-    const QStringList boards{QStringLiteral("--port"), QStringLiteral("--virtual"), stub};
+    // Every command that talks to boards: which, how to reach their boot loaders, and the loader.
+    const QStringList boards{QStringLiteral("--port"),   QStringLiteral("--virtual"),
+                             QStringLiteral("--before"), QStringLiteral("--after"),
+                             QStringLiteral("--baud"),   stub};
+    const QString noSkip = QStringLiteral("--no-skip");
     return {
         command(QStringLiteral("ports"), {{{}, QStringLiteral("list serial ports")}},
                 {QStringLiteral("--virtual")}),
         command(QStringLiteral("info"), {{{}, QStringLiteral("identify the boards")}}, boards),
         command(QStringLiteral("flash"),
                 {{QStringLiteral("SCATTER|PACKAGE"), QStringLiteral("write the active sections")}},
-                boards + QStringList{yes, QStringLiteral("--only")}, Completion::File),
+                boards + QStringList{yes, noSkip, QStringLiteral("--only")}, Completion::File),
         command(
             QStringLiteral("verify"),
             {{QStringLiteral("SCATTER|PACKAGE"),
@@ -166,6 +249,14 @@ QVector<Command> makeCommands()
                 {{QStringLiteral("all|ADDRESS:SIZE"),
                   QStringLiteral("erase the whole chip or a region")}},
                 boards, Completion::Words, {QStringLiteral("all")}),
+        command(QStringLiteral("write"),
+                {{QStringLiteral("ADDRESS FILE [ADDRESS FILE...]"),
+                  QStringLiteral("write plain images at addresses (a firmware image's header gets "
+                                 "--flash-mode, --flash-size and --flash-freq)")}},
+                boards + QStringList{noSkip, QStringLiteral("--flash-mode"),
+                                     QStringLiteral("--flash-size"),
+                                     QStringLiteral("--flash-freq")},
+                Completion::File),
         command(QStringLiteral("pack"),
                 {{QStringLiteral("SCATTER -o PACKAGE.zip --description TEXT"),
                   QStringLiteral("make a package of a loose scatter file")}},
@@ -178,7 +269,7 @@ QVector<Command> makeCommands()
         command(QStringLiteral("demo"),
                 {{QStringLiteral("[PACKAGE]"),
                   QStringLiteral("flash, verify and read back a package on a virtual chip")}},
-                boards + QStringList{yes, QStringLiteral("--out")}, Completion::File),
+                boards + QStringList{yes, noSkip, QStringLiteral("--out")}, Completion::File),
         command(QStringLiteral("completion"),
                 {{QStringLiteral("bash"), QStringLiteral("print the bash completion script")}}, {},
                 Completion::Words, {QStringLiteral("bash")}),
