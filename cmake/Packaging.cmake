@@ -42,8 +42,9 @@ string(CONCAT CPACK_DEBIAN_WIDGETS_DESCRIPTION
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME libesputility-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_COMPONENT_DEV_DEPENDS core widgets)
-# The installed CMake package and pkg-config files find Qt's development files.
-set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "qtbase5-dev, libqt5serialport5-dev")
+# The installed CMake package and pkg-config files find Qt's development files, and the static
+# virtual chip library links zlib.
+set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "qtbase5-dev, libqt5serialport5-dev, zlib1g-dev")
 string(CONCAT CPACK_DEBIAN_DEV_DESCRIPTION
     "ESP8266 flashing libraries: development files\n"
     "Headers, the CMake package EspUtility, pkg-config files and the virtual ESP8266 library "

@@ -217,7 +217,8 @@ private slots:
         // The first byte written changes behind the loader's back before the digest is asked.
         VirtualEsp8266 &chip = session.chip();
         chip.setCommandObserver([&chip](const VirtualEsp8266::CommandRecord &record) {
-            if (record.opcode == VirtualEsp8266::FlashData)
+            if (record.opcode == VirtualEsp8266::FlashData ||
+                record.opcode == VirtualEsp8266::FlashDeflData)
                 chip.setFlash(0x20000, "X");
         });
         QByteArray data(0x1000, 'd');

@@ -299,12 +299,12 @@ private slots:
     void failureLatchesUntilTheNextConnect_data()
     {
         QTest::addColumn<QString>("fault");
-        QTest::addColumn<int>("blocks"); // FLASH_DATA received before the write stopped
+        QTest::addColumn<int>("blocks"); // data blocks received before the write stopped
         QTest::addColumn<QString>("message");
-        // (the loader refuses compressed data first, then takes the blocks uncompressed)
+        // (the loader takes the data compressed)
         QTest::newRow("error status") << "status" << 1 << "Command failed: 199";
         QTest::newRow("port vanishes")
-            << "vanish" << 1 << toolError("No response for 0x03 command", 1);
+            << "vanish" << 1 << toolError("No response for 0x11 command", 1);
         // Only the first of the synchronisation's reports is shown, once the connect failed.
         QTest::newRow("no answer to connect")
             << "silence" << 0
@@ -334,8 +334,7 @@ private slots:
         }
         chip.clearCounters();
         if (fault == "status")
-            chip.armErrorStatus(
-                3, VirtualEsp8266::StubBadSequence); // DEFL_BEGIN, FLASH_BEGIN, block 0
+            chip.armErrorStatus(2, VirtualEsp8266::StubBadSequence); // DEFL_BEGIN, block 0
         else if (fault == "vanish")
             chip.armVanishAfterBytes(0x6000); // inside the second block
         else if (fault == "info")
@@ -347,7 +346,10 @@ private slots:
         QCOMPARE(outcome.errors, QStringList{message});
         // The command stops at the first failure: no further block, no MD5 request; of the
         // identification one read request (14 bytes framed, a few more escaped), not dozens.
-        QTEST(chip.counters().commands.value(VirtualEsp8266::FlashData), "blocks");
+        const auto &commands = chip.counters().commands;
+        QTEST(commands.value(VirtualEsp8266::FlashData) +
+                  commands.value(VirtualEsp8266::FlashDeflData),
+              "blocks");
         QCOMPARE(chip.counters().commands.value(VirtualEsp8266::SpiFlashMd5), 0);
         if (fault == "info") {
             QCOMPARE(outcome.results.size(), 5); // the five results still come
