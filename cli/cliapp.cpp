@@ -1,6 +1,7 @@
 #include "cli/cliapp.h"
 
 #include "cli/boardsession.h"
+#include "cli/clicommandtable.h"
 #include "cli/cliconsole.h"
 #include "cli/eraseoperation.h"
 #include "cli/flashoperation.h"
@@ -9,6 +10,7 @@
 #include "cli/scatterinput.h"
 #include "cli/verifyoperation.h"
 #include "cli/virtualboards.h"
+#include "cli/writeoperation.h"
 #include "flasher/esppackagewriter.h"
 #include "flasher/scatterloader.h"
 #include "image/espimageparser.h"
@@ -21,6 +23,7 @@
 #include <QEventLoop>
 #include <QFileInfo>
 #include <QSet>
+#include <QStandardPaths>
 
 namespace {
 
@@ -47,11 +50,49 @@ FlashPlan::Tone toneOf(EspPackageWriter::Severity severity)
     return FlashPlan::Tone::Error;
 }
 
-// Where the build puts the demo package, relative to this program.
+// Where an installation keeps the demo package, relative to this program.
+QString installedDemoPackage()
+{
+    return QDir::cleanPath(
+        QDir(QCoreApplication::applicationDirPath())
+            .absoluteFilePath(QStringLiteral(ESP_INSTALLED_DATA_DIR "/demo.zip")));
+}
+
+// The build tree's demo package when this program runs from there, else the installed one.
 QString defaultDemoPackage()
 {
-    return QDir(QCoreApplication::applicationDirPath())
-        .absoluteFilePath(QStringLiteral("../demo/demo.zip"));
+    const QString built = QDir(QCoreApplication::applicationDirPath())
+                              .absoluteFilePath(QStringLiteral("../demo/demo.zip"));
+    return QFileInfo(built).isFile() ? built : installedDemoPackage();
+}
+
+// The read-back goes beside the package, except beside the installed one: that folder belongs
+// to the system's package manager, so it goes to the user's cache.
+QString defaultDemoOutput(const QString &package)
+{
+    if (QDir::cleanPath(QFileInfo(package).absoluteFilePath()) == installedDemoPackage()) {
+        return QDir(QStandardPaths::writableLocation(QStandardPaths::CacheLocation))
+            .absoluteFilePath(QStringLiteral("demo-readback"));
+    }
+    return QFileInfo(package).absoluteDir().absoluteFilePath(QStringLiteral("readback"));
+}
+
+// The loader the build makes for real boards, else the virtual chip's stand-in, beside this
+// program in the build tree or where an installation keeps them; empty when there is none (the
+// write then goes through the ROM loader).
+QString defaultLoaderPath()
+{
+    const QDir program(QCoreApplication::applicationDirPath());
+    const QString installed = QStringLiteral(ESP_INSTALLED_DATA_DIR);
+    for (const QString &path :
+         {QStringLiteral("../stub/vendor/esp8266_loader_stub.elf"),
+          QStringLiteral("../stub/esp8266_loader_stub.elf"),
+          installed + QStringLiteral("/esp8266_loader_stub.elf"),
+          installed + QStringLiteral("/virtualchip/esp8266_loader_stub.elf")}) {
+        if (QFileInfo(program.absoluteFilePath(path)).isFile())
+            return QDir::cleanPath(program.absoluteFilePath(path));
+    }
+    return QString();
 }
 
 QString padded(const QString &text, int width)
@@ -75,7 +116,10 @@ int CliApp::run()
         return ExitOk;
     }
     if (m_args.help) {
-        m_console.plain(CliArguments::usage().trimmed());
+        const CliCommandTable::Command *command = CliCommandTable::findCommand(m_args.command);
+        m_console.plain(
+            (command ? CliCommandTable::commandHelp(*command) : CliCommandTable::globalHelp())
+                .trimmed());
         return ExitOk;
     }
     const QString &command = m_args.command;
@@ -99,6 +143,10 @@ int CliApp::run()
         return runErase();
     if (command == QLatin1String("demo"))
         return runDemo();
+    if (command == QLatin1String("write"))
+        return runWrite();
+    if (command == QLatin1String("completion"))
+        return runCompletion();
     return usage(QStringLiteral("unknown command %1 (see esp-utility --help)").arg(command));
 }
 
@@ -108,12 +156,19 @@ int CliApp::usage(const QString &message)
     return ExitUsage;
 }
 
-bool CliApp::needArguments(int count, const QString &form)
+bool CliApp::needArguments(int count)
 {
     if (m_args.positional.size() == count)
         return true;
-    usage(QStringLiteral("usage: esp-utility %1").arg(form));
+    usage(commandUsage());
     return false;
+}
+
+QString CliApp::commandUsage() const
+{
+    const CliCommandTable::Command *command = CliCommandTable::findCommand(m_args.command);
+    return QStringLiteral("usage: %1 (see esp-utility %2 --help)")
+        .arg(CliCommandTable::synopsis(*command), command->name);
 }
 
 bool CliApp::checkLoaderOption(bool required, int *exitCode)
@@ -200,15 +255,16 @@ bool CliApp::resolveBoards(int *exitCode)
             m_console.plain(QStringLiteral("Virtual ESP8266 started on %1").arg(port));
         m_ports = m_virtual->ports();
     }
-    const QStringList available = QComPort::availableComPorts();
-    for (const QString &port : m_args.ports) {
-        if (m_ports.contains(port)) {
-            *exitCode = usage(QStringLiteral("port %1 is given twice").arg(port));
+    for (const QString &given : m_args.ports) {
+        // ttyUSB0, /dev/ttyUSB0 and a /dev/serial/by-id link all name the same port.
+        const QString port = QComPort::resolvePortName(given);
+        if (port.isEmpty()) {
+            *exitCode =
+                usage(QStringLiteral("no serial port %1 (see esp-utility ports)").arg(given));
             return false;
         }
-        if (!available.contains(port)) {
-            *exitCode =
-                usage(QStringLiteral("no serial port %1 (see esp-utility ports)").arg(port));
+        if (m_ports.contains(port)) {
+            *exitCode = usage(QStringLiteral("port %1 is given twice").arg(given));
             return false;
         }
         m_ports << port;
@@ -231,6 +287,12 @@ int CliApp::runBoards(const OperationFactory &factory, bool loaderFromScatter)
     };
     for (const QString &port : qAsConst(m_ports)) {
         auto session = std::make_unique<BoardSession>(port, m_console);
+        BoardSession::LineOptions line;
+        line.resetBefore = m_args.resetBefore;
+        line.resetAfter = m_args.resetAfter;
+        line.baud = m_args.baud;
+        line.skipUnchanged = m_args.skipUnchanged;
+        session->setLineOptions(line);
         if (loaderFromScatter && m_input)
             session->setLoaderInput(m_input.get());
         else if (!m_loaderFile.isEmpty())
@@ -292,17 +354,42 @@ int CliApp::runPorts()
     int exitCode = ExitOk;
     if (m_args.virtualCount > 0 && !resolveBoards(&exitCode))
         return exitCode;
-    const QStringList ports = QComPort::availableComPorts();
-    if (ports.isEmpty())
+    const QVector<QComPort::PortEntry> ports = QComPort::availablePortEntries();
+    if (ports.isEmpty()) {
         m_console.plain(QStringLiteral("No serial ports found"));
-    for (const QString &port : ports)
-        m_console.plain(port);
+        return ExitOk;
+    }
+    const QString none = QStringLiteral("-");
+    const auto orNone = [&none](const QString &text) { return text.isEmpty() ? none : text; };
+    QVector<QStringList> rows{{QStringLiteral("PORT"), QStringLiteral("DESCRIPTION"),
+                               QStringLiteral("MANUFACTURER"), QStringLiteral("VID:PID"),
+                               QStringLiteral("SERIAL")}};
+    for (const QComPort::PortEntry &entry : ports) {
+        const QString ids = entry.vendorId || entry.productId
+                                ? QStringLiteral("%1:%2")
+                                      .arg(entry.vendorId, 4, 16, QLatin1Char('0'))
+                                      .arg(entry.productId, 4, 16, QLatin1Char('0'))
+                                : none;
+        rows.append({entry.path, orNone(entry.description), orNone(entry.manufacturer), ids,
+                     orNone(entry.serialNumber)});
+    }
+    QVector<int> widths(rows.first().size(), 0);
+    for (const QStringList &row : rows) {
+        for (int i = 0; i < row.size(); ++i)
+            widths[i] = qMax(widths[i], row.at(i).size());
+    }
+    for (const QStringList &row : rows) {
+        QString line;
+        for (int i = 0; i + 1 < row.size(); ++i)
+            line += padded(row.at(i), widths.at(i) + 2);
+        m_console.plain(line + row.last());
+    }
     return ExitOk;
 }
 
 int CliApp::runImageInfo()
 {
-    if (!needArguments(1, QStringLiteral("image-info FILE [--trailer OFFSET]")))
+    if (!needArguments(1))
         return ExitUsage;
     const QString path = m_args.positional.first();
     const QFileInfo info(path);
@@ -338,8 +425,7 @@ int CliApp::runImageInfo()
 
 int CliApp::runPack()
 {
-    if (!needArguments(1,
-                       QStringLiteral("pack SCATTER -o PACKAGE.zip --description TEXT [--trim]")))
+    if (!needArguments(1))
         return ExitUsage;
     if (m_args.output.isEmpty())
         return usage(QStringLiteral("pack needs -o PACKAGE.zip"));
@@ -367,7 +453,7 @@ int CliApp::runPack()
 
 int CliApp::runInfo()
 {
-    if (!needArguments(0, QStringLiteral("info [--port PATH]... [--virtual [N]] [--stub FILE]")))
+    if (!needArguments(0))
         return ExitUsage;
     int exitCode = ExitOk;
     if (!checkLoaderOption(false, &exitCode) || !resolveBoards(&exitCode))
@@ -379,7 +465,7 @@ int CliApp::runInfo()
 
 int CliApp::runFlash()
 {
-    if (!needArguments(1, QStringLiteral("flash SCATTER|PACKAGE [--only firmware|application]")))
+    if (!needArguments(1))
         return ExitUsage;
     FlashOperation::Kinds kinds = FlashOperation::Kinds::All;
     if (m_args.only == QLatin1String("firmware"))
@@ -406,7 +492,7 @@ int CliApp::runFlash()
 
 int CliApp::runVerify()
 {
-    if (!needArguments(1, QStringLiteral("verify SCATTER|PACKAGE | verify ADDRESS:SIZE")))
+    if (!needArguments(1))
         return ExitUsage;
     const QString target = m_args.positional.first();
     int exitCode = ExitOk;
@@ -459,7 +545,7 @@ int CliApp::runRead()
 
 int CliApp::runErase()
 {
-    if (!needArguments(1, QStringLiteral("erase all|ADDRESS:SIZE")))
+    if (!needArguments(1))
         return ExitUsage;
     const QString target = m_args.positional.first();
     const QString text = target == QLatin1String("all")
@@ -483,10 +569,45 @@ int CliApp::runErase()
                      false);
 }
 
+int CliApp::runWrite()
+{
+    const QStringList &arguments = m_args.positional;
+    if (arguments.isEmpty() || arguments.size() % 2 != 0)
+        return usage(commandUsage());
+    QVector<WriteOperation::Item> items;
+    for (int i = 0; i < arguments.size(); i += 2) {
+        bool ok = false;
+        const unsigned int address = parseUnsignedInteger(arguments.at(i), &ok);
+        if (!ok)
+            return usage(QStringLiteral("%1 is not an address").arg(arguments.at(i)));
+        const QFileInfo file(arguments.at(i + 1));
+        if (!file.isFile() || !file.isReadable())
+            return usage(QStringLiteral("cannot read %1").arg(arguments.at(i + 1)));
+        items.append({address, file.absoluteFilePath()});
+    }
+    WriteOperation::FlashOptions options;
+    options.mode = m_args.flashMode;
+    options.size = m_args.flashSize;
+    options.frequency = m_args.flashFreq;
+    QString error;
+    if (!WriteOperation::checkOptions(options, &error))
+        return usage(error);
+    int exitCode = ExitOk;
+    if (!checkLoaderOption(false, &exitCode))
+        return exitCode;
+    if (m_loaderFile.isEmpty())
+        m_loaderFile = defaultLoaderPath();
+    if (!resolveBoards(&exitCode))
+        return exitCode;
+    return runBoards(
+        [items, options] { return operations(std::make_unique<WriteOperation>(items, options)); },
+        false);
+}
+
 int CliApp::runDemo()
 {
     if (m_args.positional.size() > 1)
-        return usage(QStringLiteral("usage: esp-utility demo [PACKAGE] [--out DIR]"));
+        return usage(commandUsage());
     const QString package = m_args.positional.value(0, defaultDemoPackage());
     if (!QFileInfo(package).isFile())
         return usage(QStringLiteral("cannot read the demo package %1 (build it with scripts/build)")
@@ -497,9 +618,7 @@ int CliApp::runDemo()
     if (!checkLoaderOption(false, &exitCode) || !loadScatter(package, &exitCode))
         return exitCode;
 
-    const QDir out(m_args.out.isEmpty() ? QFileInfo(package).absoluteDir().absoluteFilePath(
-                                              QStringLiteral("readback"))
-                                        : m_args.out);
+    const QDir out(m_args.out.isEmpty() ? defaultDemoOutput(package) : m_args.out);
     if (!QDir().mkpath(out.absolutePath()))
         return usage(QStringLiteral("cannot create the directory %1").arg(out.absolutePath()));
     QString error;
@@ -539,5 +658,13 @@ int CliApp::runDemo()
         QStringLiteral("  flash it again:    esp-utility flash %1 --virtual").arg(readBack));
     m_console.plain(QStringLiteral("  on a real board:   esp-utility flash %1 --port /dev/ttyUSB0")
                         .arg(package));
+    return ExitOk;
+}
+
+int CliApp::runCompletion()
+{
+    if (m_args.positional != QStringList{QStringLiteral("bash")})
+        return usage(commandUsage());
+    m_console.plain(CliCommandTable::bashCompletion().trimmed());
     return ExitOk;
 }

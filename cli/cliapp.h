@@ -42,10 +42,15 @@ private:
     int runVerify();
     int runRead();
     int runErase();
+    int runWrite();
     int runDemo();
+    int runCompletion();
 
     int usage(const QString &message);
-    bool needArguments(int count, const QString &form);
+    // False after a usage error when the command did not get `count` arguments.
+    bool needArguments(int count);
+    // "usage: esp-utility COMMAND ARGUMENTS (see ...)" for the command being run.
+    QString commandUsage() const;
     bool loadScatter(const QString &path, int *exitCode);
     bool checkLoaderOption(bool required, int *exitCode);
     bool parseRegions(const QStringList &texts, QVector<FlashRegion> *regions, int *exitCode);

@@ -9,6 +9,7 @@
 #include "serial/qcomport.h"
 #include "widgets/flashtypeselector.h"
 #include "widgets/qautoclosemessagebox.h"
+#include "widgets/textbrowserscroll.h"
 #include "widgets/texthelpers.h"
 #include "wizard/espscatterwizard.h"
 #include "worker/esptoolworker.h"

@@ -1,9 +1,9 @@
 #pragma once
 
-#include "esputility_global.h"
-#include "flasher/flashplan.h"
-#include "flasher/scatterprompts.h"
-#include "flasher/scattersection.h"
+#include <esputility/esputility_global.h>
+#include <esputility/flashplan.h>
+#include <esputility/scatterprompts.h>
+#include <esputility/scattersection.h>
 
 #include <QDialog>
 #include <QJsonObject>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "esputility_global.h"
+#include <esputility/esputility_core_global.h>
 
 #include <QByteArray>
 #include <QString>
@@ -12,7 +12,7 @@ class QuaZip;
 
 // A package opened for reading: a zip archive whose comment is the package description and
 // whose entries are protected with a password derived from that description.
-class ESPUTILITY_EXPORT EspPackage
+class ESPUTILITY_CORE_EXPORT EspPackage
 {
 public:
     // Outcome of reading one entry; the dialog shows a different text for each.

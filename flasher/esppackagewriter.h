@@ -1,7 +1,7 @@
 #pragma once
 
-#include "esputility_global.h"
-#include "flasher/scattersection.h"
+#include <esputility/esputility_core_global.h>
+#include <esputility/scattersection.h>
 
 #include <QByteArray>
 #include <QFile>
@@ -23,7 +23,7 @@ class QuaZipFile;
 // Every entry is deflated and protected with the password of the description; "scatter.txt"
 // is written last, by finish(). A failed step logs its error and leaves the partly written
 // archive as it is (it is closed when the writer goes away).
-class ESPUTILITY_EXPORT EspPackageWriter
+class ESPUTILITY_CORE_EXPORT EspPackageWriter
 {
 public:
     enum class Severity { Success, Notice, Error };

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "esputility_global.h"
+#include <esputility/esputility_core_global.h>
 
 #include <QJsonObject>
 #include <QString>
@@ -13,7 +13,7 @@ class EspPackage;
 // package (any path ending in ".zip", whatever its letter case). Validation is the
 // ScatterValidator's job; this class only gets the document and, for a package, keeps the
 // archive open so that the caller can take it over.
-class ESPUTILITY_EXPORT ScatterLoader
+class ESPUTILITY_CORE_EXPORT ScatterLoader
 {
 public:
     ScatterLoader();

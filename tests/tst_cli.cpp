@@ -180,7 +180,9 @@ private slots:
         const QByteArray firmware = firmwareImage(true);
         int begins = 0;
         chip().setCommandObserver([&](const VirtualEsp8266::CommandRecord &record) {
-            if (record.opcode == VirtualEsp8266::FlashBegin && ++begins == 2)
+            const bool begin = record.opcode == VirtualEsp8266::FlashBegin ||
+                               record.opcode == VirtualEsp8266::FlashDeflBegin;
+            if (begin && ++begins == 2)
                 chip().setFlash(0, QByteArray(firmware.size(), char(0xFF)));
         });
         QVERIFY(run(1, {"flash", writeScatterSet()}));
@@ -327,6 +329,54 @@ private slots:
         QVERIFY(summaryRow(m_chip->port()).contains(QRegularExpression("^- +- +FAILED")));
     }
 
+    void writePlainImages()
+    {
+        const QString firmware = writeTestFile(m_dir->path(), "fw.bin", firmwareImage());
+        const QByteArray data = EspImageBuilder::pseudoRandomBytes(0x9000, 4);
+        const QString dataPath = writeTestFile(m_dir->path(), "data.bin", data);
+        // The port through a link, the way /dev/serial/by-id names boards.
+        QVERIFY(QFile::link(m_chip->port(), path("by-id-link")));
+        QVERIFY(run(0,
+                    {"write", "0x0", firmware, "0x20000", dataPath, "--flash-mode", "dio",
+                     "--flash-size", "detect", "--port", path("by-id-link"), "--baud", "921600"},
+                    false));
+        QCOMPARE(chip().flash(0, firmwareImage().size()), firmwareImage(true));
+        QCOMPARE(chip().flash(0x20000, 0x9000), data);
+        QVERIFY2(out("Start writing firmware from " + firmware +
+                     " to 0x00000000 (flash memory size 4Mb, mode dio, frequency 40MHz)"),
+                 qPrintable(m_out));
+        QVERIFY(summaryRow(m_chip->port()).endsWith("ok (2 image(s) written)"));
+        QCOMPARE(chip().baudRate(), 921600u); // the loader switched, and was not reset after
+        // A pseudo-terminal has no modem lines: one line says the board is not reset.
+        QCOMPARE(m_out.count("has no modem lines"), 1);
+
+        // The same again writes nothing; --no-skip writes it all; without resets, no such line.
+        const QString withoutDev = m_chip->port().mid(QStringLiteral("/dev/").size());
+        QVERIFY(run(0,
+                    {"write", "0x20000", dataPath, "--port", withoutDev, "--before", "no-reset",
+                     "--after", "stay"},
+                    false));
+        QVERIFY(out("1 of 1 block(s) of 64 KiB unchanged, nothing written"));
+        QCOMPARE(m_out.count("has no modem lines"), 0);
+        chip().reset();
+        chip().clearCounters();
+        QVERIFY(run(0, {"write", "0x20000", dataPath, "--no-skip", "--baud", "115200"}));
+        QVERIFY(!m_out.contains("unchanged"));
+        QCOMPARE(chip().counters().erases.size(), 1);
+        QCOMPARE(chip().baudRate(), 115200u); // 115200: no switch
+    }
+
+    void portsShowTheirDetails()
+    {
+        QVERIFY(run(0, {"ports"}, false));
+        QVERIFY(m_out.startsWith("PORT "));
+        QVERIFY(m_out.section('\n', 0, 0)
+                    .contains(
+                        QRegularExpression("^PORT +DESCRIPTION +MANUFACTURER +VID:PID +SERIAL$")));
+        QVERIFY(m_out.contains(QRegularExpression(
+            "\n" + QRegularExpression::escape(m_chip->port()) + " +- +- +- +-\n")));
+    }
+
     void imageInfo()
     {
         EspImageBuilder builder;
@@ -395,8 +445,24 @@ private slots:
         row("frob", "unknown command frob");
         row("info --bogus", "unknown option --bogus");
         row("info --port", "--port needs a value");
-        row("info --yes=1", "--yes takes no value");
-        row("info --baud 9600", "--baud is not supported");
+        row("flash --yes=1", "--yes takes no value");
+        row("info --baud fast", "--baud takes a rate from 9600 to 4000000, not \"fast\"");
+        row("info --before never", "--before takes reset or no-reset, not \"never\"");
+        row("info --after", "--after needs a value");
+        row("flash --no-skip=1", "--no-skip takes no value");
+        row("ports --trim", "ports takes no option --trim (see esp-utility ports --help)");
+        row("image-info DIR/app.bin --port PORT", "image-info takes no option --port");
+        row("info --no-skip --port PORT", "info takes no option --no-skip");
+        row("flash DIR/good.txt --flash-mode dio --port PORT",
+            "flash takes no option --flash-mode");
+        row("--port PORT flash", "usage: esp-utility flash SCATTER|PACKAGE");
+        row("--virtual 2 frob", "unknown command frob");
+        row("completion zsh", "usage: esp-utility completion bash");
+        row("write 0x0", "usage: esp-utility write ADDRESS FILE");
+        row("write zz DIR/app.bin --port PORT", "zz is not an address");
+        row("write 0x0 DIR/none.bin --port PORT", "cannot read DIR/none.bin");
+        row("write 0x0 DIR/app.bin --flash-mode fast --port PORT", "--flash-mode takes keep");
+        row("write 0x0 DIR/app.bin --flash-size 3MB --port PORT", "--flash-size takes keep");
         row("info --virtual=0", "--virtual takes");
         row("info", "no board: pass --port PATH or --virtual");
         row("info --port /dev/none", "no serial port /dev/none");
@@ -432,6 +498,7 @@ private slots:
         row("image-info DIR/none.bin", "cannot read DIR/none.bin");
         row("image-info DIR/app.bin --trailer x", "--trailer takes an offset");
         row("demo DIR/none.zip", "cannot read the demo package");
+        row("demo DIR/a.zip DIR/b.zip", "usage: esp-utility demo [PACKAGE]");
     }
 
     void badArguments()
@@ -463,6 +530,112 @@ private slots:
                  qPrintable(m_err));
         QCOMPARE(chip().commandLog().size(), 0);
         QVERIFY(!QFile::exists(path("p.zip")));
+    }
+
+    // Help, wherever --help stands: the command's forms and exactly the options it takes.
+    void help_data()
+    {
+        QTest::addColumn<QString>("first");     // the first line
+        QTest::addColumn<QStringList>("shown"); // lines that begin so
+        QTest::addColumn<QStringList>("absent");
+        QTest::newRow("--help") << "Usage: esp-utility COMMAND [ARGUMENTS] [OPTIONS]"
+                                << QStringList{"  flash SCATTER|PACKAGE", "  completion bash",
+                                               "  --only firmware|application", "  --out DIR"}
+                                << QStringList{};
+        QTest::newRow("flash --help")
+            << "Usage: esp-utility flash SCATTER|PACKAGE [OPTIONS]"
+            << QStringList{"  --only firmware|application", "  --port PATH", "  -y, --yes"}
+            << QStringList{"  --trailer", "  --out", "  ports"};
+        QTest::newRow("--help verify")
+            << "Usage: esp-utility verify SCATTER|PACKAGE [OPTIONS]"
+            << QStringList{"   or: esp-utility verify ADDRESS:SIZE [OPTIONS]", "  --stub FILE"}
+            << QStringList{"  --only", "  --scatter"};
+        QTest::newRow("image-info -h") << "Usage: esp-utility image-info FILE [OPTIONS]"
+                                       << QStringList{"  --trailer OFFSET", "  -h, --help"}
+                                       << QStringList{"  --port", "  --virtual", "  --stub"};
+        QTest::newRow("write --help")
+            << "Usage: esp-utility write ADDRESS FILE [ADDRESS FILE...] [OPTIONS]"
+            << QStringList{"  --flash-size SIZE", "  --no-skip", "  --baud N"}
+            << QStringList{"  --only", "  --yes"};
+        QTest::newRow("pack --help") << "Usage: esp-utility pack SCATTER -o PACKAGE.zip "
+                                        "--description TEXT [OPTIONS]"
+                                     << QStringList{"  -o, --output PACKAGE.zip", "  --trim"}
+                                     << QStringList{"  --port", "  --only"};
+    }
+
+    void help()
+    {
+        QFETCH(QString, first);
+        QFETCH(QStringList, shown);
+        QFETCH(QStringList, absent);
+        QVERIFY(run(0, QString(QTest::currentDataTag()).split(' '), false));
+        QVERIFY(m_err.isEmpty());
+        const QStringList lines = m_out.split('\n');
+        QCOMPARE(lines.first(), first);
+        const auto anyBegins = [&lines](const QString &start) {
+            return std::any_of(lines.cbegin(), lines.cend(),
+                               [&start](const QString &line) { return line.startsWith(start); });
+        };
+        for (const QString &line : shown)
+            QVERIFY2(anyBegins(line), qPrintable(line));
+        for (const QString &line : absent)
+            QVERIFY2(!anyBegins(line), qPrintable(line));
+        QCOMPARE(chip().commandLog().size(), 0);
+    }
+
+    // The bash completion that the program writes, run by bash on a command line being typed
+    // (the words so far; a trailing blank starts a new word). DIR/ is the test directory.
+    void bashCompletion_data()
+    {
+        QTest::addColumn<QString>("typed");
+        QTest::addColumn<QStringList>("offered");
+        const auto row = [](const char *typed, const QStringList &offered) {
+            QTest::newRow(typed) << typed << offered;
+        };
+        row("esp-utility fl", {"flash"});
+        row("esp-utility im", {"image-info"});
+        row("esp-utility --", {"--help", "--version"});
+        row("esp-utility flash --o", {"--only"});
+        row("esp-utility demo --o", {"--out"});
+        row("esp-utility ports --", {"--help", "--version", "--virtual"});
+        row("esp-utility flash --only ", {"application", "firmware"});
+        row("esp-utility --port /dev/x --virtual 2 er", {"erase"});
+        row("esp-utility erase ", {"all"});
+        row("esp-utility info --port ", {"/dev/pts/77", "/dev/pts/78"});
+        row("esp-utility image-info DIR/ap", {"DIR/app.bin"});
+        row("esp-utility pack DIR/scatter.txt -o DIR/s", {"DIR/scatter.txt"});
+        row("esp-utility read --scatter out.txt 0x0:0x1000 --p", {"--port"});
+        row("esp-utility info --before ", {"no-reset", "reset"});
+        row("esp-utility write 0x0 DIR/app.bin --baud 9", {"921600"});
+        row("esp-utility write --flash-size d", {"detect"});
+        row("esp-utility frob --", {});
+        row("esp-utility image-info x --trailer ", {});
+    }
+
+    void bashCompletion()
+    {
+        QFETCH(QString, typed);
+        QFETCH(QStringList, offered);
+        QVERIFY(run(0, {"completion", "bash"}, false));
+        const QString script = writeTestFile(m_dir->path(), "completion.bash", m_out.toUtf8());
+        writeTestFile(m_dir->path(), "app.bin", "x");
+        writeTestFile(m_dir->path(), "scatter.txt", "{}");
+        typed.replace("DIR/", m_dir->path() + "/");
+        QStringList words = typed.split(' ');
+        QProcess bash;
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert("ESP_UTILITY_EXTRA_PORTS", "/dev/pts/77=SERIAL:/dev/pts/78");
+        bash.setProcessEnvironment(environment);
+        // bash -c SCRIPT NAME COMPLETION-FILE WORDS...: the words become COMP_WORDS.
+        const QString complete = R"(source "$1"; shift; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1));
+                                    _esp_utility; printf '%s\n' "${COMPREPLY[@]}")";
+        bash.start("bash", QStringList{"-c", complete, "bash", script} + words);
+        QVERIFY(bash.waitForFinished(10000) && bash.exitCode() == 0);
+        QStringList replies = QString::fromUtf8(bash.readAllStandardOutput()).split('\n');
+        replies.removeAll(QString());
+        replies.sort();
+        offered.replaceInStrings("DIR/", m_dir->path() + "/");
+        QCOMPARE(replies, offered);
     }
 };
 

@@ -242,7 +242,8 @@ void TestEspFlasherFlash::failureThenReconnect()
     failed.replace("{port}", chip->port());
     if (mishap == "chip vanishes mid-write") {
         board().setCommandObserver([this](const VirtualEsp8266::CommandRecord &record) {
-            if (record.opcode == VirtualEsp8266::FlashBegin)
+            if (record.opcode == VirtualEsp8266::FlashBegin ||
+                record.opcode == VirtualEsp8266::FlashDeflBegin)
                 board().armVanishAfterBytes(4000);
         });
     } else if (mishap == "stub refused") {
@@ -444,7 +445,9 @@ void TestEspFlasherFlash::upgrade()
             if (mishap == "a later write wipes an earlier one") {
                 auto begins = std::make_shared<int>(0);
                 board().setCommandObserver([this, begins](const auto &record) {
-                    if (record.opcode == VirtualEsp8266::FlashBegin && ++*begins == 2)
+                    const bool begin = record.opcode == VirtualEsp8266::FlashBegin ||
+                                       record.opcode == VirtualEsp8266::FlashDeflBegin;
+                    if (begin && ++*begins == 2)
                         board().setFlash(0, QByteArray(files.patched.size(), '\xFF'));
                 });
             }

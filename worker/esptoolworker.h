@@ -1,6 +1,6 @@
 #pragma once
 
-#include "esputility_global.h"
+#include <esputility/esputility_core_global.h>
 
 #include <QList>
 #include <QObject>
@@ -14,7 +14,7 @@ class QIODevice;
 // An already open device (a package entry copied into memory, a buffer) handed to the worker
 // instead of a file path. The device is not owned: the caller keeps it alive until the command's
 // finished() arrives and does not touch it meanwhile.
-struct ESPUTILITY_EXPORT IODeviceDescriptor
+struct ESPUTILITY_CORE_EXPORT IODeviceDescriptor
 {
     QIODevice *device = nullptr;
     QString description; // the name used in messages
@@ -22,12 +22,12 @@ struct ESPUTILITY_EXPORT IODeviceDescriptor
 Q_DECLARE_METATYPE(IODeviceDescriptor)
 
 // Display name of a "file" parameter: a descriptor's description, or the path itself.
-ESPUTILITY_EXPORT QString gFileDescrString(const QVariant &file);
+ESPUTILITY_CORE_EXPORT QString gFileDescrString(const QVariant &file);
 
 // Runs one boot-loader operation at a time in the thread it lives in. Every execute() is
 // answered by exactly one finished(). The first tool error after a successful connect becomes
 // one error() text; later commands fail without a new text until the next successful connect.
-class ESPUTILITY_EXPORT ESPToolWorker : public QObject
+class ESPUTILITY_CORE_EXPORT ESPToolWorker : public QObject
 {
     Q_OBJECT
 
@@ -46,6 +46,16 @@ public:
     // The single parameter of "erase flash" that asks for the whole chip.
     static constexpr unsigned int wholeChipErase = 0x911;
 
+    // Keys of the optional QVariantMap that "connect" takes after the port name.
+    static constexpr const char *ResetOption = "reset"; // bool, default true: DTR/RTS reset
+    // uint, default 0 (none): the line rate once the flash loader runs
+    static constexpr const char *BaudOption = "baud";
+    // bool, default true: writes leave unchanged 64 KiB blocks alone
+    static constexpr const char *SkipUnchangedOption = "skipUnchanged";
+    // Key of the optional QVariantMap that "disconnect" takes: bool, default false, reset the
+    // board first so that its firmware runs.
+    static constexpr const char *HardResetOption = "hardReset";
+
     explicit ESPToolWorker(QObject *parent = nullptr);
 
     static QString operationName(int cmd);
@@ -54,6 +64,8 @@ signals:
     void error(const QString &reason);
     void progress(int total, int current);
     void finished(bool result, int cmd, const QVariantList &params);
+    // News for the log that is no failure (a reset skipped, a baud fallback, unchanged blocks).
+    void notice(const QString &text);
     // The port went away while no command ran (a command it breaks reports that itself).
     void connectionLost(const QString &reason);
 
@@ -75,6 +87,8 @@ private:
     void run(int cmd, const QVariantList &params);
     void report(const QString &text);
     void doConnect(const QVariantList &params);
+    void doDisconnect(const QVariantList &params);
+    void switchBaudrate();
     void doLoadStub(const QVariantList &params);
     void doGetInfo();
     void doWriteFirmware(const QVariantList &params);
@@ -97,4 +111,6 @@ private:
     // Every tool error, shown or not: long operations stop at the first new one.
     quint64 toolReports = 0;
     QString connectError;
+    // The rate asked for with "connect", applied once the loader runs (0: stay).
+    unsigned int loaderBaud = 0;
 };

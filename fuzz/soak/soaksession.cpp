@@ -70,14 +70,16 @@ int pickFaultKind(QRandomGenerator &random)
 }
 
 // The terminals of the chips alive in this process, as the worker finds ports: through the extra
-// ports variable, which every session shares.
+// ports variable, which every session shares. A terminal's name comes free when its chip stops,
+// and the next chip may get it while the session of the first has yet to withdraw it: each
+// session adds and removes one entry of its own.
 void updatePublishedPorts(const QString &add, const QString &remove)
 {
     static QMutex mutex;
     static QStringList ports;
     const QMutexLocker locker(&mutex);
     if (!remove.isEmpty())
-        ports.removeAll(remove);
+        ports.removeOne(remove);
     if (!add.isEmpty())
         ports.append(add);
     qputenv(QComPort::extraPortsVariable, ports.join(QLatin1Char(':')).toLocal8Bit());
