@@ -81,6 +81,7 @@ private slots:
     void failedRunKeepsItsEntry_data();
     void failedRunKeepsItsEntry();
     void identifyComposeReadAndFlashAnotherChip();
+    void unconfirmedReadStopsTheWalk();
     void upgrade_data();
     void upgrade();
 
@@ -362,6 +363,41 @@ void TestEspFlasherFlash::identifyComposeReadAndFlashAnotherChip()
     QVERIFY(text("chipIDField").isEmpty() && text("macField").isEmpty());
     QVERIFY(enabled("comPortCombo") && enabled("comPortConnect"));
     QCOMPARE(find<QPushButton>("comPortConnect")->text(), QStringLiteral("Connect"));
+}
+
+// A region whose bytes the chip's digest does not confirm ends the read: no success line for
+// it, no file of it and no scatter file.
+void TestEspFlasherFlash::unconfirmedReadStopsTheWalk()
+{
+    connectAndLoad(files.scatter);
+    board().setFlash(0, files.patched);
+    board().setFlash(applicationAddress, files.application);
+    const auto reads = std::make_shared<int>(0);
+    board().setCommandObserver([this, reads](const VirtualEsp8266::CommandRecord &record) {
+        if (record.opcode == VirtualEsp8266::ReadFlash && ++*reads == 2)
+            board().setFlash(applicationAddress, "changed while on its way");
+    });
+    QVERIFY(QDir().mkpath(path("backup")));
+    answerer->answerBox(QMessageBox::Yes); // the loaded scatter file as the template
+    answerer->answerFile(path("backup/copy.txt"));
+    click("readTool");
+    const QString failed = line(red, "UBoot operation read data (6) finished with error");
+    QVERIFY(awaitNew(failed));
+    const auto reading = [this](const char *file, const QString &region) {
+        return line(green, "Start reading " + path(file) + " from region [" + region + "]");
+    };
+    const QString end = QString::number(files.patched.size(), 16).rightJustified(8, '0');
+    QCOMPARE(log(mark),
+             (QStringList{line(green, "Start loading stub from " + files.stub),
+                          line(green, "Flash stub loaded"),
+                          reading("backup/boot.bin", "0x00000000:0x" + end),
+                          line(green, "Flash memory section has been successfully read"),
+                          line(green, "Extracted flash parameters: 4Mb / dio / 40MHz"),
+                          reading("backup/app.bin", "0x00010000:0x00015000"),
+                          line(amber, "Flasher error: Error reading data: MD5 digest did not "
+                                      "match the received data"),
+                          failed}));
+    QCOMPARE(QDir(path("backup")).entryList(QDir::Files), QStringList{"boot.bin"});
 }
 
 void TestEspFlasherFlash::upgrade_data()
