@@ -9,6 +9,7 @@
 #include <QCoreApplication>
 #include <QFile>
 #include <QFileInfo>
+#include <QSaveFile>
 
 namespace {
 
@@ -186,11 +187,16 @@ QString ScatterInput::exportLoader(const QDir &dir, QString *error)
     QByteArray data;
     if (!entryData(m_loaderText, &data, error))
         return QString();
-    QFile file(dir.absoluteFilePath(QFileInfo(m_loaderText).fileName()));
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate) || file.write(data) != data.size()) {
+    QSaveFile file(exportedLoaderPath(dir));
+    if (!file.open(QIODevice::WriteOnly) || file.write(data) != data.size() || !file.commit()) {
         *error = dialogText(QT_TRANSLATE_NOOP("ESPFlasher", "Cannot write to %1: %2"))
                      .arg(file.fileName(), file.errorString());
         return QString();
     }
     return file.fileName();
+}
+
+QString ScatterInput::exportedLoaderPath(const QDir &dir) const
+{
+    return dir.absoluteFilePath(QFileInfo(m_loaderText).fileName());
 }

@@ -60,6 +60,8 @@ public:
     // The flash loader as a file in dir, for a scatter written there: a loose loader stays
     // where it is; a package's loader is copied out. Empty with *error on failure.
     QString exportLoader(const QDir &dir, QString *error);
+    // Where exportLoader() puts a package's loader.
+    QString exportedLoaderPath(const QDir &dir) const;
     // The row's bytes as an open, seekable device (for the image a verify expects).
     std::unique_ptr<QIODevice> openRow(const ScatterSection &row, QString *error);
 

@@ -31,6 +31,12 @@ QByteArray firmwareImage(bool asWritten = false)
     return asWritten ? image.replace(2, 2, "\x02\x40") : image; // dio, 4MB << 4 | 40m
 }
 
+QByteArray readFile(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("missing");
+}
+
 bool flashed(VirtualEsp8266 &board)
 {
     const QByteArray firmware = firmwareImage(true);
@@ -132,14 +138,15 @@ private slots:
         QVERIFY(run(0, {"verify", path("scatter.txt")}));
         QVERIFY(m_out.contains("2 of 2 section(s) verified"));
 
-        // A region whose file name a directory takes: the worker cannot write it, nothing saved.
+        // A region whose file name a directory takes cannot be read, even with --force.
         chip().reset();
+        chip().clearCommandLog();
         const QString copy = path("read/copy.txt");
         QVERIFY(QDir().mkpath(path("read/region-00000000-00002000.bin")));
-        QVERIFY(run(1, {"read", "--scatter", copy, "0x0:0x2000"}, true, true));
-        QVERIFY(m_err.contains("Invalid parameters: cannot write to") && !QFile::exists(copy));
+        QVERIFY(run(2, {"read", "--scatter", copy, "0x0:0x2000", "--force"}, true, true));
+        QVERIFY(m_err.contains("region-00000000-00002000.bin is a directory"));
+        QVERIFY(!QFile::exists(copy) && chip().commandLog().isEmpty());
         QVERIFY(QDir(path("read/region-00000000-00002000.bin")).removeRecursively());
-        chip().reset();
         QVERIFY(run(0, {"read", "--scatter", copy, "0x0:0x2000", "0x10000-0x18000"}, true, true));
         // The saved scatter passes the strict check and writes the same flash, headers included.
         ChipFixture second;
@@ -165,6 +172,83 @@ private slots:
         QVERIFY(run(0, {"verify", "0x10000:4kb"}, true, true));
         QVERIFY(out("Requested flash memory contents md5 for [0x00010000:0x00001000] (size 4096)"));
         QVERIFY(out("MD5: " + md5Hex(damaged.left(0x1000))));
+    }
+
+    // A read never destroys a file that is there. Without --force it refuses before any
+    // transfer; with it a failed read keeps the earlier files, and a region the chip does not
+    // confirm leaves no file of its own and no scatter file claiming it.
+    void readKeepsExistingFiles_data()
+    {
+        QTest::addColumn<QString>("existing"); // files there before: region, scatter, firmware
+        QTest::addColumn<bool>("force");
+        QTest::addColumn<QString>(
+            "fault"); // of the chip: change (its flash under the read), vanish
+        QTest::addColumn<int>("exitCode");
+        QTest::addColumn<QString>("message"); // on stderr
+        const auto row = [](const char *name, const char *existing, bool force, const char *fault,
+                            int exitCode, const char *message) {
+            QTest::newRow(name) << existing << force << fault << exitCode << message;
+        };
+        const char *const exists = "exists; pass --force to replace it";
+        row("region file there", "region", false, "", 2, exists);
+        row("scatter file there", "scatter", false, "", 2, exists);
+        row("--scatter names a firmware image", "firmware", false, "", 2,
+            "firmware.bin exists and is not a scatter file; pass --force to replace it");
+        row("forced re-read fails", "region scatter", true, "vanish", 1,
+            "UBoot operation read data (6) finished with error");
+        row("chip does not confirm", "", false, "change", 1,
+            "Error reading data: MD5 digest did not match the received data");
+        row("forced re-read", "region scatter", true, "", 0, "");
+    }
+
+    void readKeepsExistingFiles()
+    {
+        QFETCH(QString, existing);
+        QFETCH(QString, fault);
+        QFETCH(int, exitCode);
+        QFETCH(QString, message);
+        const QByteArray flash = EspImageBuilder::pseudoRandomBytes(0x80000, 81);
+        chip().setFlash(0, flash);
+        chip().setCommandObserver([this, fault](const VirtualEsp8266::CommandRecord &record) {
+            if (record.opcode != VirtualEsp8266::ReadFlash)
+                return;
+            if (fault == "change") // the first block is on its way already
+                chip().setFlash(0, "changed");
+            else if (fault == "vanish")
+                chip().armVanishAfterBytes(40);
+        });
+        const QString scatter = existing == "firmware" ? "firmware.bin" : "scatter.txt";
+        const QString region = "region-00000000-00080000.bin";
+        QMap<QString, QByteArray> before; // file name -> contents
+        if (existing.contains("region"))
+            before[region] = "an earlier read";
+        if (existing.contains("scatter"))
+            before[scatter] = R"({"chip": "ESP8266EX", "sections": []})";
+        if (existing == "firmware")
+            before[scatter] = firmwareImage();
+        for (auto file = before.cbegin(); file != before.cend(); ++file)
+            QVERIFY(!writeTestFile(path("out"), file.key(), file.value()).isEmpty());
+        QVERIFY(QDir().mkpath(path("out")));
+
+        QStringList arguments{"read", "--scatter", path("out/" + scatter), "0x0:0x80000"};
+        QFETCH(bool, force);
+        if (force)
+            arguments << "--force";
+        QVERIFY(run(exitCode, arguments, true, true));
+        QVERIFY2(m_err.contains(message), qPrintable(m_err));
+        if (exitCode == 2)
+            QCOMPARE(chip().commandLog().size(), 0);
+        const QStringList files = QDir(path("out")).entryList(QDir::Files);
+        if (exitCode == 0) {
+            QCOMPARE(files, (QStringList{region, scatter}));
+            QCOMPARE(readFile(path("out/" + region)), flash);
+            return;
+        }
+        QCOMPARE(files, before.keys());
+        for (auto file = before.cbegin(); file != before.cend(); ++file)
+            QCOMPARE(readFile(path("out/" + file.key())), file.value());
+        // No success is claimed for the step that failed.
+        QVERIFY(!m_out.contains("Flash memory section has been successfully read."));
     }
 
     void packThenFlashThePackage()
@@ -256,6 +340,11 @@ private slots:
         QVERIFY(run(0, {"demo", testBuildDir() + "/demo/demo.zip", "--out", path("out")}, false));
         QVERIFY(m_out.contains("2 of 2 section(s) verified"));
         QVERIFY(m_out.contains("Demo complete") && QFile::exists(path("out/scatter.txt")));
+        // Its read-back is replaced only when asked to.
+        QVERIFY(run(2, {"demo", testBuildDir() + "/demo/demo.zip", "--out", path("out")}, false));
+        QVERIFY(m_err.contains("exists; pass --force to replace it"));
+        QVERIFY(run(0, {"demo", testBuildDir() + "/demo/demo.zip", "--out", path("out"), "--force"},
+                    false));
     }
 
     void oneOfThreeBoardsVanishesMidWrite()
