@@ -626,30 +626,25 @@ void ESPFlasher::on_readTool_clicked()
 
 bool ESPFlasher::useScatterAsTemplate(const QString &scatter)
 {
-    QString target = QFileDialog::getSaveFileName(
-        this, tr("Save As"), QFileInfo(scatter).absolutePath(), tr("Scatter files (*.txt)"));
+    const QString target = chooseScatterTarget(QFileInfo(scatter).absolutePath());
     if (target.isEmpty())
         return false;
-    target = withTxtSuffix(target);
-    QSettings().setValue(QLatin1String(scatterDirKey), QFileInfo(target).absolutePath());
 
-    // Reading must not overwrite files that are already there.
+    // Reading must not overwrite files that are already there: a taken name is replaced by one
+    // the user gives, which must be free too.
     const QDir targetDir = QFileInfo(target).absoluteDir();
     for (int row = 0; row < ui->scatterTable->rowCount(); ++row) {
         QTableWidgetItem *source = ui->scatterTable->item(row, SourceColumn);
-        if (!source)
-            continue;
-        const QString name = QFileInfo(source->text()).fileName();
-        if (!targetDir.exists(name))
-            continue;
-        bool accepted = false;
-        const QString other = QInputDialog::getText(
-            this, tr("Read Flash Memory"),
-            tr("File with the same name already exists. Please choose another name:"),
-            QLineEdit::Normal, name, &accepted);
-        if (!accepted || other.isEmpty())
-            return false;
-        source->setText(other);
+        while (source && targetDir.exists(source->text())) {
+            bool accepted = false;
+            const QString other = QInputDialog::getText(
+                this, tr("Read Flash Memory"),
+                tr("File with the same name already exists. Please choose another name:"),
+                QLineEdit::Normal, QFileInfo(source->text()).fileName(), &accepted);
+            if (!accepted || other.isEmpty())
+                return false;
+            source->setText(other);
+        }
     }
     ui->scatterEdit->setText(target);
     return true;
@@ -657,23 +652,49 @@ bool ESPFlasher::useScatterAsTemplate(const QString &scatter)
 
 bool ESPFlasher::composeScatter()
 {
-    QString target = QFileDialog::getSaveFileName(
-        this, tr("Save As"), QSettings().value(QLatin1String(scatterDirKey)).toString(),
-        tr("Scatter files (*.txt)"));
+    const QString target =
+        chooseScatterTarget(QSettings().value(QLatin1String(scatterDirKey)).toString());
     if (target.isEmpty())
         return false;
-    target = withTxtSuffix(target);
-    QSettings().setValue(QLatin1String(scatterDirKey), QFileInfo(target).absolutePath());
 
     EspScatterWizard wizard(this);
     if (wizard.exec() != QDialog::Accepted || wizard.scatter().isEmpty())
         return false;
-    // Not strict: the chip and the loader come from the dialog, the files do not exist yet.
     QJsonObject scatter = wizard.scatter();
+    const QDir targetDir = QFileInfo(target).absoluteDir();
+    for (const QJsonValue &section : scatter.value(QLatin1String("sections")).toArray()) {
+        const QString file = section.toObject().value(QLatin1String("file")).toString();
+        if (!confirmReplacing(targetDir.absoluteFilePath(file)))
+            return false;
+    }
+    // Not strict: the chip and the loader come from the dialog, the files do not exist yet.
     QString error;
     parseScatterObject(scatter, false, QFileInfo(), &error);
     ui->scatterEdit->setText(target);
     return true;
+}
+
+QString ESPFlasher::chooseScatterTarget(const QString &startDir)
+{
+    // The dialog's own overwrite question would see the name before ".txt" is added: the
+    // question is asked here, about the file that is replaced.
+    const QString chosen =
+        QFileDialog::getSaveFileName(this, tr("Save As"), startDir, tr("Scatter files (*.txt)"),
+                                     nullptr, QFileDialog::DontConfirmOverwrite);
+    if (chosen.isEmpty())
+        return QString();
+    const QString target = withTxtSuffix(chosen);
+    QSettings().setValue(QLatin1String(scatterDirKey), QFileInfo(target).absolutePath());
+    return confirmReplacing(target) ? target : QString();
+}
+
+bool ESPFlasher::confirmReplacing(const QString &path)
+{
+    if (!QFileInfo::exists(path))
+        return true;
+    return QMessageBox::question(
+               this, tr("Read Flash Memory"), tr("File %1 already exists. Replace it?").arg(path),
+               QMessageBox::Yes | QMessageBox::No, QMessageBox::No) == QMessageBox::Yes;
 }
 
 void ESPFlasher::startReading()

@@ -135,6 +135,11 @@ private:
     // Reading flash into a scatter file.
     bool useScatterAsTemplate(const QString &scatter);
     bool composeScatter();
+    // The scatter file a read saves, with ".txt"; empty when cancelled or when the user keeps
+    // the file that is there.
+    QString chooseScatterTarget(const QString &startDir);
+    // Asks before a read replaces a file that is there; false when the user keeps it.
+    bool confirmReplacing(const QString &path);
     void startReading();
     void readNextSection();
     void sectionRead();

@@ -275,7 +275,7 @@ void TestEspFlasherFlash::identifyComposeReadAndFlashAnotherChip()
     board().setFlash(0x3F0000, tail);
 
     QSettings().setValue("Scatter/Dir", settingsDir.path());
-    // Kept as it is: a read composed in the wizard overwrites files without asking.
+    // A region file that is there is replaced only when the user says so.
     writeTestFile(dir->path(), "boot.img", "old");
     answerer->answerFile(path("readback"));
     // The user at the composer: firmware by size, application by end address, a suffix.
@@ -285,6 +285,7 @@ void TestEspFlasherFlash::identifyComposeReadAndFlashAnotherChip()
         fillRegion(wizard, 1, "0x10000", false, "0x12000", "app.img", "nextButton");
         fillRegion(wizard, 1, "4032kb", true, "4kb", "tail.IMG", "finishButton");
     });
+    answerer->answerBox(QMessageBox::Yes);
     answerer->answerFile(files.stub); // no loader yet: the dialog asks for one
     answerer->answerBox(QMessageBox::Yes);
     answerer->answerBox(QMessageBox::No);
@@ -292,11 +293,13 @@ void TestEspFlasherFlash::identifyComposeReadAndFlashAnotherChip()
     const QString scatter = path("readback.txt");
     QVERIFY(awaitNew(line(green, "Scatter file saved to " + scatter)));
     // The loader chooser starts where the scatter file goes.
-    QCOMPARE(answerer->texts(), (QStringList{"Save As|Scatter files (*.txt)|" + settingsDir.path(),
-                                             "Scatter File Composer",
-                                             "Select Flash Loader|Elf files (*.elf)|" + dir->path(),
-                                             "Save Scatter|Save the scatter file?",
-                                             "Save Scatter|Create a distribution package?"}));
+    QCOMPARE(
+        answerer->texts(),
+        (QStringList{"Save As|Scatter files (*.txt)|" + settingsDir.path(), "Scatter File Composer",
+                     "Read Flash Memory|File " + path("boot.img") + " already exists. Replace it?",
+                     "Select Flash Loader|Elf files (*.elf)|" + dir->path(),
+                     "Save Scatter|Save the scatter file?",
+                     "Save Scatter|Create a distribution package?"}));
 
     const QString end = QString::number(image.size(), 16).rightJustified(8, '0');
     const QString read = line(green, "Flash memory section has been successfully read");

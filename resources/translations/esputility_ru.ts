@@ -219,29 +219,28 @@ The tool will be closed</source>
 Программа будет закрыта</translation>
     </message>
     <message>
-        <location line="+26"/>
+        <location line="+18"/>
         <source>Cannot load the stub</source>
         <translation>Не удалось загрузить загрузчик</translation>
     </message>
     <message>
-        <location line="+10"/>
+        <location line="+23"/>
         <location line="+12"/>
         <location line="+9"/>
-        <location line="+88"/>
-        <location line="+12"/>
-        <location line="+360"/>
-        <location line="+10"/>
+        <location line="+105"/>
+        <location line="+362"/>
+        <location line="+17"/>
         <source>Flash Loader</source>
         <translation>Загрузчик флеш-памяти</translation>
     </message>
     <message>
-        <location line="-490"/>
-        <location line="+109"/>
+        <location line="-504"/>
+        <location line="+126"/>
         <source>The device is busy. Please try again later.</source>
         <translation>Устройство занято. Повторите попытку позже.</translation>
     </message>
     <message>
-        <location line="-100"/>
+        <location line="-117"/>
         <source>The stub file %1 is not in the package</source>
         <translation>Файла загрузчика %1 нет в пакете</translation>
     </message>
@@ -276,25 +275,28 @@ The tool will be closed</source>
         <translation>Загрузчик не загрузился</translation>
     </message>
     <message>
-        <location line="+21"/>
+        <location line="+45"/>
         <source>Upgrade completed.</source>
         <translation>Обновление завершено.</translation>
     </message>
     <message>
-        <location line="+29"/>
-        <location line="+360"/>
+        <location line="+180"/>
+        <source>File %1 already exists. Replace it?</source>
+        <translation>Файл %1 уже существует. Заменить его?</translation>
+    </message>
+    <message>
+        <location line="+192"/>
         <source>File %1 is not in the package</source>
         <translation>Файла %1 нет в пакете</translation>
     </message>
     <message>
-        <location line="-359"/>
-        <location line="+360"/>
-        <location line="+12"/>
+        <location line="+1"/>
+        <location line="+19"/>
         <source>File %1 cannot be read (%2)</source>
         <translation>Не удаётся прочитать файл %1 (%2)</translation>
     </message>
     <message>
-        <location line="-370"/>
+        <location line="-373"/>
         <source>Invalid package</source>
         <translation>Недопустимый пакет</translation>
     </message>
@@ -309,29 +311,28 @@ The tool will be closed</source>
         <translation>Файл разметки уже загружен. Использовать его как шаблон?</translation>
     </message>
     <message>
-        <location line="+13"/>
-        <location line="+31"/>
+        <location line="+65"/>
         <source>Save As</source>
         <translation>Сохранить как</translation>
     </message>
     <message>
-        <location line="-31"/>
-        <location line="+32"/>
+        <location line="+0"/>
         <source>Scatter files (*.txt)</source>
         <translation>Файлы разметки (*.txt)</translation>
     </message>
     <message>
-        <location line="-15"/>
+        <location line="-41"/>
+        <location line="+55"/>
         <source>Read Flash Memory</source>
         <translation>Чтение флеш-памяти</translation>
     </message>
     <message>
-        <location line="+1"/>
+        <location line="-54"/>
         <source>File with the same name already exists. Please choose another name:</source>
         <translation>Файл с таким именем уже существует. Выберите другое имя:</translation>
     </message>
     <message>
-        <location line="+93"/>
+        <location line="+105"/>
         <location line="+14"/>
         <source>Save Scatter</source>
         <translation>Сохранение разметки</translation>
@@ -347,23 +348,22 @@ The tool will be closed</source>
         <translation>Создать пакет для распространения?</translation>
     </message>
     <message>
-        <location line="+16"/>
+        <location line="+41"/>
         <source>Erase Flash Memory</source>
         <translation>Стирание флеш-памяти</translation>
     </message>
     <message>
-        <location line="+0"/>
-        <location line="+27"/>
+        <location line="-25"/>
         <source>Region [address:size]:</source>
         <translation>Область [адрес:размер]:</translation>
     </message>
     <message>
-        <location line="-1"/>
+        <location line="+32"/>
         <source>Verify Flash Memory Contents</source>
         <translation>Проверка содержимого флеш-памяти</translation>
     </message>
     <message>
-        <location line="+45"/>
+        <location line="+31"/>
         <source>Start address %1 of the section no. %2 is invalid</source>
         <translation>Начальный адрес %1 секции № %2 недопустим</translation>
     </message>
@@ -373,7 +373,7 @@ The tool will be closed</source>
         <translation>Конечный адрес %1 секции № %2 недопустим</translation>
     </message>
     <message>
-        <location line="+73"/>
+        <location line="+78"/>
         <location line="+18"/>
         <location line="+22"/>
         <source>Select scatter file</source>
@@ -698,7 +698,7 @@ The tool will be closed</source>
         <translation>Продолжение без проверки контрольной суммы для %1 по запросу пользователя</translation>
     </message>
     <message>
-        <location filename="../../flasher/scatterwriter.cpp" line="+77"/>
+        <location filename="../../flasher/scatterwriter.cpp" line="+78"/>
         <source>Cannot write to %1: %2</source>
         <translation>Не удаётся записать в %1: %2</translation>
     </message>
@@ -711,7 +711,7 @@ The tool will be closed</source>
 <context>
     <name>ESPToolWorker</name>
     <message>
-        <location filename="../../worker/esptoolworker.cpp" line="+42"/>
+        <location filename="../../worker/esptoolworker.cpp" line="+44"/>
         <source>connect</source>
         <translation>подключение</translation>
     </message>
