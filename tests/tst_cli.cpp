@@ -265,6 +265,36 @@ private slots:
         QVERIFY(flashed(chip()));
     }
 
+    // A full disk is reported as such, and the previous package survives it. The disk is a
+    // small tmpfs in a mount namespace of a child shell (which needs root); the shell reports
+    // what the folder holds afterwards, since the tmpfs goes away with it.
+    void packOnAFullDisk()
+    {
+        const QString previous = path("previous.zip");
+        QVERIFY(run(0, {"pack", writeScatterSet(), "-o", previous, "--description", "old"}, false));
+        const qint64 size = QFileInfo(previous).size();
+        const QString script = QStringLiteral(
+            "mount -t tmpfs -o size=%1 tmpfs \"$1\" || exit 0\n"
+            "cp \"$2\" \"$1/p.zip\" || exit 0\n"
+            "\"$3\" pack \"$4\" -o \"$1/p.zip\" --description new; echo \"exit $?\"\n"
+            "cmp -s \"$2\" \"$1/p.zip\" && echo kept; ls -A \"$1\"\n");
+        QVERIFY(QDir().mkpath(path("disk")));
+        QProcess shell;
+        // Room for the previous package and half of the new one, in whole pages.
+        shell.start("unshare", {"-m", "sh", "-c", script.arg((size * 3 / 2 + 4095) / 4096 * 4096),
+                                "sh", path("disk"), previous, testBuildDir() + "/cli/esp-utility",
+                                path("scatter.txt")});
+        QVERIFY(shell.waitForFinished(60000));
+        const QString out = QString::fromUtf8(shell.readAllStandardOutput());
+        const QString err = QString::fromUtf8(shell.readAllStandardError());
+        if (!out.contains("exit "))
+            QSKIP(qPrintable("no tmpfs of its own here: " + err));
+        QCOMPARE(out, QStringLiteral("exit 1\nkept\np.zip\n"));
+        QVERIFY2(err.contains("File " + path("disk/p.zip") +
+                              " is not writable: No space left on device"),
+                 qPrintable(err));
+    }
+
     // Scatter files that stop the run before any flash is written, then the options that let
     // the last one through.
     void refusedScattersAndTheirOptions()

@@ -226,6 +226,72 @@ private slots:
         expectFailure(QString(), "stub.elf", "No package is open for writing");
     }
 
+    // Refused or failed packing changes nothing on disk: the sources and a previous package
+    // stay as they were, and no temporary file is left.
+    void failedPackingChangesNothing_data()
+    {
+        QTest::addColumn<QString>("target");
+        QTest::addColumn<QString>("loader");
+        QTest::addColumn<QStringList>("sections");
+        QTest::addColumn<QString>("error"); // {dir}: the folder
+        const auto row = [](const char *name, const char *target, const char *loader,
+                            const QStringList &sections, const QString &error) {
+            QTest::newRow(name) << target << loader << sections << error;
+        };
+        row("target is a section file", "a/app.bin", "stub.elf", {"a/app.bin"},
+            "Package {dir}/a/app.bin would replace its source file {dir}/a/app.bin");
+        row("target is the loader", "stub.elf", "stub.elf", {},
+            "Package {dir}/stub.elf would replace its source file {dir}/stub.elf");
+        row("one file name in two folders", "p.zip", "stub.elf", {"a/app.bin", "b/app.bin"},
+            "Section files {dir}/a/app.bin and {dir}/b/app.bin would both be stored as app.bin");
+        row("section named like the scatter entry", "p.zip", "stub.elf", {"a/scatter.txt"},
+            "Section file {dir}/a/scatter.txt cannot be packed: the package keeps its own "
+            "scatter.txt under that name");
+        row("section named like the loader entry", "p.zip", "stub.elf",
+            {"a/esp8266_loader_stub.elf"},
+            "Section file {dir}/a/esp8266_loader_stub.elf cannot be packed: the package keeps "
+            "its own esp8266_loader_stub.elf under that name");
+        row("missing section file", "p.zip", "stub.elf", {"a/app.bin", "none.bin"},
+            "File {dir}/none.bin could not be copied: No such file or directory");
+    }
+
+    void failedPackingChangesNothing()
+    {
+        QFETCH(QString, target);
+        QFETCH(QString, loader);
+        QFETCH(QStringList, sections);
+        QFETCH(QString, error);
+        QTemporaryDir folder;
+        const QDir dir(folder.path());
+        for (const char *file :
+             {"stub.elf", "a/app.bin", "b/app.bin", "a/scatter.txt", "a/esp8266_loader_stub.elf"})
+            QVERIFY(!writeTestFile(dir, file, patternBytes(2000, int(strlen(file)))).isEmpty());
+        QVERIFY(!writeTestFile(dir, "p.zip", "a previous package").isEmpty());
+        const auto contents = [&dir] {
+            QStringList files;
+            for (QDirIterator it(dir.path(), QDir::Files, QDirIterator::Subdirectories);
+                 it.hasNext();) {
+                const QString path = it.next();
+                QFile file(path);
+                files << dir.relativeFilePath(path) + "=" +
+                             (file.open(QIODevice::ReadOnly) ? md5Hex(file.readAll()) : "?");
+            }
+            files.sort();
+            return files;
+        };
+        const QStringList before = contents();
+
+        EspPackageWriter packer = writer();
+        QVector<ScatterSection> rows;
+        for (const QString &file : sections)
+            rows << row(ScatterSection::Application, 0x1000 * rows.size(), file);
+        QVERIFY(packer.open(dir.filePath(target)));
+        QVERIFY(!(packer.addStub(dir.filePath(loader)) && packer.addSections(rows, dir, false) &&
+                  packer.finish(chipDescription)));
+        QCOMPARE(m_log, QStringList("E:" + error.replace("{dir}", dir.path())));
+        QCOMPARE(contents(), before);
+    }
+
     // Archives of another password or of none, deflated or stored: no entry reads. Many
     // entries, so that a wrong key passing the one-byte header check is covered too.
     void foreignArchives()

@@ -541,34 +541,47 @@ The tool will be closed</source>
         <translation>Удалить байты FF в конце образов приложений для экономии места?</translation>
     </message>
     <message>
-        <location filename="../../flasher/esppackagewriter.cpp" line="+66"/>
+        <location filename="../../flasher/esppackagewriter.cpp" line="+33"/>
+        <source>Package %1 would replace its source file %2</source>
+        <translation>Пакет %1 заменил бы собственный исходный файл %2</translation>
+    </message>
+    <message>
+        <location line="+38"/>
         <source>No package is open for writing</source>
         <translation>Нет пакета, открытого для записи</translation>
     </message>
     <message>
-        <location line="+14"/>
-        <location line="+176"/>
+        <location line="+28"/>
         <source>File %1 is not writable: %2</source>
         <translation>Файл %1 недоступен для записи: %2</translation>
     </message>
     <message>
-        <location line="-130"/>
+        <location line="+61"/>
         <source>Stub file could not be copied: %1</source>
         <translation>Не удалось скопировать файл загрузчика: %1</translation>
     </message>
     <message>
-        <location line="+62"/>
-        <location line="+54"/>
+        <location line="+85"/>
         <source>File %1 could not be copied: %2</source>
         <translation>Не удалось скопировать файл %1: %2</translation>
     </message>
     <message>
-        <location line="-30"/>
+        <location line="+7"/>
+        <source>Section file %1 cannot be packed: the package keeps its own %2 under that name</source>
+        <translation>Файл раздела %1 нельзя упаковать: под этим именем пакет хранит собственный %2</translation>
+    </message>
+    <message>
+        <location line="+7"/>
+        <source>Section files %1 and %2 would both be stored as %3</source>
+        <translation>Файлы разделов %1 и %2 были бы оба сохранены как %3</translation>
+    </message>
+    <message>
+        <location line="+28"/>
         <source>Saved %1 bytes from %2 (removed trailing FF&apos;s)</source>
         <translation>Сэкономлено байт: %1 в %2 (удалены конечные FF)</translation>
     </message>
     <message>
-        <location line="+47"/>
+        <location line="+49"/>
         <source>Created zip package in %1</source>
         <translation>Создан ZIP-пакет %1</translation>
     </message>
