@@ -16,7 +16,6 @@
 #include "ui_espflasher.h"
 
 #include <QAction>
-#include <QBuffer>
 #include <QDir>
 #include <QEventLoop>
 #include <QFile>
@@ -28,6 +27,7 @@
 #include <QProgressDialog>
 #include <QSet>
 #include <QSettings>
+#include <QTemporaryFile>
 #include <QTextCursor>
 #include <QTimer>
 
@@ -405,9 +405,9 @@ bool ESPFlasher::startLoadStub()
             cancelStubWait();
             return false;
         }
-        QByteArray bytes;
-        const EspPackage::EntryStatus status = zip->readEntry(stub, &bytes);
-        if (status != EspPackage::EntryStatus::Ok) {
+        EspPackage::EntryStatus status = EspPackage::EntryStatus::Ok;
+        std::unique_ptr<QTemporaryFile> entry = zip->extractEntry(stub, &status);
+        if (!entry) {
             const QString text = status == EspPackage::EntryStatus::NotFound
                                      ? tr("The stub file %1 is not in the package").arg(stub)
                                      : tr("The stub file %1 cannot be read").arg(stub);
@@ -415,7 +415,7 @@ bool ESPFlasher::startLoadStub()
             cancelStubWait();
             return false;
         }
-        source = handOverPackageEntry(bytes, stub);
+        source = handOverPackageEntry(std::move(entry), stub);
     } else {
         const QString path = resolveScatterPath(stub);
         // An empty name resolves to the folder itself, which is no loader either.
@@ -530,12 +530,12 @@ void ESPFlasher::writeNextSection()
                                  QMessageBox::Ok);
             return;
         }
-        QByteArray bytes;
-        if (!readPackageEntry(file, &bytes)) {
+        std::unique_ptr<QTemporaryFile> entry = extractPackageEntry(file);
+        if (!entry) {
             scheduleAutoClose(false, tr("Invalid package"));
             return;
         }
-        source = handOverPackageEntry(bytes, file);
+        source = handOverPackageEntry(std::move(entry), file);
     } else {
         // A missing file fails in the worker.
         source = resolveScatterPath(file);
@@ -576,16 +576,13 @@ void ESPFlasher::stubLoadFinished()
     }
 }
 
-QVariant ESPFlasher::handOverPackageEntry(const QByteArray &bytes, const QString &name)
+QVariant ESPFlasher::handOverPackageEntry(std::unique_ptr<QIODevice> entry, const QString &name)
 {
-    // The worker reads a copy in memory, so its thread never touches the archive.
-    auto buffer = std::make_unique<QBuffer>(this);
-    buffer->setData(bytes);
-    buffer->open(QIODevice::ReadWrite);
+    // The worker reads a copy of the entry, so its thread never touches the archive.
     IODeviceDescriptor descriptor;
-    descriptor.device = buffer.get();
+    descriptor.device = entry.get();
     descriptor.description = name;
-    packageFile = std::move(buffer);
+    packageFile = std::move(entry);
     return QVariant::fromValue(descriptor);
 }
 
@@ -879,29 +876,32 @@ bool ESPFlasher::expectedMd5ForRow(const ScatterSection &row, QString *md5)
     return true;
 }
 
-bool ESPFlasher::readPackageEntry(const QString &file, QByteArray *bytes)
+std::unique_ptr<QTemporaryFile> ESPFlasher::extractPackageEntry(const QString &file)
 {
-    const EspPackage::EntryStatus status = zip->readEntry(file, bytes);
-    if (status == EspPackage::EntryStatus::Ok)
-        return true;
-    const QString text = status == EspPackage::EntryStatus::NotFound
-                             ? tr("File %1 is not in the package").arg(file)
-                             : tr("File %1 cannot be read (%2)").arg(file).arg(zip->zipError());
+    EspPackage::EntryStatus status = EspPackage::EntryStatus::Ok;
+    std::unique_ptr<QTemporaryFile> entry = zip->extractEntry(file, &status);
+    if (entry)
+        return entry;
+    QString text;
+    switch (status) {
+    case EspPackage::EntryStatus::NotFound:
+        text = tr("File %1 is not in the package").arg(file);
+        break;
+    case EspPackage::EntryStatus::OutputFailed:
+        text = tr("File %1 cannot be read (%2)").arg(file, zip->outputError());
+        break;
+    default:
+        text = tr("File %1 cannot be read (%2)").arg(file).arg(zip->zipError());
+        break;
+    }
     QMessageBox::critical(this, tr("Flash Loader"), text, QMessageBox::Ok);
-    return false;
+    return nullptr;
 }
 
 std::unique_ptr<QIODevice> ESPFlasher::openSectionImage(const QString &file)
 {
-    if (zip) {
-        QByteArray bytes;
-        if (!readPackageEntry(file, &bytes))
-            return nullptr;
-        auto buffer = std::make_unique<QBuffer>();
-        buffer->setData(bytes);
-        buffer->open(QIODevice::ReadOnly);
-        return buffer;
-    }
+    if (zip)
+        return extractPackageEntry(file);
     auto image = std::make_unique<QFile>(resolveScatterPath(file));
     if (!image->open(QIODevice::ReadOnly)) {
         QMessageBox::critical(this, tr("Flash Loader"),
@@ -938,7 +938,7 @@ bool ESPFlasher::on_scatterSelTool_clicked()
 bool ESPFlasher::loadScatter(const QString &path)
 {
     ScatterLoader loader;
-    if (!loader.load(path)) {
+    if (!loader.load(path, detectedFlashSize)) {
         clearScatterTable();
         QMessageBox::warning(this, tr("Select scatter file"), loader.error());
         return false;

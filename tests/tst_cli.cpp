@@ -2,6 +2,7 @@
 #include "scattertestfiles.h"
 #include "testpaths.h"
 
+#include "flasher/esppackage.h"
 #include "tools/imagegen/espimagebuilder.h"
 
 #include <QProcess>
@@ -293,6 +294,47 @@ private slots:
         QVERIFY2(err.contains("File " + path("disk/p.zip") +
                               " is not writable: No space left on device"),
                  qPrintable(err));
+    }
+
+    // What a package unpacks to must fit the flash: the largest one before a board is known,
+    // the board's own once it is identified. Nothing is written then.
+    void packageLargerThanTheFlash_data()
+    {
+        QTest::addColumn<int>("mebibytes"); // of the one application image
+        QTest::addColumn<int>("exitCode");
+        QTest::addColumn<QString>("refusal"); // %1: the package, %2: its size
+        QTest::newRow("larger than any flash")
+            << 17 << 2
+            << "esp-utility: Package %1 unpacks to %2 bytes, more than the flash memory can "
+               "hold (16777216 bytes)";
+        QTest::newRow("larger than the board's flash")
+            << 5 << 1
+            << "Package %1 unpacks to %2 bytes, more than the flash memory can hold "
+               "(4194304 bytes)";
+    }
+
+    void packageLargerThanTheFlash()
+    {
+        QFETCH(int, mebibytes);
+        QFETCH(int, exitCode);
+        QFETCH(QString, refusal);
+        const QByteArray image(mebibytes * 1024 * 1024, '\0');
+        const QByteArray loader = readFile(generatedStubPath());
+        const QByteArray scatter = QString(R"({"chip": "ESP8266EX",
+            "stub": "esp8266_loader_stub.elf", "sections": [{"type": "application",
+            "address": "0x0", "file": "zeros.bin", "md5": "%1"}]})")
+                                       .arg(md5Hex(image))
+                                       .toUtf8();
+        const QByteArray password = EspPackage::password("large");
+        const QString package = path("large.zip");
+        QVERIFY(writeTestZip(
+            package, "large",
+            {{EspPackage::stubEntryName, loader}, {"zeros.bin", image}, {"scatter.txt", scatter}},
+            &password));
+        QVERIFY(run(exitCode, {"flash", package}));
+        const qint64 total = loader.size() + image.size() + scatter.size();
+        QVERIFY2(m_err.contains(refusal.arg(package).arg(total)), qPrintable(m_err));
+        QCOMPARE(chip().counters().commands.value(VirtualEsp8266::FlashBegin), 0);
     }
 
     // Scatter files that stop the run before any flash is written, then the options that let

@@ -2,6 +2,7 @@
 
 #include "flasher/esppackage.h"
 #include "flasher/esppackagewriter.h"
+#include "flasher/scatterloader.h"
 #include "flasher/scattervalidator.h"
 
 #include <QJsonArray>
@@ -290,6 +291,50 @@ private slots:
                   packer.finish(chipDescription)));
         QCOMPARE(m_log, QStringList("E:" + error.replace("{dir}", dir.path())));
         QCOMPARE(contents(), before);
+    }
+
+    // What a package unpacks to is capped by the flash memory, the chip's when it is known:
+    // a package over it is refused from its central directory, before anything is unpacked.
+    void sizeCap_data()
+    {
+        QTest::addColumn<QVector<int>>("entries"); // sizes of the images in the package
+        QTest::addColumn<uint>("flashSize");       // 0: not known
+        QTest::addColumn<uint>("limit");           // 0: loaded
+        const int mib = 1024 * 1024;
+        QTest::newRow("two 9 MiB images, no chip")
+            << QVector<int>{9 * mib, 9 * mib} << 0u << 16u * mib;
+        QTest::newRow("5 MiB on a 4 MiB chip")
+            << QVector<int>{3 * mib, 2 * mib} << 4u * mib << 4u * mib;
+        QTest::newRow("3 MiB on a 4 MiB chip") << QVector<int>{3 * mib} << 4u * mib << 0u;
+        QTest::newRow("9 MiB, no chip") << QVector<int>{9 * mib} << 0u << 0u;
+    }
+
+    void sizeCap()
+    {
+        QFETCH(QVector<int>, entries);
+        QFETCH(uint, flashSize);
+        QFETCH(uint, limit);
+        const QByteArray password = EspPackage::password("cap");
+        const QByteArray scatter =
+            QJsonDocument(QJsonObject{{"chip", "ESP8266EX"}, {"sections", QJsonArray()}}).toJson();
+        ZipEntries zip{{EspPackage::stubEntryName, patternBytes(100, 1)}, {"scatter.txt", scatter}};
+        qint64 total = 100 + scatter.size();
+        for (int size : entries) {
+            zip.append({QString("image%1.bin").arg(zip.size()), QByteArray(size, '\0')});
+            total += size;
+        }
+        const QString zipPath = path(QString("cap-%1.zip").arg(QTest::currentDataTag()));
+        QVERIFY(writeTestZip(zipPath, "cap", zip, &password));
+        ScatterLoader loader;
+        QCOMPARE(loader.load(zipPath, flashSize), limit == 0);
+        if (limit == 0)
+            return;
+        QCOMPARE(loader.error(), QString("Package %1 unpacks to %2 bytes, more than the flash "
+                                         "memory can hold (%3 bytes)")
+                                     .arg(zipPath)
+                                     .arg(total)
+                                     .arg(limit));
+        QVERIFY(!loader.package());
     }
 
     // Archives of another password or of none, deflated or stored: no entry reads. Many

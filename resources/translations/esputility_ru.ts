@@ -228,8 +228,8 @@ The tool will be closed</source>
         <location line="+12"/>
         <location line="+9"/>
         <location line="+105"/>
-        <location line="+362"/>
-        <location line="+17"/>
+        <location line="+369"/>
+        <location line="+10"/>
         <source>Flash Loader</source>
         <translation>Загрузчик флеш-памяти</translation>
     </message>
@@ -280,18 +280,19 @@ The tool will be closed</source>
         <translation>Обновление завершено.</translation>
     </message>
     <message>
-        <location line="+180"/>
+        <location line="+177"/>
         <source>File %1 already exists. Replace it?</source>
         <translation>Файл %1 уже существует. Заменить его?</translation>
     </message>
     <message>
-        <location line="+192"/>
+        <location line="+195"/>
         <source>File %1 is not in the package</source>
         <translation>Файла %1 нет в пакете</translation>
     </message>
     <message>
-        <location line="+1"/>
-        <location line="+19"/>
+        <location line="+3"/>
+        <location line="+3"/>
+        <location line="+14"/>
         <source>File %1 cannot be read (%2)</source>
         <translation>Не удаётся прочитать файл %1 (%2)</translation>
     </message>
@@ -301,7 +302,7 @@ The tool will be closed</source>
         <translation>Недопустимый пакет</translation>
     </message>
     <message>
-        <location line="+82"/>
+        <location line="+79"/>
         <source>Scatter File</source>
         <translation>Файл разметки</translation>
     </message>
@@ -373,7 +374,7 @@ The tool will be closed</source>
         <translation>Конечный адрес %1 секции № %2 недопустим</translation>
     </message>
     <message>
-        <location line="+78"/>
+        <location line="+81"/>
         <location line="+18"/>
         <location line="+22"/>
         <source>Select scatter file</source>
@@ -591,17 +592,22 @@ The tool will be closed</source>
         <translation>%1 не является корректным файлом разметки: %2</translation>
     </message>
     <message>
-        <location line="+12"/>
+        <location line="+13"/>
+        <source>Package %1 unpacks to %2 bytes, more than the flash memory can hold (%3 bytes)</source>
+        <translation>Пакет %1 распаковывается в %2 байт — больше, чем вмещает флеш-память (%3 байт)</translation>
+    </message>
+    <message>
+        <location line="+16"/>
         <source>Package %1 is invalid and cannot be opened</source>
         <translation>Пакет %1 повреждён и не может быть открыт</translation>
     </message>
     <message>
-        <location line="+9"/>
+        <location line="+13"/>
         <source>scatter.txt not found in package %1</source>
         <translation>В пакете %1 не найден scatter.txt</translation>
     </message>
     <message>
-        <location line="+7"/>
+        <location line="+8"/>
         <source>scatter.txt from package %1 cannot be read</source>
         <translation>Не удаётся прочитать scatter.txt из пакета %1</translation>
     </message>
@@ -641,12 +647,12 @@ The tool will be closed</source>
         <translation>Не удаётся прочитать файл %1</translation>
     </message>
     <message>
-        <location line="+27"/>
+        <location line="+25"/>
         <source>The package is corrupted (near file %1)</source>
         <translation>Пакет повреждён (возле файла %1)</translation>
     </message>
     <message>
-        <location line="+7"/>
+        <location line="+8"/>
         <source>File %1 within the package cannot be read (%2)</source>
         <translation>Не удаётся прочитать файл %1 из пакета (%2)</translation>
     </message>
