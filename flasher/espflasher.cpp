@@ -396,8 +396,9 @@ bool ESPFlasher::startLoadStub()
 {
     const QString stub = ui->stubEdit->text();
     QVariant source;
-    // A relative name with a package open is an entry; an absolute path is read from disk.
-    if (zip && QDir::isRelativePath(stub)) {
+    // With a package open the loader is its entry, whatever the name looks like: a package
+    // never makes the tool read a file on this computer.
+    if (zip) {
         if (packageFile) {
             QMessageBox::critical(this, tr("Flash Loader"),
                                   tr("The device is busy. Please try again later."),

@@ -82,6 +82,7 @@ private slots:
     void failedRunKeepsItsEntry();
     void identifyComposeReadAndFlashAnotherChip();
     void unconfirmedReadStopsTheWalk();
+    void packageLoaderComesFromThePackage();
     void upgrade_data();
     void upgrade();
 
@@ -401,6 +402,33 @@ void TestEspFlasherFlash::unconfirmedReadStopsTheWalk()
                                       "match the received data"),
                           failed}));
     QCOMPARE(QDir(path("backup")).entryList(QDir::Files), QStringList{"boot.bin"});
+}
+
+// A package's scatter file may name its loader like a path on disk; the loader is still the
+// package's entry of that name, never the file.
+void TestEspFlasherFlash::packageLoaderComesFromThePackage()
+{
+    const QString onDisk = writeTestFile(dir->path(), "disk/loader.elf", "no loader at all");
+    const QString package = path("absolute.zip");
+    const QByteArray password = EspPackage::password("absolute");
+    QVERIFY(writeTestZip(
+        package, "absolute",
+        {{onDisk, readFile(files.stub)},
+         {"app.bin", files.application},
+         {"scatter.txt",
+          QJsonDocument(
+              QJsonObject{{"chip", "ESP8266EX"},
+                          {"stub", onDisk},
+                          {"sections", QJsonArray{section("application", "0x10000", "app.bin",
+                                                          md5Hex(files.application))}}})
+              .toJson()}},
+        &password));
+    connectAndLoad(package);
+    click("flashTool");
+    QVERIFY2(awaitNew(finishedFlashing), qPrintable(log(mark).join('\n')));
+    QCOMPARE(log(mark).mid(0, 2), (QStringList{line(green, "Start loading stub from " + onDisk),
+                                               line(green, "Flash stub loaded")}));
+    QCOMPARE(board().flash(applicationAddress, files.application.size()), files.application);
 }
 
 void TestEspFlasherFlash::upgrade_data()
