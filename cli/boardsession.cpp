@@ -17,6 +17,7 @@ BoardSession::BoardSession(const QString &port, CliConsole &console, QObject *pa
     connect(&m_thread, &QThread::finished, m_worker, &QObject::deleteLater);
     connect(m_worker, &ESPToolWorker::error, this, &BoardSession::workerError);
     connect(m_worker, &ESPToolWorker::progress, this, &BoardSession::workerProgress);
+    connect(m_worker, &ESPToolWorker::notice, this, &BoardSession::workerNotice);
     connect(m_worker, &ESPToolWorker::finished, this, &BoardSession::workerFinished);
     m_thread.start();
 }
@@ -69,7 +70,11 @@ void BoardSession::start()
     m_state = State::Connecting;
     FlashPlan::Command connect;
     connect.command = ESPToolWorker::Connect;
-    connect.params << m_port;
+    QVariantMap options;
+    options.insert(QLatin1String(ESPToolWorker::ResetOption), m_lineOptions.resetBefore);
+    options.insert(QLatin1String(ESPToolWorker::BaudOption), m_lineOptions.baud);
+    options.insert(QLatin1String(ESPToolWorker::SkipUnchangedOption), m_lineOptions.skipUnchanged);
+    connect.params << m_port << options;
     queue(connect);
 }
 
@@ -94,6 +99,11 @@ void BoardSession::workerError(const QString &reason)
 void BoardSession::workerProgress(int total, int current)
 {
     m_console.progress(m_port, ESPToolWorker::operationName(m_runningCommand), total, current);
+}
+
+void BoardSession::workerNotice(const QString &text)
+{
+    m_console.boardLine(m_port, FlashPlan::Tone::Notice, text);
 }
 
 void BoardSession::workerFinished(bool result, int command, const QVariantList &results)
@@ -220,6 +230,10 @@ void BoardSession::fail(const QString &reason)
 
 void BoardSession::disconnectBoard()
 {
+    // A board whose job failed stays in its loader, ready for another try.
+    const bool hardReset = m_lineOptions.resetAfter && m_failure.isEmpty();
+    QVariantMap options;
+    options.insert(QLatin1String(ESPToolWorker::HardResetOption), hardReset);
     m_state = State::Disconnecting;
-    queue(FlashPlan::Command{ESPToolWorker::Disconnect, {}, QString()});
+    queue(FlashPlan::Command{ESPToolWorker::Disconnect, {options}, QString()});
 }

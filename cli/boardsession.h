@@ -27,7 +27,17 @@ class BoardSession : public QObject, public BoardContext
     Q_OBJECT
 
 public:
+    // How the board is reached and left.
+    struct LineOptions
+    {
+        bool resetBefore = true;
+        bool resetAfter = true;
+        unsigned int baud = 0; // once the loader runs; 0 stays at the connection rate
+        bool skipUnchanged = true;
+    };
+
     BoardSession(const QString &port, CliConsole &console, QObject *parent = nullptr);
+    void setLineOptions(const LineOptions &options) { m_lineOptions = options; }
     ~BoardSession() override;
 
     // The flash loader: a file, or the loader inside a scatter input (a package entry).
@@ -56,6 +66,7 @@ signals:
 private slots:
     void workerError(const QString &reason);
     void workerProgress(int total, int current);
+    void workerNotice(const QString &text);
     void workerFinished(bool result, int command, const QVariantList &results);
 
 private:
@@ -71,6 +82,7 @@ private:
 
     QString m_port;
     CliConsole &m_console;
+    LineOptions m_lineOptions;
     QThread m_thread;
     ESPToolWorker *m_worker = nullptr; // lives in m_thread, deleted when it finishes
     State m_state = State::Idle;

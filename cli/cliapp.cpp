@@ -9,6 +9,7 @@
 #include "cli/scatterinput.h"
 #include "cli/verifyoperation.h"
 #include "cli/virtualboards.h"
+#include "cli/writeoperation.h"
 #include "flasher/esppackagewriter.h"
 #include "flasher/scatterloader.h"
 #include "image/espimageparser.h"
@@ -78,6 +79,19 @@ QStringList regionFiles(const QVector<FlashRegion> &regions, const QDir &dir)
     return files;
 }
 
+// The loader the build makes for real boards, else the virtual chip's stand-in; empty when
+// neither is beside this program (the write then goes through the ROM loader).
+QString defaultLoaderPath()
+{
+    const QDir build(QCoreApplication::applicationDirPath() + QStringLiteral("/../stub"));
+    for (const QString &name : {QStringLiteral("vendor/esp8266_loader_stub.elf"),
+                                QStringLiteral("esp8266_loader_stub.elf")}) {
+        if (QFileInfo(build.absoluteFilePath(name)).isFile())
+            return build.absoluteFilePath(name);
+    }
+    return QString();
+}
+
 QString padded(const QString &text, int width)
 {
     return text.leftJustified(width, QLatin1Char(' '));
@@ -123,6 +137,8 @@ int CliApp::run()
         return runErase();
     if (command == QLatin1String("demo"))
         return runDemo();
+    if (command == QLatin1String("write"))
+        return runWrite();
     return usage(QStringLiteral("unknown command %1 (see esp-utility --help)").arg(command));
 }
 
@@ -254,15 +270,16 @@ bool CliApp::resolveBoards(int *exitCode)
             m_console.plain(QStringLiteral("Virtual ESP8266 started on %1").arg(port));
         m_ports = m_virtual->ports();
     }
-    const QStringList available = QComPort::availableComPorts();
-    for (const QString &port : m_args.ports) {
-        if (m_ports.contains(port)) {
-            *exitCode = usage(QStringLiteral("port %1 is given twice").arg(port));
+    for (const QString &given : m_args.ports) {
+        // ttyUSB0, /dev/ttyUSB0 and a /dev/serial/by-id link all name the same port.
+        const QString port = QComPort::resolvePortName(given);
+        if (port.isEmpty()) {
+            *exitCode =
+                usage(QStringLiteral("no serial port %1 (see esp-utility ports)").arg(given));
             return false;
         }
-        if (!available.contains(port)) {
-            *exitCode =
-                usage(QStringLiteral("no serial port %1 (see esp-utility ports)").arg(port));
+        if (m_ports.contains(port)) {
+            *exitCode = usage(QStringLiteral("port %1 is given twice").arg(given));
             return false;
         }
         m_ports << port;
@@ -285,6 +302,12 @@ int CliApp::runBoards(const OperationFactory &factory, bool loaderFromScatter)
     };
     for (const QString &port : qAsConst(m_ports)) {
         auto session = std::make_unique<BoardSession>(port, m_console);
+        BoardSession::LineOptions line;
+        line.resetBefore = m_args.resetBefore;
+        line.resetAfter = m_args.resetAfter;
+        line.baud = m_args.baud;
+        line.skipUnchanged = m_args.skipUnchanged;
+        session->setLineOptions(line);
         if (loaderFromScatter && m_input)
             session->setLoaderInput(m_input.get());
         else if (!m_loaderFile.isEmpty())
@@ -346,11 +369,36 @@ int CliApp::runPorts()
     int exitCode = ExitOk;
     if (m_args.virtualCount > 0 && !resolveBoards(&exitCode))
         return exitCode;
-    const QStringList ports = QComPort::availableComPorts();
-    if (ports.isEmpty())
+    const QVector<QComPort::PortEntry> ports = QComPort::availablePortEntries();
+    if (ports.isEmpty()) {
         m_console.plain(QStringLiteral("No serial ports found"));
-    for (const QString &port : ports)
-        m_console.plain(port);
+        return ExitOk;
+    }
+    const QString none = QStringLiteral("-");
+    const auto orNone = [&none](const QString &text) { return text.isEmpty() ? none : text; };
+    QVector<QStringList> rows{{QStringLiteral("PORT"), QStringLiteral("DESCRIPTION"),
+                               QStringLiteral("MANUFACTURER"), QStringLiteral("VID:PID"),
+                               QStringLiteral("SERIAL")}};
+    for (const QComPort::PortEntry &entry : ports) {
+        const QString ids = entry.vendorId || entry.productId
+                                ? QStringLiteral("%1:%2")
+                                      .arg(entry.vendorId, 4, 16, QLatin1Char('0'))
+                                      .arg(entry.productId, 4, 16, QLatin1Char('0'))
+                                : none;
+        rows.append({entry.path, orNone(entry.description), orNone(entry.manufacturer), ids,
+                     orNone(entry.serialNumber)});
+    }
+    QVector<int> widths(rows.first().size(), 0);
+    for (const QStringList &row : rows) {
+        for (int i = 0; i < row.size(); ++i)
+            widths[i] = qMax(widths[i], row.at(i).size());
+    }
+    for (const QStringList &row : rows) {
+        QString line;
+        for (int i = 0; i + 1 < row.size(); ++i)
+            line += padded(row.at(i), widths.at(i) + 2);
+        m_console.plain(line + row.last());
+    }
     return ExitOk;
 }
 
@@ -536,6 +584,41 @@ int CliApp::runErase()
         return exitCode;
     return runBoards([region] { return operations(std::make_unique<EraseOperation>(region)); },
                      false);
+}
+
+int CliApp::runWrite()
+{
+    const QStringList &arguments = m_args.positional;
+    if (arguments.isEmpty() || arguments.size() % 2 != 0)
+        return usage(QStringLiteral("usage: esp-utility write ADDRESS FILE [ADDRESS FILE...]"));
+    QVector<WriteOperation::Item> items;
+    for (int i = 0; i < arguments.size(); i += 2) {
+        bool ok = false;
+        const unsigned int address = parseUnsignedInteger(arguments.at(i), &ok);
+        if (!ok)
+            return usage(QStringLiteral("%1 is not an address").arg(arguments.at(i)));
+        const QFileInfo file(arguments.at(i + 1));
+        if (!file.isFile() || !file.isReadable())
+            return usage(QStringLiteral("cannot read %1").arg(arguments.at(i + 1)));
+        items.append({address, file.absoluteFilePath()});
+    }
+    WriteOperation::FlashOptions options;
+    options.mode = m_args.flashMode;
+    options.size = m_args.flashSize;
+    options.frequency = m_args.flashFreq;
+    QString error;
+    if (!WriteOperation::checkOptions(options, &error))
+        return usage(error);
+    int exitCode = ExitOk;
+    if (!checkLoaderOption(false, &exitCode))
+        return exitCode;
+    if (m_loaderFile.isEmpty())
+        m_loaderFile = defaultLoaderPath();
+    if (!resolveBoards(&exitCode))
+        return exitCode;
+    return runBoards(
+        [items, options] { return operations(std::make_unique<WriteOperation>(items, options)); },
+        false);
 }
 
 int CliApp::runDemo()

@@ -42,6 +42,7 @@ private:
     int runVerify();
     int runRead();
     int runErase();
+    int runWrite();
     int runDemo();
 
     int usage(const QString &message);

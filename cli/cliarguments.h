@@ -21,9 +21,16 @@ struct CliArguments
     QString output;       // -o / --output (pack)
     QString description;  // --description (pack)
     bool descriptionGiven = false;
-    bool trim = false; // --trim (pack)
-    QString trailer;   // --trailer (image-info)
-    QString out;       // --out (demo: where the read-back goes)
+    bool trim = false;          // --trim (pack)
+    QString trailer;            // --trailer (image-info)
+    QString out;                // --out (demo: where the read-back goes)
+    bool resetBefore = true;    // --before reset|no-reset
+    bool resetAfter = true;     // --after reset|stay
+    unsigned int baud = 460800; // --baud N: the line rate once the flash loader runs
+    bool skipUnchanged = true;  // --no-skip turns it off
+    QString flashMode = QStringLiteral("keep"); // --flash-mode (write)
+    QString flashSize = QStringLiteral("keep"); // --flash-size (write)
+    QString flashFreq = QStringLiteral("keep"); // --flash-freq (write)
     bool help = false;
     bool version = false;
 

@@ -50,7 +50,8 @@ private:
             break;
         case 1:
             if (byte == 0xC0) {
-                m_state = 0;
+                // A delimiter ends a frame and opens the next one.
+                m_state = 1;
                 if (!m_packet.isEmpty())
                     packets.append(m_packet);
                 m_packet.clear();
@@ -130,6 +131,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     if (!withFlushes) {
         check(readySignals == packets.size(), "one packetReady per packet");
         check(decodeWhole(line) == packets, "chunking does not change the packets");
+        // Dropping noise removes exactly the frames that cannot be answers, nothing else.
+        ESPProtocol answers;
+        answers.setAnswersOnly(true);
+        answers.feed(line);
+        QList<QByteArray> expected;
+        for (const QByteArray &packet : packets) {
+            if (ESPProtocol::canBeAnswer(packet))
+                expected.append(packet);
+        }
+        check(drain(answers) == expected, "answers only keeps the answers");
     }
 
     QByteArray stream;

@@ -2,7 +2,9 @@
 
 namespace {
 constexpr int encodeReserve = 10;
-}
+constexpr int answerHeaderSize = 8;
+constexpr quint8 answerDirection = 0x01;
+} // namespace
 
 ESPProtocol::ESPProtocol(QObject *parent) : QObject(parent) {}
 
@@ -42,13 +44,7 @@ void ESPProtocol::feed(const QByteArray &data)
             break;
         case InFrame:
             if (byte == SLIP_END) {
-                // The closing delimiter ends the frame; the next frame needs its own opening one.
-                m_state = WaitingForStart;
-                if (!m_packet.isEmpty()) {
-                    m_queue.append(m_packet);
-                    m_packet.clear();
-                    emit packetReady();
-                }
+                endFrame();
             } else if (byte == SLIP_ESC) {
                 m_state = AfterEscape;
             } else {
@@ -76,6 +72,29 @@ void ESPProtocol::feed(const QByteArray &data)
             break;
         }
     }
+}
+
+void ESPProtocol::endFrame()
+{
+    // Every delimiter both ends a frame and may open the next one: a stray 0xC0 or a half frame
+    // must not leave the decoder reading the gaps between frames as frames. An empty frame is
+    // no frame at all.
+    m_state = InFrame;
+    if (m_packet.isEmpty())
+        return;
+    if (m_answersOnly && !canBeAnswer(m_packet)) {
+        ++m_droppedFrames;
+        m_packet.clear();
+        return;
+    }
+    m_queue.append(m_packet);
+    m_packet.clear();
+    emit packetReady();
+}
+
+bool ESPProtocol::canBeAnswer(const QByteArray &frame)
+{
+    return frame.size() >= answerHeaderSize && quint8(frame.at(0)) == answerDirection;
 }
 
 QByteArray ESPProtocol::deque()

@@ -35,13 +35,28 @@ public:
 
     int queuedPackets() const { return m_queue.size(); }
 
+    // With answers only, a frame that cannot be an answer (shorter than an answer header or not
+    // marked as one) is noise: it is dropped without packetReady(), so boot messages and broken
+    // frames neither end a command's wait nor take the place of its answer. Off by default;
+    // the client turns it off while it expects raw frames (the loader's greeting, flash data).
+    void setAnswersOnly(bool answersOnly) { m_answersOnly = answersOnly; }
+    bool answersOnly() const { return m_answersOnly; }
+    // Frames dropped as noise since construction.
+    int droppedFrames() const { return m_droppedFrames; }
+    // Whether a decoded frame has the shape of an answer.
+    static bool canBeAnswer(const QByteArray &frame);
+
 signals:
     void packetReady();
 
 private:
     enum State { WaitingForStart = 0, InFrame = 1, AfterEscape = 2 };
 
+    void endFrame();
+
     int m_state = WaitingForStart;
     QByteArray m_packet;
     QList<QByteArray> m_queue;
+    bool m_answersOnly = false;
+    int m_droppedFrames = 0;
 };

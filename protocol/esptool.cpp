@@ -20,6 +20,24 @@ constexpr unsigned int romMemEndTimeoutMs = 50; // the ROM jumps to the stub rig
 constexpr unsigned int eraseChipTimeoutMs = 120000; // a whole-chip erase takes long
 constexpr unsigned int stubGreetingTimeoutMs = 3000;
 constexpr unsigned int baudSwitchPauseMs = 50;
+// The loader answers a baud-rate change at the old rate before it switches (ms).
+constexpr unsigned int baudAnswerTimeoutMs = 500;
+// A command that checks the line after a switch (ms).
+constexpr unsigned int lineCheckTimeoutMs = 300;
+constexpr unsigned int syncBaud = 115200;
+// Reset into the boot loader through DTR (GPIO0) and RTS (EN): EN is held low this long (ms),
+constexpr unsigned int resetHoldMs = 100;
+// then GPIO0 stays low this long after EN was released, first the classic time and then,
+// when the first synchronisation fails, a longer one for slow boards (ms).
+constexpr unsigned int bootModeHoldMs = 50;
+constexpr unsigned int bootModeHoldLongMs = 500;
+// A compressed block can unpack to far more than its size, all of it erased and programmed
+// before the answer (ms).
+constexpr unsigned int deflateBlockTimeoutMs = 10000;
+constexpr int zlibLevel = 9;
+constexpr int qCompressPrefixSize = 4; // qCompress puts the length before the zlib stream
+constexpr unsigned int skipBlockSize = 0x10000;
+constexpr quint8 stubInvalidCommand = 0xC3; // the loader's status for an unknown opcode
 // Per-size time-outs: milliseconds per 1,000,000 bytes.
 constexpr unsigned int eraseMsPerMegabyte = 30000;
 constexpr unsigned int md5MsPerMegabyte = 8000;
@@ -136,6 +154,8 @@ ESPTool::ESPTool(QObject *parent)
     waitTimer.setSingleShot(true);
     connect(&waitTimer, &QTimer::timeout, &waitLoop, &QEventLoop::quit);
     connect(&protocol, &ESPProtocol::packetReady, &waitLoop, &QEventLoop::quit);
+    // Boot messages and broken frames must neither end a wait nor stand in for an answer.
+    protocol.setAnswersOnly(true);
 }
 
 ESPTool::~ESPTool()
@@ -252,57 +272,215 @@ void ESPTool::sync()
     QByteArray frame = QByteArrayLiteral("\x07\x07\x12\x20");
     frame.append(32, char(0x55));
 
+    syncAnswered = false;
     int succeeded = -1;
     for (int attempt = 0; attempt < syncAttempts; ++attempt) {
         if (esp_command(ESP_SYNC, frame, true, syncTimeoutMs)) {
             succeeded = attempt;
             break;
         }
-        failed = false;
+        if (attempt + 1 < syncAttempts)
+            failed = false;
     }
-    // The ROM answers one synchronisation several times; take the surplus off the line. Only
-    // a success at the last attempt leaves them to the opcode filter of later commands.
-    if (succeeded == syncAttempts - 1)
+    if (succeeded < 0)
         return;
-    for (int i = 0; i < syncSurplusAnswers; ++i)
-        esp_command(ESP_NO_COMMAND, QByteArray(), true, syncTimeoutMs);
+    syncAnswered = true;
+    // The ROM answers one synchronisation several times, a running flash loader once: a
+    // synchronisation without surplus answers found the loader of an earlier session.
+    if (discardLateAnswers() == 0) {
+        stubRunning = 1;
+        emit notice(QStringLiteral("The flash loader is already running; it is used as it is"));
+    }
 }
 
-bool ESPTool::esp_connect(const QString &portName)
+bool ESPTool::esp_connect(const QString &name)
+{
+    return esp_connect(name, ConnectOptions());
+}
+
+bool ESPTool::esp_connect(const QString &name, const ConnectOptions &options)
 {
     failed = false;
     // A fresh connection talks to the ROM loader: whatever stub ran before is gone.
     stubRunning = 0;
     stubImage.reset();
+    deflateRefused = false;
+    modemLinesNoted = false;
+    syncAnswered = false;
+    lastConnectFailure = ConnectFailure::None;
+    lastOpenFailure.clear();
     // A port left open by an earlier connect whose synchronisation failed would refuse to open
     // again, and every retry would fail without a word.
     communicator.close();
-    constexpr unsigned int syncBaud = 115200;
-    if (!communicator.open(portName, syncBaud))
+    if (!communicator.open(name, syncBaud)) {
+        lastConnectFailure = ConnectFailure::OpenFailed;
+        lastOpenFailure = communicator.openFailureText();
         return false;
+    }
+    portName = name;
     protocol.flush(true);
-    sync();
-    if (!failed)
-        discardLateAnswers();
+    if (!options.resetBefore) {
+        sync();
+    } else {
+        // The classic sequence first; a board that needs longer in reset gets a second try.
+        for (const unsigned int holdMs : {bootModeHoldMs, bootModeHoldLongMs}) {
+            const bool reset = enterBootLoader(holdMs);
+            failed = false;
+            sync();
+            if (!failed || !reset)
+                break;
+        }
+    }
+    if (!syncAnswered)
+        lastConnectFailure = ConnectFailure::SyncUnanswered;
     return !failed;
 }
 
-void ESPTool::discardLateAnswers()
+bool ESPTool::setModemLines(bool dtrAsserted, bool rtsAsserted)
+{
+    if (communicator.setModemLines(dtrAsserted, rtsAsserted))
+        return true;
+    if (!modemLinesNoted) {
+        modemLinesNoted = true;
+        emit notice(QStringLiteral("The board is not reset: %1 has no modem lines (DTR/RTS)")
+                        .arg(portName));
+    }
+    return false;
+}
+
+void ESPTool::pause(unsigned int ms)
+{
+    waitTimer.stop();
+    waitTimer.setInterval(int(ms));
+    waitTimer.start();
+    // Packets arriving meanwhile end the loop early; wait out the rest.
+    QElapsedTimer elapsed;
+    elapsed.start();
+    while (elapsed.elapsed() < qint64(ms) && communicator.isOpen()) {
+        waitLoop.exec();
+        if (!waitTimer.isActive())
+            break;
+    }
+    waitTimer.stop();
+}
+
+bool ESPTool::enterBootLoader(unsigned int gpio0HoldMs)
+{
+    // EN (RTS) low with GPIO0 (DTR) high, then EN released while GPIO0 is low: the chip starts
+    // its serial boot loader. Then GPIO0 is released.
+    if (!setModemLines(false, true))
+        return false;
+    pause(resetHoldMs);
+    setModemLines(true, false);
+    pause(gpio0HoldMs);
+    setModemLines(false, false);
+    // Whatever the chip said while booting is no answer.
+    protocol.flush(true);
+    return true;
+}
+
+bool ESPTool::hard_reset()
+{
+    if (!communicator.isOpen())
+        return false;
+    if (!setModemLines(false, true))
+        return false;
+    pause(resetHoldMs);
+    setModemLines(false, false);
+    stubRunning = 0;
+    return true;
+}
+
+QByteArray ESPTool::quietCommand(Opcode op, const QByteArray &payload, unsigned int timeoutMs)
+{
+    QByteArray packet;
+    packet.append(char(0x00));
+    packet.append(char(op));
+    char length[2];
+    qToLittleEndian(quint16(payload.size()), length);
+    packet.append(length, 2);
+    appendWord(packet, 0);
+    packet.append(payload);
+    if (!communicator.write(packet))
+        return QByteArray();
+    QElapsedTimer elapsed;
+    elapsed.start();
+    // Unlike esp_command, packets of other kinds do not end the wait.
+    while (elapsed.elapsed() < qint64(timeoutMs) && communicator.isOpen()) {
+        waitForPacket(timeoutMs - unsigned(elapsed.elapsed()));
+        const QByteArray answer = getPacket(op);
+        if (!answer.isEmpty())
+            return answer;
+    }
+    return QByteArray();
+}
+
+bool ESPTool::lineAnswers()
+{
+    const QByteArray answer = quietCommand(ESP_READ_REG, words({EFUSE_WORD0}), lineCheckTimeoutMs);
+    return answer.size() >= headerSize + 2 && quint8(answer.at(answer.size() - 2)) == 0;
+}
+
+bool ESPTool::switch_baudrate(unsigned int baud)
+{
+    const unsigned int old = communicator.baudrate();
+    if (!stubRunning || baud == 0 || baud == old)
+        return true;
+    protocol.flush(true);
+    const QByteArray answer =
+        quietCommand(ESP_CHANGE_BAUDRATE, words({baud, old}), baudAnswerTimeoutMs);
+    const bool accepted =
+        answer.size() >= headerSize + 2 && quint8(answer.at(answer.size() - 2)) == 0;
+    if (!accepted) {
+        // Ignored or refused: the loader still talks at the old rate.
+        if (lineAnswers()) {
+            emit notice(QStringLiteral("The board did not switch to %1 baud; staying at %2 baud")
+                            .arg(baud)
+                            .arg(old));
+            return true;
+        }
+    } else {
+        communicator.setBaudrate(baud);
+        pause(baudSwitchPauseMs);
+        protocol.flush(true);
+        if (lineAnswers())
+            return true;
+        // The loader moved, the line does not carry the new rate: both go back.
+        quietCommand(ESP_CHANGE_BAUDRATE, words({old, baud}), baudAnswerTimeoutMs);
+        communicator.setBaudrate(old);
+        pause(baudSwitchPauseMs);
+        protocol.flush(true);
+        if (lineAnswers()) {
+            emit notice(QStringLiteral("The line does not carry %1 baud; back at %2 baud")
+                            .arg(baud)
+                            .arg(old));
+            return true;
+        }
+    }
+    reportOperationError(
+        NoAnswer,
+        QStringLiteral("The board stopped answering while switching to %1 baud").arg(baud));
+    return false;
+}
+
+int ESPTool::discardLateAnswers()
 {
     // Answers nobody waits for (the surplus of a synchronisation, the ROM's answer to a flash end
     // that is not awaited) arrive after the call that caused them has returned. Arriving during
     // the next command's only wait, one would end that wait and fail the command, so they are
     // taken off the line here.
     // Only whole packets are dropped: the decoder keeps its place in the byte stream.
+    int discarded = 0;
     QElapsedTimer settling;
     settling.start();
     while (settling.elapsed() < lateAnswerLimitMs) {
         waitForPacket(lateAnswerQuietMs);
         if (protocol.queuedPackets() == 0)
-            return;
-        while (!protocol.deque().isEmpty()) {
-        }
+            return discarded;
+        while (!protocol.deque().isEmpty())
+            ++discarded;
     }
+    return discarded;
 }
 
 void ESPTool::esp_disconnect()
@@ -423,7 +601,7 @@ void ESPTool::write_flash_prep(unsigned int offset, unsigned int size)
 void ESPTool::write_flash_prep(const ESP_FLASH_BEGIN_PKT &pkt)
 {
     unsigned int timeoutMs = defaultTimeoutMs;
-    if (!stubImage) {
+    if (!stubImage && !stubRunning) {
         // The product is taken in 32 bits on purpose: it wraps for sizes above 143165 bytes.
         const quint32 product = pkt.size * eraseMsPerMegabyte;
         const auto t = static_cast<unsigned int>(product / 1000000.0);
@@ -457,7 +635,7 @@ void ESPTool::write_flash_finish(bool reboot)
 {
     QByteArray payload(4, '\0');
     payload[0] = reboot ? 0 : 1;
-    if (stubImage) {
+    if (stubImage || stubRunning) {
         esp_command_secure(ESP_FLASH_END, payload, defaultTimeoutMs);
         return;
     }
@@ -516,10 +694,17 @@ void ESPTool::read_flash(unsigned int offset, unsigned int size, QIODevice *out,
     if (!stubRunning)
         reportOperationError(WrongLoader,
                              QStringLiteral("Flash read command is unsupported in ROM loader"));
+    // Flash data and the digest come as raw frames, the first right behind the answer.
+    protocol.setAnswersOnly(false);
     esp_command_secure(ESP_READ_FLASH, words({offset, size, readPacketSize, readPacketsInFlight}),
                        defaultTimeoutMs);
     emit operationProgress(int(size), 0);
+    receiveFlashData(size, out, digest);
+    protocol.setAnswersOnly(true);
+}
 
+void ESPTool::receiveFlashData(unsigned int size, QIODevice *out, QByteArray *digest)
+{
     unsigned int received = 0;
     unsigned int packetsLeft = (size + readPacketSize - 1) / readPacketSize;
     while (received < size) {
@@ -916,11 +1101,15 @@ bool ESPTool::write_loader_stub(QIODevice *device)
     if (!uploadStubSection(text->data, text->address, total, &sent) ||
         !uploadStubSection(data->data, data->address, total, &sent))
         return false;
+    // The greeting is a raw frame, not an answer.
+    protocol.setAnswersOnly(false);
     write_ram_finish(true, stubImage->entry());
     emit operationProgress(total, total);
 
     waitForPacket(stubGreetingTimeoutMs);
-    if (getPacket(ESP_RAW_PACKET) == stubGreeting) {
+    const QByteArray greeting = getPacket(ESP_RAW_PACKET);
+    protocol.setAnswersOnly(true);
+    if (greeting == stubGreeting) {
         stubRunning = 1;
         return true;
     }
@@ -930,18 +1119,6 @@ bool ESPTool::write_loader_stub(QIODevice *device)
 
 // ---------------------------------------------------------------------------------------------
 // Flash file writing
-
-unsigned int ESPTool::flashBlockSize() const
-{
-    return stubRunning ? stubFlashBlockSize : romFlashBlockSize;
-}
-
-unsigned int ESPTool::flashEraseSize(unsigned int address, unsigned int total) const
-{
-    if (stubRunning)
-        return (total + stubFlashBlockSize - 1) / stubFlashBlockSize * stubFlashBlockSize;
-    return get_erase_size(address, total);
-}
 
 bool ESPTool::write_flash_file(const QString &path, bool firmware, unsigned int address,
                                unsigned char size, unsigned char mode, unsigned char freq)
@@ -960,82 +1137,56 @@ bool ESPTool::write_flash_file(QIODevice *device, const QString &name, bool firm
                                unsigned int address, unsigned char size, unsigned char mode,
                                unsigned char freq)
 {
+    const auto unreadable = [&](const QString &format) {
+        reportOperationError(BadRequest, format.arg(name, device ? device->errorString()
+                                                                 : QStringLiteral("no device")));
+        return false;
+    };
+    if (!device || !device->seek(0))
+        return unreadable(firmware ? QStringLiteral("Cannot read firmware from %1: %2")
+                                   : QStringLiteral("Cannot read data from %1: %2"));
+    // The fit check comes before anything reads the file: a huge file is refused at once.
     const quint64 flashSize = ESPImageParser::flash_size_bytes(size);
+    const auto fileSize = quint64(qMax<qint64>(device->size(), 0));
+    if (fileSize + address > flashSize) {
+        const QString format =
+            firmware ? QStringLiteral("firmware %1 (size %2 @ %3) will not fit in flash %4")
+                     : QStringLiteral("Data file %1 (size %2 @ %3) will not fit in flash %4");
+        reportOperationError(BadRequest,
+                             format.arg(name).arg(fileSize).arg(address).arg(flashSize));
+        return false;
+    }
+    const auto total = unsigned(fileSize);
+
     std::unique_ptr<ESPImageParser> parser;
     QByteArray expected;
-    unsigned int total = 0;
     if (firmware) {
         parser = std::make_unique<ESPImageParser>();
-        if (!device || !parser->load(device, mode, size, freq)) {
-            reportOperationError(BadRequest, QStringLiteral("Cannot read firmware from %1: %2")
-                                                 .arg(name, device ? device->errorString()
-                                                                   : QStringLiteral("no device")));
-            return false;
-        }
-        total = parser->file_size();
-        if (quint64(total) + address > flashSize) {
-            reportOperationError(
-                BadRequest, QStringLiteral("firmware %1 (size %2 @ %3) will not fit in flash %4")
-                                .arg(name)
-                                .arg(total)
-                                .arg(address)
-                                .arg(flashSize));
-            return false;
-        }
+        if (!parser->load(device, mode, size, freq))
+            return unreadable(QStringLiteral("Cannot read firmware from %1: %2"));
         expected = parser->md5();
     } else {
-        if (!device || !device->seek(0)) {
-            reportOperationError(BadRequest, QStringLiteral("Cannot read data from %1: %2")
-                                                 .arg(name, device ? device->errorString()
-                                                                   : QStringLiteral("no device")));
-            return false;
-        }
         expected = get_md5(device);
-        device->seek(0);
-        total = unsigned(qMax<qint64>(device->size(), 0));
-        if (quint64(total) + address > flashSize) {
-            reportOperationError(
-                BadRequest, QStringLiteral("Data file %1 (size %2 @ %3) will not fit in flash %4")
-                                .arg(name)
-                                .arg(total)
-                                .arg(address)
-                                .arg(flashSize));
-            return false;
-        }
+        if (!device->seek(0))
+            return unreadable(QStringLiteral("Cannot read data from %1: %2"));
     }
 
-    emit operationProgress(int(total), 0);
-    const unsigned int blockSize = flashBlockSize();
-    ESP_FLASH_BEGIN_PKT begin;
-    begin.size = flashEraseSize(address, total);
-    begin.blocks = (total + blockSize - 1) / blockSize;
-    begin.blockSize = blockSize;
-    begin.address = address;
-    const quint64 reportsBefore = reportCount;
-    write_flash_prep(begin);
-
-    // The first failure ends the transfer: every further block would only wait out its time-out.
-    int written = 0;
-    if (firmware) {
-        parser->prepare_read();
-        while (reportCount == reportsBefore && !device->atEnd()) {
-            write_flash(parser->get_block(blockSize));
-            ++written;
-            emit operationProgress(int(total), int(quint64(written) * blockSize));
-        }
+    bool written = false;
+    if (stubRunning) {
+        QByteArray image;
+        if (!readImage(device, parser.get(), total, &image))
+            return unreadable(firmware ? QStringLiteral("Cannot read firmware from %1: %2")
+                                       : QStringLiteral("Cannot read data from %1: %2"));
+        parser.reset();
+        // What was read is what the flash must hold: a file that changed meanwhile is caught.
+        if (!firmware)
+            expected = get_data_md5(image);
+        written = writeThroughLoader(image, address);
     } else {
-        while (reportCount == reportsBefore) {
-            QByteArray block = device->read(blockSize);
-            if (block.isEmpty())
-                break;
-            block.append(int(blockSize) - block.size(), char(0xFF));
-            write_flash(block);
-            ++written;
-            emit operationProgress(int(total), int(quint64(written) * blockSize));
-        }
+        written = writeThroughRom(device, parser.get(), address, total);
     }
     parser.reset();
-    if (reportCount != reportsBefore)
+    if (!written)
         return false;
 
     const QByteArray actual = get_flash_md5(address, total);
@@ -1046,4 +1197,231 @@ bool ESPTool::write_flash_file(QIODevice *device, const QString &name, bool firm
         return false;
     }
     return true;
+}
+
+bool ESPTool::readImage(QIODevice *device, ESPImageParser *parser, unsigned int total,
+                        QByteArray *image)
+{
+    image->clear();
+    image->reserve(int(total));
+    if (parser) {
+        parser->prepare_read();
+        while (!device->atEnd() && unsigned(image->size()) < total) {
+            const QByteArray block = parser->get_block(stubFlashBlockSize);
+            if (block.isEmpty())
+                break;
+            image->append(block);
+        }
+        image->truncate(int(total)); // the last block came padded
+    } else {
+        while (unsigned(image->size()) < total) {
+            const QByteArray chunk = device->read(qint64(total) - image->size());
+            if (chunk.isEmpty())
+                break;
+            image->append(chunk);
+        }
+    }
+    return unsigned(image->size()) == total;
+}
+
+bool ESPTool::writeThroughRom(QIODevice *device, ESPImageParser *parser, unsigned int address,
+                              unsigned int total)
+{
+    bool impossible = false;
+    const QVector<RomErase> plan = romErasePlan(address, total, &impossible);
+    if (impossible) {
+        reportOperationError(
+            BadRequest,
+            QStringLiteral("The ROM loader cannot erase the single sector at 0x%1 without "
+                           "erasing the next one; load the flash loader to write it")
+                .arg(hex8(address / sectorSize * sectorSize)));
+        return false;
+    }
+    emit operationProgress(int(total), 0);
+    const quint64 reportsBefore = reportCount;
+    // Erase-only requests first; the last request begins the data itself.
+    for (int i = 0; i < plan.size() && reportCount == reportsBefore; ++i) {
+        ESP_FLASH_BEGIN_PKT begin;
+        begin.size = plan.at(i).sizeField;
+        begin.blockSize = romFlashBlockSize;
+        begin.address = plan.at(i).offset;
+        if (i + 1 == plan.size())
+            begin.blocks = (total + romFlashBlockSize - 1) / romFlashBlockSize;
+        write_flash_prep(begin);
+    }
+
+    // The first failure ends the transfer: every further block would only wait out its time-out.
+    int written = 0;
+    if (parser)
+        parser->prepare_read();
+    while (reportCount == reportsBefore) {
+        QByteArray block;
+        if (parser) {
+            if (device->atEnd())
+                break;
+            block = parser->get_block(romFlashBlockSize);
+        } else {
+            block = device->read(romFlashBlockSize);
+            if (block.isEmpty())
+                break;
+            block.append(int(romFlashBlockSize) - block.size(), char(0xFF));
+        }
+        write_flash(block);
+        ++written;
+        emit operationProgress(int(total), int(quint64(written) * romFlashBlockSize));
+    }
+    return reportCount == reportsBefore;
+}
+
+QVector<ESPTool::RomErase> ESPTool::romErasePlan(unsigned int address, unsigned int size,
+                                                 bool *impossible)
+{
+    // The ROM erases s + min(h, s) sectors for a size field of s sectors, h being the sectors
+    // left in the 64 KiB block the start lies in: an even count within the first block.
+    if (impossible)
+        *impossible = false;
+    const unsigned int first = address / sectorSize;
+    const unsigned int end = (quint64(address) + size + sectorSize - 1) / sectorSize;
+    const unsigned int sectors = end - first;
+    const unsigned int head = sectorsPerEraseBlock - first % sectorsPerEraseBlock;
+    const auto field = [](unsigned int s) { return quint32(s * sectorSize); };
+    if (sectors == 0)
+        return {{address, 0}};
+    if (sectors > 2 * head)
+        return {{address, field(sectors - head)}};
+    if (sectors % 2 == 0)
+        return {{address, field(sectors / 2)}};
+    if (sectors == 1) {
+        if (impossible)
+            *impossible = true;
+        return {};
+    }
+    // Odd and within reach of the doubling: the last two sectors on their own, then the rest
+    // (an even count) with the data's begin. The sector they share is erased twice.
+    return {{(end - 2) * sectorSize, field(1)}, {address, field((sectors - 1) / 2)}};
+}
+
+bool ESPTool::writeThroughLoader(const QByteArray &image, unsigned int address)
+{
+    const auto total = unsigned(image.size());
+    emit operationProgress(int(total), 0);
+    if (!skipUnchanged || total == 0)
+        return writeCompressed(image, address, int(total), 0);
+
+    // One digest answers the common cases (nothing changed) at once; otherwise block by block.
+    const quint64 reportsBefore = reportCount;
+    if (get_flash_md5(address, total) == get_data_md5(image)) {
+        emit operationProgress(int(total), int(total));
+        emit notice(QStringLiteral("%1 of %1 block(s) of 64 KiB unchanged, nothing written")
+                        .arg((total + skipBlockSize - 1) / skipBlockSize));
+        return true;
+    }
+    if (reportCount != reportsBefore)
+        return false;
+    const unsigned int blocks = (total + skipBlockSize - 1) / skipBlockSize;
+    QVector<bool> differs(int(blocks), false);
+    for (unsigned int i = 0; i < blocks && reportCount == reportsBefore; ++i) {
+        const unsigned int offset = i * skipBlockSize;
+        const unsigned int length = qMin(skipBlockSize, total - offset);
+        differs[int(i)] = get_flash_md5(address + offset, length) !=
+                          get_data_md5(image.mid(int(offset), int(length)));
+    }
+    if (reportCount != reportsBefore)
+        return false;
+
+    // Runs of differing blocks go out as one compressed write each.
+    int done = 0;
+    int skipped = 0;
+    for (unsigned int i = 0; i < blocks;) {
+        const unsigned int offset = i * skipBlockSize;
+        if (!differs.at(int(i))) {
+            ++skipped;
+            done += int(qMin(skipBlockSize, total - offset));
+            emit operationProgress(int(total), done);
+            ++i;
+            continue;
+        }
+        unsigned int last = i;
+        while (last + 1 < blocks && differs.at(int(last + 1)))
+            ++last;
+        const unsigned int length = qMin((last + 1) * skipBlockSize, total) - offset;
+        if (!writeCompressed(image.mid(int(offset), int(length)), address + offset, int(total),
+                             done))
+            return false;
+        done += int(length);
+        i = last + 1;
+    }
+    if (skipped > 0)
+        emit notice(QStringLiteral("%1 of %2 block(s) of 64 KiB unchanged, not written")
+                        .arg(skipped)
+                        .arg(blocks));
+    return true;
+}
+
+bool ESPTool::writeCompressed(const QByteArray &data, unsigned int address, int total, int done)
+{
+    if (deflateRefused)
+        return writeUncompressed(data, address, total, done);
+    const QByteArray stream = qCompress(data, zlibLevel).mid(qCompressPrefixSize);
+    const auto size = unsigned(stream.size());
+    const unsigned int blocks = (size + stubFlashBlockSize - 1) / stubFlashBlockSize;
+    // The loader erases the sectors the uncompressed data covers, and only those.
+    const QByteArray begin = words({unsigned(data.size()), blocks, stubFlashBlockSize, address});
+    const auto eraseMs =
+        static_cast<unsigned int>(quint64(data.size()) * eraseMsPerMegabyte / 1000000);
+    const QByteArray answer =
+        quietCommand(ESP_FLASH_DEFL_BEGIN, begin, qMax(defaultTimeoutMs, eraseMs));
+    const int answerSize = answer.size();
+    if (answerSize >= headerSize + 2 && quint8(answer.at(answerSize - 2)) == stubInvalidCommand) {
+        deflateRefused = true;
+        emit notice(
+            QStringLiteral("The flash loader does not take compressed data; writing uncompressed"));
+        return writeUncompressed(data, address, total, done);
+    }
+    if (answer.isEmpty()) {
+        reportOperationError(NoAnswer,
+                             QStringLiteral("No response for 0x%1 command")
+                                 .arg(uint(ESP_FLASH_DEFL_BEGIN), 2, 16, QLatin1Char('0')));
+        return false;
+    }
+    if (answerSize < headerSize + 2 || quint8(answer.at(answerSize - 2)) != 0) {
+        reportCommandError(answerSize >= headerSize + 2 ? quint8(answer.at(answerSize - 2)) : 0);
+        return false;
+    }
+
+    const quint64 reportsBefore = reportCount;
+    blockSequence = 0;
+    for (unsigned int offset = 0; offset < size && reportCount == reportsBefore;
+         offset += stubFlashBlockSize) {
+        const QByteArray slice = stream.mid(int(offset), int(stubFlashBlockSize));
+        QByteArray payload = words({quint32(slice.size()), blockSequence++, 0, 0});
+        payload.append(slice);
+        esp_command_secure(ESP_FLASH_DEFL_DATA, payload, deflateBlockTimeoutMs);
+        // Progress in uncompressed bytes: the share of the stream sent so far.
+        const unsigned int sent = offset + unsigned(slice.size());
+        emit operationProgress(total, done + int(quint64(data.size()) * sent / size));
+    }
+    return reportCount == reportsBefore;
+}
+
+bool ESPTool::writeUncompressed(const QByteArray &data, unsigned int address, int total, int done)
+{
+    const auto size = unsigned(data.size());
+    ESP_FLASH_BEGIN_PKT begin;
+    // Only the sectors the data covers are erased; the padding of the last block is 0xFF,
+    // which leaves flash that was not erased as it is.
+    begin.size = size;
+    begin.blocks = (size + stubFlashBlockSize - 1) / stubFlashBlockSize;
+    begin.blockSize = stubFlashBlockSize;
+    begin.address = address;
+    const quint64 reportsBefore = reportCount;
+    write_flash_prep(begin);
+    for (unsigned int offset = 0; offset < size && reportCount == reportsBefore;
+         offset += stubFlashBlockSize) {
+        QByteArray block = data.mid(int(offset), int(stubFlashBlockSize));
+        block.append(int(stubFlashBlockSize) - block.size(), char(0xFF));
+        write_flash(block);
+        emit operationProgress(total, done + int(qMin(size, offset + stubFlashBlockSize)));
+    }
+    return reportCount == reportsBefore;
 }

@@ -15,6 +15,7 @@
 
 class QIODevice;
 class ElfStubImage;
+class ESPImageParser;
 
 // Client of the ESP8266 serial boot-loader protocol: talks to the chip's ROM loader and, once
 // uploaded, to the RAM flash stub. Every operation is synchronous and waits in a nested event
@@ -25,25 +26,27 @@ class ESPUTILITY_EXPORT ESPTool : public QObject
 
 public:
     enum Opcode : quint8 {
-        ESP_NO_COMMAND = 0x00,      // wait selector: send nothing, accept any answer
-        ESP_RAW_PACKET = 0x01,      // wait selector: accept the next packet of any kind
-        ESP_FLASH_BEGIN = 0x02,     // erase a flash region and start a flash download
-        ESP_FLASH_DATA = 0x03,      // one flash data block
-        ESP_FLASH_END = 0x03,       // leave the flash download; deliberately shares 0x03
-        ESP_MEM_BEGIN = 0x05,       // start a RAM download
-        ESP_MEM_END = 0x06,         // finish a RAM download, optionally jump to an entry point
-        ESP_MEM_DATA = 0x07,        // one RAM data block
-        ESP_SYNC = 0x08,            // synchronisation frame
-        ESP_WRITE_REG = 0x09,       // write a 32-bit register
-        ESP_READ_REG = 0x0A,        // read a 32-bit register
-        ESP_SPI_SET_PARAMS = 0x0B,  // flash geometry (stub)
-        ESP_SPI_ATTACH = 0x0D,      // attach the SPI flash (stub)
-        ESP_CHANGE_BAUDRATE = 0x0F, // switch the line speed (stub)
-        ESP_FLASH_DEFL_DATA = 0x11, // compressed flash data block (checksum rule only)
-        ESP_SPI_FLASH_MD5 = 0x13,   // MD5 of a flash region (stub)
-        ESP_ERASE_FLASH = 0xD0,     // erase the whole chip (stub)
-        ESP_ERASE_REGION = 0xD1,    // erase a region (stub)
-        ESP_READ_FLASH = 0xD2,      // stream a flash region back (stub)
+        ESP_NO_COMMAND = 0x00,       // wait selector: send nothing, accept any answer
+        ESP_RAW_PACKET = 0x01,       // wait selector: accept the next packet of any kind
+        ESP_FLASH_BEGIN = 0x02,      // erase a flash region and start a flash download
+        ESP_FLASH_DATA = 0x03,       // one flash data block
+        ESP_FLASH_END = 0x03,        // leave the flash download; deliberately shares 0x03
+        ESP_MEM_BEGIN = 0x05,        // start a RAM download
+        ESP_MEM_END = 0x06,          // finish a RAM download, optionally jump to an entry point
+        ESP_MEM_DATA = 0x07,         // one RAM data block
+        ESP_SYNC = 0x08,             // synchronisation frame
+        ESP_WRITE_REG = 0x09,        // write a 32-bit register
+        ESP_READ_REG = 0x0A,         // read a 32-bit register
+        ESP_SPI_SET_PARAMS = 0x0B,   // flash geometry (stub)
+        ESP_SPI_ATTACH = 0x0D,       // attach the SPI flash (stub)
+        ESP_CHANGE_BAUDRATE = 0x0F,  // switch the line speed (stub)
+        ESP_FLASH_DEFL_BEGIN = 0x10, // start a compressed flash download (loader)
+        ESP_FLASH_DEFL_DATA = 0x11,  // one slice of the zlib stream (loader)
+        ESP_FLASH_DEFL_END = 0x12,   // leave the compressed download (loader)
+        ESP_SPI_FLASH_MD5 = 0x13,    // MD5 of a flash region (stub)
+        ESP_ERASE_FLASH = 0xD0,      // erase the whole chip (stub)
+        ESP_ERASE_REGION = 0xD1,     // erase a region (stub)
+        ESP_READ_FLASH = 0xD2,       // stream a flash region back (stub)
     };
     Q_ENUM(Opcode)
 
@@ -87,6 +90,28 @@ public:
     };
     static const QVector<SPIFLASH_IDENTIFIER> KNOWN_SPI_CHIPS;
 
+    // How a connection starts.
+    struct ConnectOptions
+    {
+        // Reset the board into its boot loader through DTR/RTS first.
+        bool resetBefore = false;
+    };
+
+    // Why the last connect failed before any synchronisation.
+    enum class ConnectFailure {
+        None,           // opened (a failed synchronisation is reported through the signals)
+        OpenFailed,     // the port could not be opened: see openFailureText()
+        SyncUnanswered, // opened, but the chip never answered the synchronisation
+    };
+
+    // One erase request of the ROM loader: a flash begin whose size field makes the ROM erase
+    // exactly the sectors meant (it erases more than asked; see romErasePlan).
+    struct RomErase
+    {
+        quint32 offset = 0;
+        quint32 sizeField = 0;
+    };
+
     explicit ESPTool(QObject *parent = nullptr);
     ~ESPTool() override;
 
@@ -96,7 +121,13 @@ public:
     QByteArray esp_command_secure(Opcode op, const QByteArray &payload, unsigned int timeoutMs);
     void sync();
     bool esp_connect(const QString &portName);
+    bool esp_connect(const QString &portName, const ConnectOptions &options);
     void esp_disconnect();
+    ConnectFailure connectFailure() const { return lastConnectFailure; }
+    QString openFailureText() const { return lastOpenFailure; }
+    // Resets the board so that the written firmware runs (RTS pulse, GPIO0 released). False,
+    // with a notice, when the port has no modem lines.
+    bool hard_reset();
 
     // Registers, RAM download, flash download, line speed.
     unsigned int read_reg(unsigned int address);
@@ -114,6 +145,15 @@ public:
     void write_flash(const QByteArray &data);
     void write_flash_finish(bool reboot);
     void change_baudrate(unsigned int baud);
+    // Switches the loader and the port to `baud` and checks the line; when that fails both go
+    // back to the old rate with one notice. False only when the line is lost altogether.
+    bool switch_baudrate(unsigned int baud);
+
+    // The flash-begin requests that make the ROM loader erase exactly the sectors covering
+    // [address, address + size): the last one is the begin of the data itself. Empty with
+    // *impossible set when no sequence of requests can do it (a lone sector).
+    static QVector<RomErase> romErasePlan(unsigned int address, unsigned int size,
+                                          bool *impossible = nullptr);
 
     // Flash services.
     void erase_flash();
@@ -150,6 +190,11 @@ public:
     bool write_flash_file(const QString &path, bool firmware, unsigned int address,
                           unsigned char size, unsigned char mode, unsigned char freq);
 
+    // Compare the flash with the image per 64 KiB block before a loader write and send only
+    // the blocks that differ.
+    void setSkipUnchanged(bool skip) { skipUnchanged = skip; }
+    bool skipsUnchanged() const { return skipUnchanged; }
+
     bool isFailed() const { return failed; }
     bool isStubRunning() const { return stubRunning != 0; }
     bool hasStubImage() const { return stubImage != nullptr; }
@@ -161,6 +206,9 @@ signals:
     void commandError(int error);
     void operationError(int code, const QString &descr);
     void operationProgress(int total, int current);
+    // News for the log that is not a failure: a reset skipped, a baud-rate fallback, blocks
+    // left unwritten.
+    void notice(const QString &text);
 
 private slots:
     void connection_closed(const QString &reason);
@@ -169,16 +217,40 @@ private slots:
 private:
     QByteArray getPacket(quint8 op);
     // Drops answers that are still arriving after a synchronisation, until the line is quiet.
-    void discardLateAnswers();
+    int discardLateAnswers(); // the number of answers dropped
     // Runs the wait loop for at most timeoutMs unless a packet is already queued.
     void waitForPacket(unsigned int timeoutMs);
+    // Sends a request and waits for its answer without reporting anything: for probes whose
+    // failure has a fallback. The answer, or empty.
+    QByteArray quietCommand(Opcode op, const QByteArray &payload, unsigned int timeoutMs);
+    // Classic auto-reset into the boot loader; false when the port has no modem lines.
+    bool enterBootLoader(unsigned int gpio0HoldMs);
+    bool setModemLines(bool dtrAsserted, bool rtsAsserted);
+    void pause(unsigned int ms);
+    bool lineAnswers();
+    // Reads a write's whole content (a firmware image with its header patched).
+    bool readImage(QIODevice *device, ESPImageParser *parser, unsigned int total,
+                   QByteArray *image);
+    bool writeThroughLoader(const QByteArray &image, unsigned int address);
+    bool writeCompressed(const QByteArray &data, unsigned int address, int total, int done);
+    bool writeUncompressed(const QByteArray &data, unsigned int address, int total, int done);
+    bool writeThroughRom(QIODevice *device, ESPImageParser *parser, unsigned int address,
+                         unsigned int total);
     void reportOperationError(int code, const QString &text);
     void reportCommandError(int code);
-    unsigned int flashBlockSize() const;
-    unsigned int flashEraseSize(unsigned int address, unsigned int total) const;
+    void receiveFlashData(unsigned int size, QIODevice *out, QByteArray *digest);
     bool uploadStubSection(const QByteArray &data, quint32 address, int total, int *sent);
 
     int stubRunning = 0;
+    bool skipUnchanged = true;
+    // The loader refused compressed data once: later writes go uncompressed.
+    bool deflateRefused = false;
+    // The modem-line note is given once per connection.
+    bool modemLinesNoted = false;
+    bool syncAnswered = false;
+    ConnectFailure lastConnectFailure = ConnectFailure::None;
+    QString lastOpenFailure;
+    QString portName;
     bool failed = false;
     quint32 blockSequence = 0;
     std::unique_ptr<ElfStubImage> stubImage;

@@ -1,6 +1,7 @@
 #include "espcommunicator.h"
 
 #include "protocol/espprotocol.h"
+#include "serial/modemlineregistry.h"
 #include "serial/qcomport.h"
 
 #include <QHash>
@@ -27,11 +28,40 @@ bool ESPCommunicator::open(const QString &portName, unsigned int baud)
     settings.insert(QStringLiteral("COM/Baud"), baud);
     // A port that cannot be found or opened must not report errors or a disconnect.
     const bool wasBlocked = port.blockSignals(true);
+    port.clearError();
     const bool opened = QComPort::setupComPortFromHash(portName, settings, port);
-    if (opened)
+    if (opened) {
         port.flush();
+        openedName = portName;
+        lastOpenFailure = QComPort::OpenFailure::None;
+        lastOpenFailureText.clear();
+    } else {
+        // Never found: nothing was opened, so there is no device to look at.
+        lastOpenFailure = port.error() == QSerialPort::NoError
+                              ? QComPort::OpenFailure::NotFound
+                              : QComPort::diagnoseOpenFailure(portName, port.error());
+        lastOpenFailureText =
+            QComPort::openFailureText(lastOpenFailure, portName, port.errorString());
+    }
     port.blockSignals(wasBlocked);
     return opened;
+}
+
+bool ESPCommunicator::setModemLines(bool dtrAsserted, bool rtsAsserted)
+{
+    if (!port.isOpen())
+        return false;
+    if (const ModemLineRegistry::Setter setter = ModemLineRegistry::find(openedName)) {
+        setter(dtrAsserted, rtsAsserted);
+        return true;
+    }
+    // A pseudo-terminal refuses the request; that is no port error worth a signal.
+    const bool wasBlocked = port.blockSignals(true);
+    const bool set = port.setDataTerminalReady(dtrAsserted) && port.setRequestToSend(rtsAsserted);
+    if (!set)
+        port.clearError();
+    port.blockSignals(wasBlocked);
+    return set;
 }
 
 void ESPCommunicator::close()

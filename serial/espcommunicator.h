@@ -5,6 +5,8 @@
 #include <QObject>
 #include <QSerialPort>
 
+#include "serial/qcomport.h"
+
 class ESPProtocol;
 
 // Owns the serial line to the chip: opens it, writes SLIP frames, feeds received bytes to the
@@ -19,6 +21,12 @@ public:
     // Stores the decoder (not owned) and resets it.
     void setHandler(ESPProtocol *handler);
     bool open(const QString &portName, unsigned int baud);
+    // Why the last open() failed, and the line that says so.
+    QComPort::OpenFailure openFailure() const { return lastOpenFailure; }
+    QString openFailureText() const { return lastOpenFailureText; }
+    // Sets DTR and RTS (true = asserted): through the modem-line registry for a port that an
+    // in-process chip registered, else on the port. False when the port has no modem lines.
+    bool setModemLines(bool dtrAsserted, bool rtsAsserted);
     // A deliberate close never emits disconnected().
     void close();
     bool write(const QByteArray &packet);
@@ -42,4 +50,7 @@ private:
     QSerialPort port;
     ESPProtocol *handler = nullptr;
     bool closingOnError = false;
+    QString openedName;
+    QComPort::OpenFailure lastOpenFailure = QComPort::OpenFailure::None;
+    QString lastOpenFailureText;
 };

@@ -1,9 +1,15 @@
 #include "qcomport.h"
 
+#include <QFile>
 #include <QFileInfo>
 #include <QSerialPortInfo>
 
 #include <algorithm>
+#include <cerrno>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -16,6 +22,7 @@ QVector<QComPort::PortEntry> extraPortEntries()
         QComPort::PortEntry entry;
         entry.name = separator < 0 ? item : item.left(separator);
         entry.serialNumber = separator < 0 ? QString() : item.mid(separator + 1);
+        entry.path = entry.name;
         const bool listed = std::any_of(ports.cbegin(), ports.cend(), [&](const auto &known) {
             return known.name == entry.name;
         });
@@ -32,6 +39,12 @@ bool isExtraPort(const QString &name)
                        [&](const auto &entry) { return entry.name == name; });
 }
 
+QString canonical(const QString &path)
+{
+    const QString resolved = QFileInfo(path).canonicalFilePath();
+    return resolved.isEmpty() ? path : resolved;
+}
+
 uint valueOr(const QHash<QString, QVariant> &settings, const QString &key, uint fallback)
 {
     const auto it = settings.constFind(key);
@@ -46,8 +59,17 @@ QVector<PortEntry> availablePortEntries()
 {
     QVector<PortEntry> entries;
     const auto infos = QSerialPortInfo::availablePorts();
-    for (const QSerialPortInfo &info : infos)
-        entries.append({info.portName(), info.serialNumber()});
+    for (const QSerialPortInfo &info : infos) {
+        PortEntry entry;
+        entry.name = info.portName();
+        entry.serialNumber = info.serialNumber();
+        entry.path = info.systemLocation();
+        entry.description = info.description();
+        entry.manufacturer = info.manufacturer();
+        entry.vendorId = info.hasVendorIdentifier() ? info.vendorIdentifier() : 0;
+        entry.productId = info.hasProductIdentifier() ? info.productIdentifier() : 0;
+        entries.append(entry);
+    }
     for (const PortEntry &extra : extraPortEntries()) {
         const bool listed = std::any_of(entries.cbegin(), entries.cend(), [&](const auto &known) {
             return known.name == extra.name;
@@ -64,6 +86,89 @@ QStringList availableComPorts()
     for (const PortEntry &entry : availablePortEntries())
         names.append(entry.name);
     return names;
+}
+
+QString resolvePortName(const QString &name)
+{
+    if (name.isEmpty())
+        return QString();
+    // A name without a leading slash may mean a device in /dev (ttyUSB0, pts/3); links
+    // (by-id, by-path) name the device they point to.
+    QStringList wanted{canonical(name)};
+    if (!name.startsWith(QLatin1Char('/')))
+        wanted << canonical(QStringLiteral("/dev/") + name);
+    for (const PortEntry &entry : availablePortEntries()) {
+        if (entry.name == name || entry.path == name || wanted.contains(canonical(entry.path)))
+            return entry.path;
+    }
+    return QString();
+}
+
+OpenFailure openFailureFromErrno(int error)
+{
+    switch (error) {
+    case 0:
+        return OpenFailure::None;
+    case ENOENT:
+    case ENODEV:
+    case ENXIO:
+        return OpenFailure::NotFound;
+    case EACCES:
+    case EPERM:
+        return OpenFailure::PermissionDenied;
+    case EBUSY:
+    case EAGAIN:
+        return OpenFailure::Busy;
+    case ENOTTY:
+    case EISDIR:
+        return OpenFailure::NotSerial;
+    default:
+        return OpenFailure::Other;
+    }
+}
+
+OpenFailure diagnoseOpenFailure(const QString &path, QSerialPort::SerialPortError portError)
+{
+    const QByteArray native = QFile::encodeName(path);
+    struct stat status = {};
+    if (::stat(native.constData(), &status) != 0)
+        return openFailureFromErrno(errno);
+    if (!S_ISCHR(status.st_mode))
+        return OpenFailure::NotSerial;
+    const int fd = ::open(native.constData(), O_RDWR | O_NOCTTY | O_NONBLOCK);
+    if (fd < 0)
+        return openFailureFromErrno(errno);
+    const bool terminal = ::isatty(fd) == 1;
+    ::close(fd);
+    if (!terminal)
+        return OpenFailure::NotSerial;
+    // The device opens, yet the port refused it: its lock is held by another program.
+    if (portError == QSerialPort::PermissionError)
+        return OpenFailure::Busy;
+    return OpenFailure::Other;
+}
+
+QString openFailureText(OpenFailure failure, const QString &path, const QString &portErrorText)
+{
+    switch (failure) {
+    case OpenFailure::NotFound:
+        return QStringLiteral("Cannot open %1: no such port (is the board plugged in?)").arg(path);
+    case OpenFailure::PermissionDenied:
+        return QStringLiteral(
+                   "Cannot open %1: permission denied (add your user to the dialout group and "
+                   "log in again)")
+            .arg(path);
+    case OpenFailure::Busy:
+        return QStringLiteral("Cannot open %1: the port is busy (another program has it open)")
+            .arg(path);
+    case OpenFailure::NotSerial:
+        return QStringLiteral("Cannot open %1: not a serial device").arg(path);
+    case OpenFailure::None:
+    case OpenFailure::Other:
+        break;
+    }
+    return QStringLiteral("Cannot open %1: %2")
+        .arg(path, portErrorText.isEmpty() ? QStringLiteral("unknown error") : portErrorText);
 }
 
 Settings settingsFromHash(const QHash<QString, QVariant> &settings)
@@ -113,6 +218,18 @@ bool setupComPortFromHash(const QString &portName, const QHash<QString, QVariant
                 port.setPort(info);
                 found = true;
                 break;
+            }
+        }
+        // A device path or a link to one (/dev/ttyUSB0, /dev/serial/by-id/...) names the same
+        // port as its enumeration name.
+        if (!found && portName.contains(QLatin1Char('/'))) {
+            const QString wanted = canonical(portName);
+            for (const QSerialPortInfo &info : infos) {
+                if (canonical(info.systemLocation()) == wanted) {
+                    port.setPort(info);
+                    found = true;
+                    break;
+                }
             }
         }
     }

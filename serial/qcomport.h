@@ -30,14 +30,43 @@ constexpr const char *extraPortsVariable = "ESP_UTILITY_EXTRA_PORTS";
 
 struct PortEntry
 {
-    QString name;
+    QString name; // as the enumeration names it (ttyUSB0), or the extra path
     QString serialNumber;
+    QString path; // the device path (/dev/ttyUSB0)
+    QString description;
+    QString manufacturer;
+    quint16 vendorId = 0; // 0 when unknown
+    quint16 productId = 0;
+};
+
+// Why a port could not be opened.
+enum class OpenFailure {
+    None,
+    NotFound,         // no such device
+    PermissionDenied, // the user may not open it
+    Busy,             // another program has it open
+    NotSerial,        // the path is not a serial device
+    Other             // anything else: the port's own error text tells
 };
 
 // The enumerated ports in enumeration order, then the extra paths that exist.
 ESPUTILITY_EXPORT QVector<PortEntry> availablePortEntries();
 // Their names.
 ESPUTILITY_EXPORT QStringList availableComPorts();
+
+// The device path that `name` stands for: /dev/ttyUSB0 for ttyUSB0, /dev/ttyUSB0 or an extra
+// path as it is, a symbolic link (/dev/serial/by-id/...) resolved; compared with the
+// enumerated ports and the extra paths. Empty when no listed port matches.
+ESPUTILITY_EXPORT QString resolvePortName(const QString &name);
+
+// The reason for an errno value met while opening a device.
+ESPUTILITY_EXPORT OpenFailure openFailureFromErrno(int error);
+// Looks at the device itself after QSerialPort failed to open it with `portError`.
+ESPUTILITY_EXPORT OpenFailure diagnoseOpenFailure(const QString &path,
+                                                  QSerialPort::SerialPortError portError);
+// One line for the user: "Cannot open PATH: ..." (portErrorText is used for Other).
+ESPUTILITY_EXPORT QString openFailureText(OpenFailure failure, const QString &path,
+                                          const QString &portErrorText = QString());
 
 // Maps a settings table to port settings; absent keys take their defaults and refused values
 // fall back to them (values are compared as unsigned, so negative ones are refused).

@@ -387,6 +387,54 @@ private slots:
         QVERIFY(summaryRow(m_chip->port()).contains(QRegularExpression("^- +- +FAILED")));
     }
 
+    void writePlainImages()
+    {
+        const QString firmware = writeTestFile(m_dir->path(), "fw.bin", firmwareImage());
+        const QByteArray data = EspImageBuilder::pseudoRandomBytes(0x9000, 4);
+        const QString dataPath = writeTestFile(m_dir->path(), "data.bin", data);
+        // The port through a link, the way /dev/serial/by-id names boards.
+        QVERIFY(QFile::link(m_chip->port(), path("by-id-link")));
+        QVERIFY(run(0,
+                    {"write", "0x0", firmware, "0x20000", dataPath, "--flash-mode", "dio",
+                     "--flash-size", "detect", "--port", path("by-id-link"), "--baud", "921600"},
+                    false));
+        QCOMPARE(chip().flash(0, firmwareImage().size()), firmwareImage(true));
+        QCOMPARE(chip().flash(0x20000, 0x9000), data);
+        QVERIFY2(out("Start writing firmware from " + firmware +
+                     " to 0x00000000 (flash memory size 4Mb, mode dio, frequency 40MHz)"),
+                 qPrintable(m_out));
+        QVERIFY(summaryRow(m_chip->port()).endsWith("ok (2 image(s) written)"));
+        QCOMPARE(chip().baudRate(), 921600u); // the loader switched, and was not reset after
+        // A pseudo-terminal has no modem lines: one line says the board is not reset.
+        QCOMPARE(m_out.count("has no modem lines"), 1);
+
+        // The same again writes nothing; --no-skip writes it all; without resets, no such line.
+        const QString withoutDev = m_chip->port().mid(QStringLiteral("/dev/").size());
+        QVERIFY(run(0,
+                    {"write", "0x20000", dataPath, "--port", withoutDev, "--before", "no-reset",
+                     "--after", "stay"},
+                    false));
+        QVERIFY(out("1 of 1 block(s) of 64 KiB unchanged, nothing written"));
+        QCOMPARE(m_out.count("has no modem lines"), 0);
+        chip().reset();
+        chip().clearCounters();
+        QVERIFY(run(0, {"write", "0x20000", dataPath, "--no-skip", "--baud", "115200"}));
+        QVERIFY(!m_out.contains("unchanged"));
+        QCOMPARE(chip().counters().erases.size(), 1);
+        QCOMPARE(chip().baudRate(), 115200u); // 115200: no switch
+    }
+
+    void portsShowTheirDetails()
+    {
+        QVERIFY(run(0, {"ports"}, false));
+        QVERIFY(m_out.startsWith("PORT "));
+        QVERIFY(m_out.section('\n', 0, 0)
+                    .contains(
+                        QRegularExpression("^PORT +DESCRIPTION +MANUFACTURER +VID:PID +SERIAL$")));
+        QVERIFY(m_out.contains(QRegularExpression(
+            "\n" + QRegularExpression::escape(m_chip->port()) + " +- +- +- +-\n")));
+    }
+
     void imageInfo()
     {
         EspImageBuilder builder;
@@ -461,7 +509,15 @@ private slots:
         row("info --bogus", "unknown option --bogus");
         row("info --port", "--port needs a value");
         row("info --yes=1", "--yes takes no value");
-        row("info --baud 9600", "--baud is not supported");
+        row("info --baud fast", "--baud takes a rate from 9600 to 4000000, not \"fast\"");
+        row("info --before never", "--before takes reset or no-reset, not \"never\"");
+        row("info --after", "--after needs a value");
+        row("info --no-skip=1", "--no-skip takes no value");
+        row("write 0x0", "usage: esp-utility write ADDRESS FILE");
+        row("write zz DIR/app.bin --port PORT", "zz is not an address");
+        row("write 0x0 DIR/none.bin --port PORT", "cannot read DIR/none.bin");
+        row("write 0x0 DIR/app.bin --flash-mode fast --port PORT", "--flash-mode takes keep");
+        row("write 0x0 DIR/app.bin --flash-size 3MB --port PORT", "--flash-size takes keep");
         row("info --virtual=0", "--virtual takes");
         row("info", "no board: pass --port PATH or --virtual");
         row("info --port /dev/none", "no serial port /dev/none");

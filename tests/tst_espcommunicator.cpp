@@ -16,26 +16,51 @@ private slots:
     void decode_data()
     {
         QTest::addColumn<QByteArray>("chunks");  // hex feeds or "flush", a space between two
+        QTest::addColumn<bool>("answersOnly");   // frames that cannot be answers are noise
         QTest::addColumn<QByteArray>("packets"); // hex, a space between two packets
-        const auto row = [](const char *name, const char *chunks, const char *packets) {
-            QTest::newRow(name) << QByteArray(chunks) << QByteArray(packets);
+        const auto row = [](const char *name, const char *chunks, const char *packets,
+                            bool answersOnly = false) {
+            QTest::newRow(name) << QByteArray(chunks) << answersOnly << QByteArray(packets);
+        };
+        // An answer to SYNC, as a frame body.
+        const QByteArray answer = "01080200000000000000";
+        const auto answerRow = [&](const char *name, const QByteArray &before, bool answersOnly,
+                                   const char *expectedBefore = "") {
+            QByteArray expected = expectedBefore;
+            if (!expected.isEmpty())
+                expected += ' ';
+            QTest::newRow(name) << (before + "c0" + answer + "c0") << answersOnly
+                                << expected + answer;
         };
         row("split over feeds, escape split too", "c001 02db dcdb ddc0", "0102c0db");
         row("back to back, in order", "c001c0c002c0", "01 02");
         row("abandoned escape drops frame, final end opens a new one", "c0db01c005c0", "05");
         row("noise before start dropped", "0708c009c0", "09");
-        row("empty frame leaves decoder waiting", "c0c00405c006c0", "06");
-        row("shared delimiter is not enough", "c001c002c0", "01");
+        row("empty frame does not desync", "c0c00405c006c0", "0405 06");
+        row("shared delimiter ends one frame and opens the next", "c001c002c0", "01 02");
         row("unterminated frame stays pending", "c00102", "");
         // The bytes collected before a flush become the head of the next frame's packet.
         row("flush keeps the half packet", "c00102 flush c003c0", "010203");
+        answerRow("stray end before a frame", "c0", true);
+        answerRow("several stray ends", "c0c0 c0", true);
+        answerRow("garbage then frame", "c06574732c20c0 0102", true);
+        answerRow("garbage then frame, raw", "c06574732c20", false, "6574732c20");
+        // Boot messages at another baud rate look like random bytes, delimiters included.
+        answerRow("boot noise then frame", "3ff2c08a11c0e06cc0 fe00", true);
+        answerRow("half frame then frame", "c0010802", true);
+        answerRow("escape error then frame", "c00108dbff0000", true);
+        row("answers between noise frames keep in step",
+            "c0aabbc0c001080200000000000000c0 99c00108020000000000ffff c0",
+            "01080200000000000000 0108020000000000ffff", true);
     }
 
     void decode()
     {
         QFETCH(QByteArray, chunks);
+        QFETCH(bool, answersOnly);
         QFETCH(QByteArray, packets);
         ESPProtocol protocol;
+        protocol.setAnswersOnly(answersOnly);
         QSignalSpy ready(&protocol, &ESPProtocol::packetReady);
         for (const QByteArray &chunk : chunks.split(' ')) {
             if (chunk == "flush")

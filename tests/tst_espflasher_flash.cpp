@@ -227,7 +227,8 @@ void TestEspFlasherFlash::failedRunKeepsItsEntry()
     const bool vanish = mishap == "chip vanishes mid-write";
     connectAndLoad(files.package);
     board().setCommandObserver([this](const VirtualEsp8266::CommandRecord &record) {
-        if (record.opcode == VirtualEsp8266::FlashBegin)
+        if (record.opcode == VirtualEsp8266::FlashBegin ||
+            record.opcode == VirtualEsp8266::FlashDeflBegin)
             board().armVanishAfterBytes(4000);
     });
     if (!vanish)

@@ -3,6 +3,7 @@
 #include "protocol/esptool.h"
 #include "scattertestfiles.h"
 #include "scriptedpeer.h"
+#include "serial/modemlineregistry.h"
 #include "tools/imagegen/espimagebuilder.h"
 #include "tools/stubgen/stubelfwriter.h"
 
@@ -46,6 +47,61 @@ struct Session
 };
 
 const auto ok = [](quint8 opcode) { return ScriptedPeer::success(opcode); };
+
+// The usual auto-reset circuit around a virtual chip, wired through the modem-line registry:
+// RTS asserted holds EN low; once released, the chip starts its boot loader when DTR kept GPIO0
+// low for at least `bootHoldMs` more, else its firmware, which never answers.
+struct ResetCircuit
+{
+    ResetCircuit(VirtualEsp8266 &chip, const QString &port, int bootHoldMs) : port(port)
+    {
+        ModemLineRegistry::add(port, [this, &chip, bootHoldMs](bool dtr, bool rts) {
+            changes.append({dtr, rts});
+            if (rts) {
+                inReset = true;
+            } else if (inReset) {
+                inReset = false;
+                gpio0Low = dtr;
+                released.start();
+                if (!dtr)
+                    runFirmware(chip);
+            } else if (gpio0Low && !dtr) {
+                gpio0Low = false;
+                holds.append(int(released.elapsed()));
+                if (released.elapsed() >= bootHoldMs)
+                    chip.reset();
+                else
+                    runFirmware(chip);
+            }
+        });
+    }
+    ~ResetCircuit() { ModemLineRegistry::remove(port); }
+    static void runFirmware(VirtualEsp8266 &chip)
+    {
+        chip.reset();
+        chip.armSilence(0);
+    }
+
+    QString port;
+    QVector<QPair<bool, bool>> changes; // (DTR, RTS) as asserted
+    QVector<int> holds;                 // how long GPIO0 stayed low after each release, ms
+    bool inReset = false;
+    bool gpio0Low = false;
+    QElapsedTimer released;
+};
+
+using Lines = QVector<QPair<bool, bool>>;
+// The classic sequence: EN low, then EN released with GPIO0 low, then GPIO0 released.
+const Lines bootSequence{{false, true}, {true, false}, {false, false}};
+
+QByteArray dataOf(const QVector<VirtualEsp8266::EraseRecord> &erases)
+{
+    QByteArray text;
+    for (const auto &erase : erases)
+        text +=
+            QByteArray::number(erase.offset, 16) + "+" + QByteArray::number(erase.size, 16) + " ";
+    return text.trimmed();
+}
 
 } // namespace
 
@@ -161,7 +217,8 @@ private slots:
         // The first byte written changes behind the loader's back before the digest is asked.
         VirtualEsp8266 &chip = session.chip();
         chip.setCommandObserver([&chip](const VirtualEsp8266::CommandRecord &record) {
-            if (record.opcode == VirtualEsp8266::FlashData)
+            if (record.opcode == VirtualEsp8266::FlashData ||
+                record.opcode == VirtualEsp8266::FlashDeflData)
                 chip.setFlash(0x20000, "X");
         });
         QByteArray data(0x1000, 'd');
@@ -230,6 +287,257 @@ private slots:
         QTEST(texts(errors), "messages");
         QTEST(errors.first().first().toInt(), "code");
         QVERIFY(digest.isEmpty());
+    }
+
+    void resetIntoBootLoader_data()
+    {
+        QTest::addColumn<int>("bootHoldMs"); // how long the board needs GPIO0 low
+        QTest::addColumn<int>("sequences");
+        QTest::addColumn<bool>("connected");
+        QTest::newRow("classic timing") << 0 << 1 << true;
+        QTest::newRow("slow board: second try holds longer") << 300 << 2 << true;
+        QTest::newRow("no boot mode at all") << 5000 << 2 << false;
+    }
+
+    void resetIntoBootLoader()
+    {
+        QFETCH(int, bootHoldMs);
+        QFETCH(int, sequences);
+        Session session;
+        QVERIFY(session.fixture.start());
+        ResetCircuit circuit(session.chip(), session.fixture.port(), bootHoldMs);
+        ResetCircuit::runFirmware(session.chip()); // powered up into its firmware
+        QSignalSpy notices(&session.tool, &ESPTool::notice);
+        ESPTool::ConnectOptions options;
+        options.resetBefore = true;
+        QTEST(session.tool.esp_connect(session.fixture.port(), options), "connected");
+        Lines expected;
+        for (int i = 0; i < sequences; ++i)
+            expected += bootSequence;
+        QCOMPARE(circuit.changes, expected);
+        QVERIFY(circuit.holds.last() >= (sequences == 2 ? 450 : 40));
+        QCOMPARE(notices.count(), 0);
+        if (!session.tool.isConnected() || session.tool.isFailed()) {
+            QCOMPARE(session.tool.connectFailure(), ESPTool::ConnectFailure::SyncUnanswered);
+            return;
+        }
+        QVERIFY(!session.tool.isStubRunning());
+        QVERIFY(session.lineIsClean());
+        // After the job: an EN pulse with GPIO0 released starts the firmware.
+        circuit.changes.clear();
+        QVERIFY(session.tool.hard_reset());
+        QCOMPARE(circuit.changes, (Lines{{false, true}, {false, false}}));
+        QCOMPARE(session.chip().loaderState(), VirtualEsp8266::LoaderState::RomLoader);
+        QCOMPARE(session.tool.read_reg(efuseWord0), 0xFFFFFFFFu); // the firmware does not answer
+    }
+
+    void portWithoutModemLines()
+    {
+        Session session;
+        QVERIFY(session.fixture.start());
+        QSignalSpy notices(&session.tool, &ESPTool::notice);
+        QSignalSpy errors(&session.tool, &ESPTool::operationError);
+        ESPTool::ConnectOptions options;
+        options.resetBefore = true;
+        // A pseudo-terminal has no DTR/RTS: the reset is skipped, said once, and the board in
+        // boot mode is reached all the same.
+        QVERIFY(session.tool.esp_connect(session.fixture.port(), options));
+        QVERIFY(!session.tool.hard_reset());
+        QCOMPARE(notices.count(), 1);
+        QVERIFY(notices.first().first().toString().contains("no modem lines"));
+        QCOMPARE(errors.count(), 0);
+        QVERIFY(session.lineIsClean());
+    }
+
+    void reconnectToRunningLoader()
+    {
+        Session session;
+        QVERIFY(session.start(true));
+        QVERIFY(session.tool.switch_baudrate(921600)); // the loader stays at the fast rate
+        session.tool.esp_disconnect();
+        session.chip().setFlash(0, "abc");
+        // Without a reset the loader of the last session answers; it is used as it is.
+        QSignalSpy notices(&session.tool, &ESPTool::notice);
+        QSignalSpy errors(&session.tool, &ESPTool::operationError);
+        QVERIFY(session.tool.esp_connect(session.fixture.port()));
+        QVERIFY(session.tool.isStubRunning());
+        QCOMPARE(notices.count(), 1);
+        QCOMPARE(session.tool.get_flash_md5(0, 3),
+                 QCryptographicHash::hash("abc", QCryptographicHash::Md5));
+        QCOMPARE(errors.count(), 0);
+        // With a reset it is the ROM again.
+        ResetCircuit circuit(session.chip(), session.fixture.port(), 0);
+        ESPTool::ConnectOptions options;
+        options.resetBefore = true;
+        QVERIFY(session.tool.esp_connect(session.fixture.port(), options));
+        QVERIFY(!session.tool.isStubRunning());
+        QCOMPARE(session.chip().loaderState(), VirtualEsp8266::LoaderState::RomLoader);
+    }
+
+    void baudSwitch_data()
+    {
+        QTest::addColumn<bool>("refused");
+        QTest::addColumn<uint>("baud"); // the rate both ends run at afterwards
+        QTest::newRow("switched") << false << 921600u;
+        QTest::newRow("refused: back at 115200") << true << 115200u;
+    }
+
+    void baudSwitch()
+    {
+        QFETCH(bool, refused);
+        QFETCH(uint, baud);
+        Session session;
+        QVERIFY(session.start(true));
+        if (refused)
+            session.chip().armErrorStatus(1);
+        QSignalSpy notices(&session.tool, &ESPTool::notice);
+        QSignalSpy errors(&session.tool, &ESPTool::operationError);
+        QVERIFY(session.tool.switch_baudrate(921600));
+        QCOMPARE(session.chip().baudRate(), baud);
+        QVERIFY(session.tool.portInfo().endsWith(QStringLiteral("@%1").arg(baud)));
+        QCOMPARE(notices.count(), refused ? 1 : 0);
+        QCOMPARE(errors.count(), 0);
+        QVERIFY(!session.tool.isFailed());
+        QVERIFY(session.lineIsClean());
+    }
+
+    void romErasePlanCoversExactlyTheImage()
+    {
+        // The ROM erases s + min(h, s) sectors for a size field of s sectors (h: the sectors
+        // left in the start's 64 KiB block). Every plan must erase the image's sectors and
+        // nothing else, for every start and length that allows it.
+        for (unsigned int startSector = 0; startSector < 40; ++startSector) {
+            for (unsigned int length = 1; length <= 40 * 4096; length += 1000) {
+                const unsigned int address = startSector * 4096 + (length % 3) * 100;
+                bool impossible = false;
+                const auto plan = ESPTool::romErasePlan(address, length, &impossible);
+                const unsigned int first = address / 4096;
+                const unsigned int end = (address + length + 4095) / 4096;
+                QCOMPARE(impossible, end - first == 1);
+                if (impossible) {
+                    QVERIFY(plan.isEmpty());
+                    continue;
+                }
+                QSet<unsigned int> erased;
+                for (const ESPTool::RomErase &request : plan) {
+                    const unsigned int sector = request.offset / 4096;
+                    const unsigned int s = (request.sizeField + 4095) / 4096;
+                    const unsigned int h = qMin(16 - sector % 16, s);
+                    for (unsigned int i = 0; i < s + h; ++i)
+                        erased.insert(sector + i);
+                }
+                QSet<unsigned int> covered;
+                for (unsigned int sector = first; sector < end; ++sector)
+                    covered.insert(sector);
+                QVERIFY2(
+                    erased == covered,
+                    qPrintable(QStringLiteral("%1 bytes at 0x%2").arg(length).arg(address, 0, 16)));
+                QCOMPARE(plan.last().offset, address); // the data's own begin comes last
+            }
+        }
+    }
+
+    void writeKeepsTheNeighbour_data()
+    {
+        QTest::addColumn<bool>("loader");
+        QTest::newRow("flash loader") << true;
+        QTest::newRow("ROM loader") << false;
+    }
+
+    void writeKeepsTheNeighbour()
+    {
+        QFETCH(bool, loader);
+        Session session;
+        QVERIFY(session.start(loader));
+        QSignalSpy errors(&session.tool, &ESPTool::operationError);
+        const QByteArray application = EspImageBuilder::pseudoRandomBytes(20000, 5);
+        const QByteArray firmware = EspImageBuilder::pseudoRandomBytes(9248, 6);
+        for (const auto &[address, bytes] :
+             {qMakePair(0x3000u, application), qMakePair(0u, firmware)}) {
+            QByteArray copy = bytes;
+            QBuffer buffer(&copy);
+            QVERIFY(buffer.open(QIODevice::ReadOnly));
+            session.chip().clearCounters();
+            // The ROM cannot check the MD5 of what it wrote; that is its only complaint.
+            QCOMPARE(session.tool.write_flash_file(&buffer, "part.bin", false, address, 4, 0, 0),
+                     loader);
+        }
+        const QString noMd5 = "MD5 checksum is not supported by the ROM loader";
+        // (each time followed by the mismatch against the missing digest)
+        QCOMPARE(texts(errors).count(noMd5), loader ? 0 : 2);
+        QCOMPARE(errors.count(), loader ? 0 : 4);
+        errors.clear();
+        QCOMPARE(session.chip().flash(0, 9248), firmware);
+        QCOMPARE(session.chip().flash(0x3000, 20000), application);
+        // The second write erased the three sectors under it and nothing else.
+        QSet<quint32> erased;
+        for (const auto &erase : session.chip().counters().erases) {
+            for (quint32 sector = erase.offset / 4096; sector * 4096 < erase.offset + erase.size;
+                 ++sector)
+                erased.insert(sector);
+        }
+        QCOMPARE(erased, (QSet<quint32>{0, 1, 2}));
+
+        // A lone sector cannot be erased exactly by the ROM: refused before anything is erased.
+        if (!loader) {
+            session.chip().clearCounters();
+            QByteArray small(100, 's');
+            QBuffer buffer(&small);
+            QVERIFY(buffer.open(QIODevice::ReadOnly));
+            QVERIFY(!session.tool.write_flash_file(&buffer, "small.bin", false, 0x5000, 4, 0, 0));
+            QVERIFY(texts(errors).value(0).startsWith(
+                "The ROM loader cannot erase the single sector at 0x00005000"));
+            QVERIFY(session.chip().counters().erases.isEmpty());
+        }
+    }
+
+    void writeSkipsUnchangedBlocks_data()
+    {
+        QTest::addColumn<bool>("skip");
+        QTest::addColumn<int>("changedAt"); // a sector changed on the chip; -1: none
+        QTest::addColumn<QByteArray>("erases");
+        QTest::addColumn<QString>("notice");
+        const QString all = "4 of 4 block(s) of 64 KiB unchanged, nothing written";
+        QTest::newRow("identical: nothing sent") << true << -1 << QByteArray() << all;
+        QTest::newRow("one sector changed: its block only")
+            << true << 0x21000 << QByteArray("120000+10000")
+            << "3 of 4 block(s) of 64 KiB unchanged, not written";
+        QTest::newRow("no skip: all of it")
+            << false << -1 << QByteArray("100000+40000") << QString();
+    }
+
+    void writeSkipsUnchangedBlocks()
+    {
+        QFETCH(bool, skip);
+        QFETCH(int, changedAt);
+        Session session;
+        QVERIFY(session.start(true));
+        QByteArray image = EspImageBuilder::pseudoRandomBytes(0x40000, 8);
+        session.chip().setFlash(0x100000, image);
+        if (changedAt >= 0)
+            session.chip().setFlash(0x100000 + changedAt, QByteArray(4096, 'x'));
+        session.tool.setSkipUnchanged(skip);
+        QBuffer buffer(&image);
+        QVERIFY(buffer.open(QIODevice::ReadOnly));
+        session.chip().clearCounters();
+        QSignalSpy notices(&session.tool, &ESPTool::notice);
+        QSignalSpy progress(&session.tool, &ESPTool::operationProgress);
+        QVERIFY(session.tool.write_flash_file(&buffer, "app.bin", false, 0x100000, 4, 0, 0));
+        QCOMPARE(session.chip().flash(0x100000, 0x40000), image);
+        QTEST(dataOf(session.chip().counters().erases), "erases");
+        QFETCH(QString, notice);
+        QStringList noticeTexts;
+        for (const QList<QVariant> &call : notices)
+            noticeTexts << call.first().toString();
+        QCOMPARE(noticeTexts.contains(notice), !notice.isEmpty());
+        // Progress counts image bytes, skipped ones included, and never goes back.
+        int last = 0;
+        for (const QList<QVariant> &call : progress) {
+            QCOMPARE(call.at(0).toInt(), 0x40000);
+            QVERIFY(call.at(1).toInt() >= last);
+            last = call.at(1).toInt();
+        }
+        QCOMPARE(last, 0x40000);
     }
 
     void spiCommandCompletionPolling()

@@ -4,6 +4,8 @@
 #include "tools/imagegen/espimagebuilder.h"
 #include "worker/esptoolworker.h"
 
+#include "serial/modemlineregistry.h"
+
 #include <QtTest>
 
 // The worker: parameter checks, then in its own thread against the virtual ESP8266. Whole-chip
@@ -88,12 +90,17 @@ struct Session
     }
     bool start(bool stub = true)
     {
-        const Outcome connected = fixture.start() ? run(Cmd::Connect, {fixture.port()}) : Outcome();
+        if (!fixture.start())
+            return false;
+        const QVariantList params = options.isEmpty() ? QVariantList{fixture.port()}
+                                                      : QVariantList{fixture.port(), options};
+        const Outcome connected = run(Cmd::Connect, params);
         return connected.result && connected.errors.isEmpty() &&
                (!stub || run(Cmd::LoadStub, {generatedStubPath()}).result);
     }
     VirtualEsp8266 &chip() { return fixture.chip(); }
 
+    QVariantMap options; // of the connect in start()
     ChipFixture fixture;
     QThread thread;
     ESPToolWorker *worker; // lives in `thread`, deleted when it ends (before the chip stops)
@@ -162,13 +169,13 @@ private slots:
     {
         Session session;
         QVERIFY(session.start());
-        // A data write in blocks of 0x4000, the last padded with 0xFF inside the erased region;
-        // an empty file is written as nothing, and its digest still compared.
+        // A data write erases only the sectors it covers; the padding of its last block leaves
+        // the rest as it was. An empty file is written as nothing, its digest still compared.
         session.chip().setFlash(0x10000, QByteArray(0x10000, '\0'));
         const QByteArray app = EspImageBuilder::pseudoRandomBytes(40000, 22);
         QVERIFY(session.run(Cmd::WriteData, {saveFile("app.bin", app), 0x10000u, "4MB"}).result);
         QCOMPARE(session.chip().flash(0x10000, 0x10000),
-                 app + QByteArray(0xC000 - app.size(), char(0xFF)) + QByteArray(0x4000, '\0'));
+                 app + QByteArray(0xA000 - app.size(), char(0xFF)) + QByteArray(0x6000, '\0'));
         QVERIFY(session.run(Cmd::WriteData, {saveFile("empty.bin", {}), 0x30000u, "4MB"}).result);
         // The optional third item tags the answer.
         auto outcome = session.run(Cmd::FlashMd5, {0x10000u, uint(app.size()), "app"});
@@ -254,9 +261,9 @@ private slots:
         QTest::addColumn<int>("size");
         QTest::addColumn<uint>("erased");
         // The ROM erases n + min(16 - start sector mod 16, n) sectors for a request of n, so the
-        // request is made smaller: n = 1 for 2 sectors at sector 15, n = 2 for 3 at sector 1.
+        // requests are made smaller, and an odd count takes two: exactly the sectors written.
         QTest::newRow("data across a 64 KiB boundary") << false << 0x2F400u << 0x1C00 << 0x2000u;
-        QTest::newRow("firmware off a boundary") << true << 0x41000u << 9000 << 0x4000u;
+        QTest::newRow("firmware off a boundary") << true << 0x41000u << 9000 << 0x3000u;
     }
 
     void romLoaderWrites()
@@ -338,14 +345,18 @@ private slots:
     void failureLatchesUntilTheNextConnect_data()
     {
         QTest::addColumn<QString>("fault");
-        QTest::addColumn<int>("blocks"); // FLASH_DATA received before the write stopped
+        QTest::addColumn<int>("blocks"); // data blocks received before the write stopped
         QTest::addColumn<QString>("message");
-        QTest::newRow("error status") << "status" << 2 << "Command failed: 199";
+        // (the loader takes the data compressed)
+        QTest::newRow("error status") << "status" << 1 << "Command failed: 199";
         QTest::newRow("port vanishes")
-            << "vanish" << 1 << toolError("No response for 0x03 command", 1);
+            << "vanish" << 1 << toolError("No response for 0x11 command", 1);
         // Only the first of the synchronisation's reports is shown, once the connect failed.
         QTest::newRow("no answer to connect")
-            << "silence" << 0 << toolError("No response for 0x08 command", 1);
+            << "silence" << 0
+            << toolError("No response for 0x08 command", 1) +
+                   " - the board does not answer: check that its reset circuit (DTR/RTS) is "
+                   "there, or put it into boot mode by hand (GPIO0 low while it resets)";
         QTest::newRow("no answer to identification")
             << "info" << 0 << toolError("No response for 0x0a command", 1);
     }
@@ -360,6 +371,7 @@ private slots:
         Session session;
         VirtualEsp8266 &chip = session.chip();
         QVERIFY(board.start());
+        session.options.insert(ESPToolWorker::SkipUnchangedOption, false);
         if (fault == "silence") {
             QVERIFY(session.fixture.start());
             chip.armSilence(0); // not in boot mode yet
@@ -368,7 +380,7 @@ private slots:
         }
         chip.clearCounters();
         if (fault == "status")
-            chip.armErrorStatus(3, VirtualEsp8266::StubBadSequence); // FLASH_BEGIN, blocks 0, 1
+            chip.armErrorStatus(2, VirtualEsp8266::StubBadSequence); // DEFL_BEGIN, block 0
         else if (fault == "vanish")
             chip.armVanishAfterBytes(0x6000); // inside the second block
         else if (fault == "info")
@@ -380,7 +392,10 @@ private slots:
         QCOMPARE(outcome.errors, QStringList{message});
         // The command stops at the first failure: no further block, no MD5 request; of the
         // identification one read request (14 bytes framed, a few more escaped), not dozens.
-        QTEST(chip.counters().commands.value(VirtualEsp8266::FlashData), "blocks");
+        const auto &commands = chip.counters().commands;
+        QTEST(commands.value(VirtualEsp8266::FlashData) +
+                  commands.value(VirtualEsp8266::FlashDeflData),
+              "blocks");
         QCOMPARE(chip.counters().commands.value(VirtualEsp8266::SpiFlashMd5), 0);
         if (fault == "info") {
             QCOMPARE(outcome.results.size(), 5); // the five results still come
@@ -399,6 +414,72 @@ private slots:
         QVERIFY(session.run(Cmd::LoadStub, {QVariant::fromValue(stubEntry)}).result);
         QVERIFY(session.run(Cmd::WriteData, {path, 0x40000u, "4MB"}).result);
         QCOMPARE(board.chip().flash(0x40000, quint32(data.size())), data);
+        QCOMPARE(session.errors.size(), 1);
+    }
+
+    void connectOptionsAndHardReset()
+    {
+        Session session;
+        QVERIFY(session.fixture.start());
+        QMutex mutex;
+        QVector<QPair<bool, bool>> lines; // (DTR, RTS), set from the worker's thread
+        ModemLineRegistry::add(session.fixture.port(), [&](bool dtr, bool rts) {
+            QMutexLocker lock(&mutex);
+            lines.append({dtr, rts});
+        });
+        QSignalSpy notices(session.worker, &ESPToolWorker::notice);
+        const QVariantMap options{{ESPToolWorker::BaudOption, 921600u}};
+        QVERIFY(session.run(Cmd::Connect, {session.fixture.port(), options}).result);
+        QVERIFY(session.run(Cmd::LoadStub, {generatedStubPath()}).result);
+        QCOMPARE(session.chip().baudRate(), 921600u); // once the loader runs
+        const QVariantMap reset{{ESPToolWorker::HardResetOption, true}};
+        QVERIFY(session.run(Cmd::Disconnect, {reset}).result);
+        ModemLineRegistry::remove(session.fixture.port());
+        // The reset into the boot loader, then an EN pulse with GPIO0 released.
+        QCOMPARE(lines,
+                 (QVector<QPair<bool, bool>>{
+                     {false, true}, {true, false}, {false, false}, {false, true}, {false, false}}));
+        QCOMPARE(notices.count(), 0);
+        QCOMPARE(session.errors, QStringList());
+
+        // Without the registry entry the pseudo-terminal has no modem lines: one notice, and the
+        // loader that was not reset is found running.
+        QVERIFY(session.run(Cmd::Connect, {session.fixture.port()}).result);
+        QVERIFY(session.run(Cmd::Disconnect, {reset}).result);
+        QCOMPARE(notices.count(), 2);
+        QCOMPARE(notices.at(0).first().toString(),
+                 "The board is not reset: " + session.fixture.port() +
+                     " has no modem lines (DTR/RTS)");
+        QVERIFY(notices.at(1).first().toString().contains("already running"));
+    }
+
+    void connectToAPortThatCannotBeOpened_data()
+    {
+        QTest::addColumn<QString>("port");
+        QTest::addColumn<QString>("reason");
+        QTest::newRow("missing") << "/dev/nonexistent-port"
+                                 << "no such port";
+        QTest::newRow("regular file") << "file"
+                                      << "not a serial device";
+    }
+
+    void connectToAPortThatCannotBeOpened()
+    {
+        QFETCH(QString, port);
+        QFETCH(QString, reason);
+        if (port == "file") {
+            port = saveFile("not-a-port", "x");
+            qputenv("ESP_UTILITY_EXTRA_PORTS", port.toLocal8Bit());
+        }
+        Session session;
+        const auto outcome = session.run(Cmd::Connect, {port});
+        qunsetenv("ESP_UTILITY_EXTRA_PORTS");
+        QVERIFY(!outcome.result);
+        // One line with the reason, and the failure stands for the commands that follow.
+        QCOMPARE(outcome.errors,
+                 QStringList{"Cannot open " + port + ": " + reason +
+                             (reason == "no such port" ? " (is the board plugged in?)" : "")});
+        QVERIFY(!session.run(Cmd::Disconnect).result);
         QCOMPARE(session.errors.size(), 1);
     }
 

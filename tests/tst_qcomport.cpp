@@ -1,8 +1,12 @@
 #include "ptypair.h"
+#include "serial/espcommunicator.h"
 #include "serial/qcomport.h"
 
 #include <QSerialPort>
+#include <QTemporaryDir>
 #include <QtTest>
+
+#include <cerrno>
 
 using Settings = QHash<QString, QVariant>;
 
@@ -55,6 +59,59 @@ private slots:
         QCOMPARE(port.parity(), QSerialPort::EvenParity);
         QCOMPARE(port.dataBits(), QSerialPort::Data7);
         QCOMPARE(port.stopBits(), QSerialPort::TwoStop);
+    }
+
+    void openFailureReasons_data()
+    {
+        QTest::addColumn<int>("error");
+        QTest::addColumn<QString>("text"); // for /dev/ttyUSB0
+        const QString start = "Cannot open /dev/ttyUSB0: ";
+        QTest::newRow("EACCES") << EACCES
+                                << start + "permission denied (add your user to the dialout "
+                                           "group and log in again)";
+        QTest::newRow("EPERM") << EPERM
+                               << start + "permission denied (add your user to the dialout "
+                                          "group and log in again)";
+        QTest::newRow("EBUSY") << EBUSY << start + "the port is busy (another program has it open)";
+        QTest::newRow("ENOENT") << ENOENT << start + "no such port (is the board plugged in?)";
+        QTest::newRow("ENXIO") << ENXIO << start + "no such port (is the board plugged in?)";
+        QTest::newRow("ENOTTY") << ENOTTY << start + "not a serial device";
+        QTest::newRow("EIO") << EIO << start + "Input/output error";
+    }
+
+    void openFailureReasons()
+    {
+        QFETCH(int, error);
+        const QComPort::OpenFailure failure = QComPort::openFailureFromErrno(error);
+        QTEST(QComPort::openFailureText(failure, "/dev/ttyUSB0", "Input/output error"), "text");
+    }
+
+    void openFailuresOfRealPaths()
+    {
+        // Root may open any device, so permission cannot be shown here; the others can.
+        QTemporaryDir dir;
+        const QString file = dir.filePath("regular");
+        QFile regular(file);
+        QVERIFY(regular.open(QIODevice::WriteOnly));
+        regular.close();
+        PtyPair pty;
+        qputenv(QComPort::extraPortsVariable, (file + ":" + pty.slavePath()).toLocal8Bit());
+        ESPCommunicator first, second;
+        QSignalSpy errors(&second, &ESPCommunicator::error);
+        QSignalSpy closes(&second, &ESPCommunicator::disconnected);
+        QVERIFY(!second.open("/dev/none-such", 115200));
+        QCOMPARE(second.openFailure(), QComPort::OpenFailure::NotFound);
+        QVERIFY(!second.open(file, 115200));
+        QCOMPARE(second.openFailure(), QComPort::OpenFailure::NotSerial);
+        QVERIFY(first.open(pty.slavePath(), 115200));
+        QVERIFY(!second.open(pty.slavePath(), 115200));
+        QCOMPARE(second.openFailure(), QComPort::OpenFailure::Busy);
+        QCOMPARE(second.openFailureText(), "Cannot open " + pty.slavePath() +
+                                               ": the port is busy (another program has it open)");
+        // A port that never opened says nothing else.
+        QCOMPARE(errors.count(), 0);
+        QCOMPARE(closes.count(), 0);
+        qunsetenv(QComPort::extraPortsVariable);
     }
 };
 

@@ -1,7 +1,9 @@
 // What only a raw client sees of the virtual chip: the ROM's and the loader's protocol quirks and
 // refusals, and the injected faults. The real client's view is checked in its own tests.
 #include "protocol/espprotocol.h"
+#include "testpaths.h"
 #include "tools/imagegen/espimagebuilder.h"
+#include "virtualchip/virtualchipbootoutput.h"
 #include "virtualchip/virtualesp8266.h"
 
 #include <QtTest>
@@ -16,12 +18,14 @@ namespace {
 
 using V = VirtualEsp8266;
 constexpr quint32 efuse0 = 0x3FF00050;
+constexpr quint32 chipMagic = 0x40001000;     // tells the chip family to clients
 constexpr quint32 scratch = 0x60000F00;       // a register without special behaviour
 constexpr quint32 loaderAddress = 0x4010E000; // instruction RAM
 constexpr quint32 dataRam = 0x3FFE8000;
 constexpr int silenceMs = 100; // how long "nothing arrives" is watched for
 constexpr quint8 ok = 0;       // status of a successful answer
 const auto pattern = &EspImageBuilder::pseudoRandomBytes;
+const QByteArray syncPayload = QByteArray::fromHex("07071220") + QByteArray(32, 0x55);
 
 QByteArray words(std::initializer_list<quint32> values)
 {
@@ -81,27 +85,45 @@ public:
         return sendCommand(opcode, words({quint32(data.size()), sequence, 0, 0}) + data, sum);
     }
     // The next complete frame, unescaped; empty when none arrives in time. Plain RFC 1055 on
-    // whole frames: every escape byte starts a valid pair, or the frame is dropped.
+    // whole frames: bytes outside a frame are skipped, every escape byte starts a valid pair or
+    // the frame is dropped, and back-to-back delimiters are one boundary.
     QByteArray readFrame(int timeoutMs = 2000)
     {
         const QDeadlineTimer deadline(timeoutMs);
         for (;;) {
-            for (int end; (end = m_wire.indexOf('\xC0', m_decoded)) >= 0;) {
-                const QByteArray raw = m_wire.mid(m_decoded, end - m_decoded);
-                m_decoded = end + 1;
+            while (m_decoded < m_wire.size()) {
+                const bool delimiter = m_wire[m_decoded++] == '\xC0';
+                if (!m_inFrame) {
+                    m_inFrame = delimiter;
+                    m_frameStart = m_decoded;
+                    continue;
+                }
+                if (!delimiter)
+                    continue;
+                const QByteArray raw = m_wire.mid(m_frameStart, m_decoded - 1 - m_frameStart);
+                m_frameStart = m_decoded;
+                if (raw.isEmpty())
+                    continue;
+                m_inFrame = false;
                 const QByteArray frame =
                     QByteArray(raw).replace("\xDB\xDC", "\xC0").replace("\xDB\xDD", "\xDB");
-                if (!frame.isEmpty() && raw.size() - frame.size() == raw.count('\xDB'))
+                if (raw.size() - frame.size() == raw.count('\xDB'))
                     return frame;
             }
-            pollfd fd{m_fd, POLLIN, 0};
-            char buffer[65536];
-            if (m_hungUp || poll(&fd, 1, int(deadline.remainingTime())) <= 0)
+            if (!receive(deadline))
                 return QByteArray();
-            const ssize_t n = ::read(m_fd, buffer, sizeof buffer); // poll said it will not block
-            m_hungUp = n <= 0;                                     // EOF or EIO
-            m_wire.append(buffer, int(qMax<ssize_t>(n, 0)));
         }
+    }
+    // Drops what arrives until the line has been quiet for `quietMs`, as a host drains its
+    // input; returns the dropped bytes.
+    QByteArray discardInput(int quietMs = silenceMs)
+    {
+        while (receive(QDeadlineTimer(quietMs))) {
+        }
+        m_inFrame = false;
+        const QByteArray dropped = m_wire.mid(m_decoded);
+        m_decoded = m_wire.size();
+        return dropped;
     }
     Answer readAnswer(int timeoutMs = 2000)
     {
@@ -122,8 +144,7 @@ public:
     }
     int sync(int timeoutMs = 500) // the number of answers to one SYNC
     {
-        const bool sent =
-            sendCommand(V::Sync, QByteArray::fromHex("07071220") + QByteArray(32, 0x55));
+        const bool sent = sendCommand(V::Sync, syncPayload);
         int answers = 0; // the burst comes at once: none follow after 100 ms
         while (sent && readAnswer(answers == 0 ? timeoutMs : 100).valid)
             ++answers;
@@ -142,11 +163,49 @@ public:
     bool hungUp() const { return m_hungUp; }
 
 private:
+    bool receive(const QDeadlineTimer &deadline) // false when nothing arrived in time
+    {
+        pollfd fd{m_fd, POLLIN, 0};
+        char buffer[65536];
+        if (m_hungUp || poll(&fd, 1, int(deadline.remainingTime())) <= 0)
+            return false;
+        const ssize_t n = ::read(m_fd, buffer, sizeof buffer); // poll said it will not block
+        m_hungUp = n <= 0;                                     // EOF or EIO
+        m_wire.append(buffer, int(qMax<ssize_t>(n, 0)));
+        return n > 0;
+    }
+
     int m_fd = -1;
     QByteArray m_wire;
     int m_decoded = 0; // bytes of m_wire already run through the decoder
+    bool m_inFrame = false;
+    int m_frameStart = 0;
     bool m_hungUp = false;
 };
+
+// One request of a scripted exchange: opcode, checksum byte, payload.
+QByteArray step(quint8 opcode, const QByteArray &payload, quint8 checksum = 0)
+{
+    return QByteArray(1, char(opcode)) + char(checksum) + payload;
+}
+
+// A data block (FLASH_DATA, FLASH_DEFL_DATA) with its header; `damage` spoils the checksum.
+QByteArray dataStep(quint8 opcode, const QByteArray &data, quint32 sequence, quint8 damage = 0)
+{
+    quint8 sum = 0xEF;
+    for (const char c : data)
+        sum ^= quint8(c);
+    return step(opcode, words({quint32(data.size()), sequence, 0, 0}) + data, sum ^ damage);
+}
+
+// A zlib stream (header + deflate data) of `data`.
+QByteArray zlibStream(const QByteArray &data)
+{
+    return qCompress(data, 9).mid(4); // without the length prefix of the Qt format
+}
+
+constexpr quint32 sector = 0x1000;
+constexpr char untouched = 0x11; // flash filler that no erase or write of a test may reach
 
 } // namespace
 
@@ -165,32 +224,43 @@ class TestVirtualChip : public QObject
     std::optional<RawClient> m_client;
 
 private slots:
-    void romErase_data()
+    void flashBeginErase_data()
     {
+        QTest::addColumn<bool>("loader");
         QTest::addColumn<uint>("offset");
         QTest::addColumn<uint>("size");
         QTest::addColumn<uint>("erasedStart");
         QTest::addColumn<uint>("erasedSize");
-        // n + min(16 - s % 16, n) sectors for n sectors asked from sector s; the flash loader
-        // erases exactly what it is asked for (seen in the client's tests).
-        QTest::newRow("1 sector at 0 -> 2") << 0u << 0x1000u << 0u << 0x2000u;
-        QTest::newRow("last sector before 64K -> 2") << 0xF000u << 0x1000u << 0xF000u << 0x2000u;
-        QTest::newRow("3 sectors across 64K -> 5") << 0xE000u << 0x3000u << 0xE000u << 0x5000u;
-        QTest::newRow("1 MiB -> 272 sectors") << 0u << 0x100000u << 0u << 0x110000u;
-        QTest::newRow("unaligned offset starts at its sector")
-            << 0x1800u << 0x1000u << 0x1000u << 0x2000u;
-        QTest::newRow("clipped at the end of the flash")
-            << 0x3FF000u << 0x2000u << 0x3FF000u << 0x1000u;
-        QTest::newRow("nothing for size 0") << 0u << 0u << 0u << 0u;
+        // The ROM: n + min(16 - s % 16, n) sectors for n sectors asked from sector s.
+        QTest::newRow("ROM: 1 sector at 0 -> 2") << false << 0u << 0x1000u << 0u << 0x2000u;
+        QTest::newRow("ROM: last sector before 64K -> 2")
+            << false << 0xF000u << 0x1000u << 0xF000u << 0x2000u;
+        QTest::newRow("ROM: 3 sectors across 64K -> 5")
+            << false << 0xE000u << 0x3000u << 0xE000u << 0x5000u;
+        QTest::newRow("ROM: 1 MiB -> 272 sectors") << false << 0u << 0x100000u << 0u << 0x110000u;
+        QTest::newRow("ROM: unaligned offset starts at its sector")
+            << false << 0x1800u << 0x1000u << 0x1000u << 0x2000u;
+        QTest::newRow("ROM: clipped at the end of the flash")
+            << false << 0x3FF000u << 0x2000u << 0x3FF000u << 0x1000u;
+        QTest::newRow("ROM: nothing for size 0") << false << 0u << 0u << 0u << 0u;
+        // The flash loader: exactly the sectors that [offset, offset + size) touches.
+        QTest::newRow("loader: one byte mid-sector")
+            << true << 0x11800u << 1u << 0x11000u << 0x1000u;
+        QTest::newRow("loader: across a sector boundary")
+            << true << 0x11FFFu << 2u << 0x11000u << 0x2000u;
+        QTest::newRow("loader: 64 KiB + 1 unaligned")
+            << true << 0x10100u << 0x10001u << 0x10000u << 0x11000u;
+        QTest::newRow("loader: nothing for size 0") << true << 0x11000u << 0u << 0u << 0u;
     }
 
-    void romErase()
+    void flashBeginErase()
     {
+        QFETCH(bool, loader);
         QFETCH(uint, offset);
         QFETCH(uint, size);
         QFETCH(uint, erasedStart);
         QFETCH(uint, erasedSize);
-        QVERIFY(startChip());
+        QVERIFY(startChip(V::Config(), loader));
         const quint32 flashSize = m_chip->flashSize();
         m_chip->setFlash(0, QByteArray(int(flashSize), 0));
         const Answer answer = m_client->command(V::FlashBegin, begin(offset, size, 0x400));
@@ -222,6 +292,14 @@ private slots:
         row("ROM: ERASE_FLASH", false, V::EraseFlash, QByteArray(), 0x05);
         row("ROM: ERASE_REGION", false, V::EraseRegion, words({0, 0x1000}), 0x05);
         row("ROM: READ_FLASH", false, V::ReadFlash, words({0, 0x1000, 0x1000, 64}), 0x05);
+        // The ROM has no compressed download.
+        row("ROM: FLASH_DEFL_BEGIN", false, V::FlashDeflBegin, begin(0, 0x1000, 0x400), 0x05);
+        row("ROM: FLASH_DEFL_DATA", false, V::FlashDeflData, words({1, 0, 0, 0}) + 'x', 0x05,
+            0xEF ^ 'x');
+        row("ROM: FLASH_DEFL_END", false, V::FlashDeflEnd, words({1}), 0x05);
+        row("loader: FLASH_DEFL_DATA without a begin", true, V::FlashDeflData,
+            words({1, 0, 0, 0}) + 'x', 0xC6, 0xEF ^ 'x');
+        row("loader: FLASH_DEFL_END without a begin", true, V::FlashDeflEnd, words({1}), 0xC6);
         row("ROM: unknown opcode", false, 0x42, QByteArray(), 0x05);
         row("loader: unknown opcode", true, 0x42, QByteArray(), 0xC3);
         row("loader: region unaligned", true, V::EraseRegion, words({0x1001, 0x1000}), 0xC4);
@@ -393,6 +471,354 @@ private slots:
         m_chip->armDropAnswer(1);
         m_chip->disarmFaults();
         QCOMPARE(m_client->sync(), 8);
+    }
+
+    void resample_data()
+    {
+        QTest::addColumn<QByteArray>("sent");
+        QTest::addColumn<uint>("txBaud");
+        QTest::addColumn<QByteArray>("received");
+        QTest::newRow("same rate: the text itself")
+            << QByteArray("ets\r\n\xC0") << 115200u << QByteArray("ets\r\n\xC0");
+        // At 74880 a bit lasts 13.4 us, at 115200 8.7 us; a receiver samples bit n at
+        // (n + 1.5) * 8.7 us after the start edge.
+        // ' ': start + 5 low bits = 80 us low: bits 0..7 (13..74 us) all low, stop bit (83 us)
+        // high; bits 6 and 7 (93..120 us) then look like a start bit, two low bits and the rest
+        // high.
+        QTest::newRow("space at 74880") << QByteArray(" ") << 74880u << QByteArray("\x00\xFC", 2);
+        // '0': 67 us low: bit 7 (74 us) high; its last two bits as above.
+        QTest::newRow("'0' at 74880") << QByteArray("0") << 74880u << QByteArray("\x80\xFC");
+        // 0xFF: only the start bit is low (13.4 us): bit 0 (13.0 us) still low.
+        QTest::newRow("two 0xFF at 74880")
+            << QByteArray(2, char(0xFF)) << 74880u << QByteArray(2, char(0xFE));
+        QTest::newRow("nothing") << QByteArray() << 74880u << QByteArray();
+    }
+
+    void resample()
+    {
+        QFETCH(QByteArray, sent);
+        QFETCH(uint, txBaud);
+        QTEST(VirtualChipBootOutput::resample(sent, txBaud, 115200), "received");
+    }
+
+    void boot_data()
+    {
+        QTest::addColumn<int>("powerUp");
+        QTest::addColumn<QVector<int>>("lines"); // dtr * 2 + rts, in order
+        QTest::addColumn<bool>("glitch");        // output led by the reset glitch
+        QTest::addColumn<int>("runs");           // LoaderState afterwards
+        QTest::addColumn<int>("resets");
+        const int download = int(V::BootMode::Download), firmware = int(V::BootMode::Firmware);
+        const int rom = int(V::LoaderState::RomLoader), loader = int(V::LoaderState::Stub);
+        const int program = int(V::LoaderState::Firmware);
+        const int rts = 1, dtr = 2;
+        QTest::newRow("power-up into download") << download << QVector<int>{} << false << rom << 0;
+        QTest::newRow("power-up into firmware")
+            << firmware << QVector<int>{} << false << program << 0;
+        QTest::newRow("classic reset into download")
+            << firmware << QVector<int>{rts, dtr, 0} << true << rom << 1;
+        QTest::newRow("hard reset into firmware")
+            << download << QVector<int>{rts, 0} << true << program << 1;
+        QTest::newRow("GPIO0 counts only when EN rises")
+            << firmware << QVector<int>{dtr | rts, rts, 0, dtr} << true << program << 1;
+        QTest::newRow("DTR alone changes nothing")
+            << download << QVector<int>{dtr, 0} << false << loader << 0;
+    }
+
+    void boot()
+    {
+        QFETCH(int, powerUp);
+        QFETCH(QVector<int>, lines);
+        QFETCH(bool, glitch);
+        QFETCH(int, runs);
+        V::Config config;
+        config.powerUpMode = V::BootMode(powerUp);
+        QVERIFY(startChip(config));
+        m_chip->setFlash(0x10000, QByteArray(0x100, untouched));
+        QByteArray output = m_client->discardInput(); // power-up messages
+        if (!lines.isEmpty()) {
+            // Lines change while the flash loader runs, if the ROM loader lets one start.
+            if (powerUp == int(V::BootMode::Download))
+                QVERIFY(m_client->startLoader(pattern(64, 2)));
+            for (const int state : qAsConst(lines))
+                m_chip->setModemLines(state & 2, state & 1);
+            output = m_client->discardInput();
+        }
+        QTEST(m_chip->resetCount(), "resets");
+        QCOMPARE(int(m_chip->loaderState()), runs);
+        const bool userProgram = runs == int(V::LoaderState::Firmware);
+        QCOMPARE(m_chip->bootMode() == V::BootMode::Firmware, userProgram);
+        // The ROM's message is garbled (74880 baud seen at 115200); a reset glitch leads it,
+        // and no other frame delimiter follows, so a decoder sees a frame start and half a frame.
+        QCOMPARE(output.startsWith('\xC0'), glitch);
+        QCOMPARE(output.count('\xC0'), int(glitch));
+        QVERIFY(!output.contains("ets Jan"));
+        QCOMPARE(output.contains("user program"), userProgram);
+        const int romBytes = userProgram ? output.indexOf("\r\nuser") : output.size();
+        if (runs == int(V::LoaderState::Stub)) // no boot at all
+            QCOMPARE(romBytes, 0);
+        else // about what a board prints
+            QVERIFY2(romBytes > 40 && romBytes < 200, output.toHex().constData());
+        // The user program never answers; the ROM loader answers SYNC with its burst, the flash
+        // loader once. A boot clears the RAM and keeps the flash.
+        const int answers = runs == int(V::LoaderState::RomLoader) ? 8
+                            : runs == int(V::LoaderState::Stub)    ? 1
+                                                                   : 0;
+        QCOMPARE(m_client->sync(silenceMs), answers);
+        QCOMPARE(m_chip->ram(loaderAddress, 64) == pattern(64, 2),
+                 runs == int(V::LoaderState::Stub));
+        QCOMPARE(m_chip->flash(0x10000, 0x100), QByteArray(0x100, untouched));
+    }
+
+    void gpio0SampleDelay_data()
+    {
+        QTest::addColumn<bool>("heldUntilBoot"); // DTR kept asserted until the chip booted
+        QTest::addColumn<int>("bootMode");
+        QTest::newRow("GPIO0 released right after EN") << false << int(V::BootMode::Firmware);
+        QTest::newRow("GPIO0 held until the boot") << true << int(V::BootMode::Download);
+    }
+
+    void gpio0SampleDelay()
+    {
+        QFETCH(bool, heldUntilBoot);
+        V::Config config;
+        config.gpio0SampleDelayMs = 300;
+        QVERIFY(startChip(config));
+        m_client->discardInput(); // power-up messages
+        m_chip->setModemLines(false, true);
+        m_chip->setModemLines(true, false);
+        QCOMPARE(m_chip->resetCount(), 0); // GPIO0 not read yet: silent
+        QVERIFY(m_client->discardInput().isEmpty());
+        if (heldUntilBoot)
+            QTRY_COMPARE(m_chip->resetCount(), 1);
+        m_chip->setModemLines(false, false);
+        QTRY_COMPARE(m_chip->resetCount(), 1);
+        QTEST(int(m_chip->bootMode()), "bootMode");
+    }
+
+    void resetLines()
+    {
+        V::Config config;
+        config.throttle = true; // a flash read still streams when the reset comes
+        QVERIFY(startChip(config, true));
+        m_chip->setFlash(0, QByteArray(0x1000, untouched));
+        QVERIFY(m_client->sendCommand(V::ReadFlash, words({0, 0x100000, 0x1000, 64})));
+        QVERIFY(!m_client->readFrame().isEmpty());
+        // EN held low: output stops at once, nothing is answered or done.
+        m_chip->setModemLines(false, true);
+        m_client->discardInput(); // what was already on its way
+        QVERIFY(m_client->sendCommand(V::Sync, syncPayload));
+        QVERIFY(m_client->sendCommand(V::FlashBegin, begin(0, 0x1000, 0x400)));
+        QVERIFY(m_client->discardInput(2 * silenceMs).isEmpty());
+        QCOMPARE(int(m_chip->loaderState()), int(V::LoaderState::InReset));
+        QCOMPARE(m_chip->flash(0, 0x1000), QByteArray(0x1000, untouched));
+        QCOMPARE(m_chip->resetCount(), 0);
+        // Released with GPIO0 low: the ROM's boot message, and a decoder that does not
+        // resynchronise takes it for the frame that the first answer closes.
+        m_chip->setModemLines(true, false);
+        QVERIFY(m_client->sendCommand(V::Sync, syncPayload));
+        const QByteArray noise = m_client->readFrame();
+        QVERIFY(!noise.isEmpty() && noise[0] != 0x01);
+        m_client->discardInput();
+        QCOMPARE(m_client->sync(), 8);
+        QCOMPARE(m_client->readReg(chipMagic), 0xFFF0C101u);
+        QCOMPARE(m_chip->resetCount(), 1);
+        QCOMPARE(m_chip->flash(0, 0x1000), QByteArray(0x1000, untouched));
+    }
+
+    void baudChange()
+    {
+        V::Config config;
+        config.throttle = true;
+        QVERIFY(startChip(config, true));
+        constexpr quint32 uartDivider = 0x60000014;
+        QCOMPARE(m_client->readReg(uartDivider), 451u); // 52 MHz / 115200
+        m_chip->clearCounters();
+        // The answer still leaves at the old rate; then both directions move at the new one.
+        const QByteArray request = words({921600, 115200});
+        const Answer answer = m_client->command(V::ChangeBaudrate, request);
+        QCOMPARE(answer.opcode, quint8(V::ChangeBaudrate));
+        QCOMPARE(answer.status(), ok);
+        const QByteArray readRequest = words({chipMagic});
+        QCOMPARE(m_client->readReg(chipMagic), 0xFFF0C101u);
+        QCOMPARE(m_client->readReg(uartDivider), 56u);
+        // Framed size of a request (direction 0) or of an answer with status 0 0 (direction 1).
+        const auto wire = [](char direction, quint8 opcode, const QByteArray &body, quint32 value) {
+            return qint64(ESPProtocol::encode(QByteArray(1, direction) + char(opcode) +
+                                              char(body.size()) + char(0) + words({value}) + body)
+                              .size());
+        };
+        const QByteArray status(2, 0);
+        const V::Counters counters = m_chip->counters();
+        QCOMPARE(counters.bytesInByBaud.value(115200), wire(0, V::ChangeBaudrate, request, 0));
+        QCOMPARE(counters.bytesOutByBaud.value(115200), wire(1, V::ChangeBaudrate, status, 0));
+        QCOMPARE(counters.bytesInByBaud.value(921600), 2 * wire(0, V::ReadReg, readRequest, 0));
+        QCOMPARE(counters.bytesOutByBaud.value(921600),
+                 wire(1, V::ReadReg, status, 0xFFF0C101) + wire(1, V::ReadReg, status, 56));
+        QCOMPARE(m_chip->baudRate(), 921600u);
+        // A reset brings the ROM back at the initial rate.
+        m_chip->setModemLines(false, true);
+        m_chip->setModemLines(true, false);
+        m_client->discardInput();
+        QCOMPARE(m_chip->baudRate(), 115200u);
+        QCOMPARE(m_client->readReg(uartDivider), 451u);
+    }
+
+    void controlInput_data()
+    {
+        QTest::addColumn<QString>("bootMode");
+        QTest::addColumn<QByteArray>("input");
+        QTest::addColumn<QStringList>("confirmed");
+        QTest::addColumn<bool>("refused"); // a line was refused on stderr
+        QTest::addColumn<int>("answers");  // to a SYNC afterwards
+        QTest::newRow("classic reset into the ROM loader")
+            << "firmware" << QByteArray("dtr=0 rts=1\ndtr=1 rts=0\ndtr=0\n")
+            << QStringList{"dtr=0 rts=1 -> held in reset", "dtr=1 rts=0 -> ROM loader",
+                           "dtr=0 rts=0 -> ROM loader"}
+            << false << 8;
+        QTest::newRow("hard reset, one line omitted")
+            << "download" << QByteArray("rts=1\n\nrts=0\n")
+            << QStringList{"dtr=0 rts=1 -> held in reset", "dtr=0 rts=0 -> user program"} << false
+            << 0;
+        QTest::newRow("bad lines change nothing")
+            << "download" << QByteArray("dtr=2\nrts=1 reset\nRTS=1\n") << QStringList() << true
+            << 8;
+    }
+
+    // The program: --boot-mode and the reset lines on standard input.
+    void controlInput()
+    {
+        QFETCH(QString, bootMode);
+        QFETCH(QByteArray, input);
+        QFETCH(QStringList, confirmed);
+        QProcess program;
+        program.start(testBuildDir() + "/virtualchip/esp-virtual-chip",
+                      {"--boot-mode", bootMode, "--throttle"});
+        QVERIFY(program.waitForStarted());
+        QVERIFY(program.waitForReadyRead());
+        const QString path = QString::fromLocal8Bit(program.readLine()).trimmed();
+        QVERIFY(path.startsWith("/dev/"));
+        program.write(input);
+        QVERIFY(program.waitForBytesWritten());
+        program.closeWriteChannel(); // the chip runs on without its input
+        QStringList lines;
+        while (lines.size() < confirmed.size() && program.waitForReadyRead(2000)) {
+            while (program.canReadLine())
+                lines << QString::fromLocal8Bit(program.readLine()).trimmed();
+        }
+        for (QString &line : lines)
+            line.remove(QRegularExpression("^LINES "));
+        QCOMPARE(lines, confirmed);
+        RawClient client(path);
+        QVERIFY(client.isOpen());
+        client.discardInput();
+        QTEST(client.sync(silenceMs), "answers");
+        program.terminate();
+        QVERIFY(program.waitForFinished());
+        QCOMPARE(program.exitCode(), 0);
+        QTEST(program.readAllStandardError().contains("ignored control line"), "refused");
+    }
+
+    void deflWrite_data()
+    {
+        QTest::addColumn<QByteArray>("data"); // what FLASH_DEFL_BEGIN announces
+        QTest::addColumn<uint>("offset");
+        QTest::addColumn<QByteArrayList>("steps"); // after FLASH_DEFL_BEGIN
+        QTest::addColumn<QByteArray>("statuses");  // of the answers to the steps, in order
+        QTest::addColumn<bool>("written");         // the flash holds `data` at `offset`
+        const QByteArray data = pattern(100 * 1024, 7) + QByteArray(20 * 1024, 'A');
+        const QByteArray stream = zlibStream(data);
+        const auto slices = [](const QByteArray &bytes, int size, int damaged = -1) {
+            QByteArrayList list;
+            for (int at = 0; at < bytes.size(); at += size)
+                list << dataStep(V::FlashDeflData, bytes.mid(at, size), quint32(at / size),
+                                 at / size == damaged ? 0x5A : 0);
+            return list;
+        };
+        const QByteArray stay = step(V::FlashDeflEnd, words({1}));
+        const auto row = [](const char *name, const QByteArray &data, uint offset,
+                            const QByteArrayList &steps, const QByteArray &statuses, bool written) {
+            QTest::newRow(name) << data << offset << steps << statuses << written;
+        };
+        const auto fine = [](int count) { return QByteArray(count, 0); };
+        const QByteArrayList blocks = slices(stream, 0x4000);
+        const int n = blocks.size(); // 7: incompressible data does not shrink
+        row("multi-block stream, unaligned offset", data, 0x20123, blocks + QByteArrayList{stay},
+            fine(n + 1), true);
+        const QByteArrayList small = slices(stream, 0x400);
+        row("many small blocks", data, 0x30000, small + QByteArrayList{stay},
+            fine(small.size() + 1), true);
+        const QByteArray emptyStream = QByteArray::fromHex("789c030000000001");
+        row("nothing", QByteArray(), 0x20000, slices(emptyStream, 0x4000) + QByteArrayList{stay},
+            fine(2), true);
+        // A refused block is not taken: sent again, it goes through.
+        QByteArrayList retried = slices(stream, 0x4000, 2);
+        retried.insert(3, blocks[2]);
+        row("bad checksum, then sent again", data, 0x20000, retried + QByteArrayList{stay},
+            QByteArray::fromHex("0000c1") + fine(n - 1), true);
+        row("out of sequence", data, 0x20000, {blocks[0], blocks[2], blocks[1]},
+            QByteArray::fromHex("00c700"), false);
+        row("block larger than announced", data, 0x20000,
+            {dataStep(V::FlashDeflData, stream.left(0x4001), 0)}, QByteArray::fromHex("c2"), false);
+        // More than announced fails instead of running past it (the last block holds data, not
+        // just the stream's trailer).
+        QVERIFY(stream.size() % 0x4000 > 64);
+        row("inflates past the announced size", data.left(data.size() - 1), 0x20000, blocks,
+            fine(n - 1) + '\xC9', false);
+        const QByteArrayList trailing = slices(stream + "xyz", 0x4000);
+        row("bytes after the end of the stream", data, 0x20000, trailing,
+            fine(trailing.size() - 1) + '\xC9', false);
+        QByteArray badHeader = stream, badTrailer = stream;
+        badHeader[0] = char(badHeader[0] ^ 0x0F);
+        badTrailer[badTrailer.size() - 1] = char(badTrailer[badTrailer.size() - 1] ^ 0x01);
+        // The refused block is not taken, so the next one is out of sequence.
+        row("corrupt stream header", data, 0x20000, slices(badHeader, 0x4000).mid(0, 2),
+            QByteArray::fromHex("c8c7"), false);
+        row("stream checksum wrong", data, 0x20000,
+            slices(badTrailer, 0x4000) + QByteArrayList{stay}, fine(n - 1) + "\xC8\xCA", false);
+        row("ends before the stream does", data, 0x20000, blocks.mid(0, 3) + QByteArrayList{stay},
+            QByteArray::fromHex("000000ca"), false);
+        row("FLASH_DATA inside a compressed write", data, 0x20000,
+            {dataStep(V::FlashData, data.left(0x4000), 0)}, QByteArray::fromHex("c6"), false);
+    }
+
+    void deflWrite()
+    {
+        QFETCH(QByteArray, data);
+        QFETCH(uint, offset);
+        QFETCH(QByteArrayList, steps);
+        QFETCH(QByteArray, statuses);
+        QFETCH(bool, written);
+        constexpr int flashSpan = 0x60000;
+        QVERIFY(startChip(V::Config(), true));
+        m_chip->setFlash(0, QByteArray(flashSpan, untouched));
+        const quint32 size = quint32(data.size());
+        QCOMPARE(m_client->command(V::FlashDeflBegin, begin(offset, size, 0x4000)).status(), ok);
+        QByteArray answered;
+        for (const QByteArray &request : qAsConst(steps)) {
+            QVERIFY(m_client->sendCommand(quint8(request[0]), request.mid(2), quint8(request[1])));
+            const Answer answer = m_client->readAnswer();
+            QCOMPARE(answer.opcode, quint8(request[0]));
+            answered += char(answer.status());
+        }
+        QCOMPARE(answered.toHex(), statuses.toHex());
+        // Erased exactly the sectors that [offset, offset + size) touches; nothing written
+        // outside that range.
+        const quint32 start = offset / sector * sector;
+        const quint32 end = (offset + size + sector - 1) / sector * sector;
+        const QByteArray flash = m_chip->flash(0, flashSpan);
+        QCOMPARE(flash.left(int(start)), QByteArray(int(start), untouched));
+        QCOMPARE(flash.mid(int(end)), QByteArray(int(flashSpan - end), untouched));
+        QCOMPARE(flash.mid(int(start), int(offset - start)),
+                 QByteArray(int(offset - start), char(0xFF)));
+        QCOMPARE(flash.mid(int(offset + size), int(end - offset - size)),
+                 QByteArray(int(end - offset - size), char(0xFF)));
+        QCOMPARE(flash.mid(int(offset), int(size)) == data, written);
+        const auto erases = m_chip->counters().erases;
+        QCOMPARE(erases.size(), 1);
+        QCOMPARE(int(erases[0].kind), int(V::EraseKind::StubDeflBegin));
+        QCOMPARE(erases[0].offset, start);
+        QCOMPARE(erases[0].size, end - start);
     }
 
     void vanish()

@@ -1,5 +1,6 @@
 // esp-virtual-chip: a virtual ESP8266 behind a pseudo-terminal, for trying the utility without a
-// board. Prints the device path first, then one line per received command.
+// board. Prints the device path first, then one line per received command. A pseudo-terminal has
+// no modem lines, so the reset circuit is driven by lines on standard input ("dtr=1 rts=0").
 #include "virtualchip/virtualesp8266.h"
 
 #include <QCommandLineParser>
@@ -7,8 +8,12 @@
 #include <QFile>
 #include <QRegularExpression>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <poll.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
 
 namespace {
 
@@ -85,6 +90,75 @@ int fail(int code, const QString &message)
     return code;
 }
 
+void printLine(const QString &line)
+{
+    fprintf(stdout, "%s\n", qPrintable(line));
+    fflush(stdout);
+}
+
+// "dtr=1 rts=0", either part optional, in any order: the new state of the lines, an omitted one
+// kept. False for anything else.
+bool parseControlLine(const QString &line, bool *dtr, bool *rts)
+{
+    static const QRegularExpression pattern(QStringLiteral("^(dtr|rts)=([01])$"));
+    const QStringList words = line.split(QLatin1Char(' '), Qt::SkipEmptyParts);
+    if (words.isEmpty())
+        return false;
+    for (const QString &word : words) {
+        const auto match = pattern.match(word);
+        if (!match.hasMatch())
+            return false;
+        *(match.captured(1) == QLatin1String("dtr") ? dtr : rts) =
+            match.captured(2) == QLatin1String("1");
+    }
+    return true;
+}
+
+// Applies the control lines read from standard input; false at its end.
+class ControlInput
+{
+public:
+    ControlInput(VirtualEsp8266 &chip, bool quiet) : m_chip(chip), m_quiet(quiet) {}
+
+    bool readAvailable()
+    {
+        char buffer[4096];
+        const ssize_t n = ::read(STDIN_FILENO, buffer, sizeof buffer);
+        if (n < 0)
+            return errno == EINTR || errno == EAGAIN;
+        if (n == 0)
+            return false; // no more commands; the chip runs on
+        m_pending.append(buffer, int(n));
+        for (int end; (end = m_pending.indexOf('\n')) >= 0; m_pending.remove(0, end + 1))
+            apply(QString::fromLocal8Bit(m_pending.left(end)).trimmed());
+        return true;
+    }
+
+private:
+    void apply(const QString &line)
+    {
+        if (line.isEmpty())
+            return;
+        if (!parseControlLine(line, &m_dtr, &m_rts)) {
+            fail(0, QStringLiteral("ignored control line \"%1\" (expected dtr=0|1 and/or rts=0|1)")
+                        .arg(line));
+            return;
+        }
+        m_chip.setModemLines(m_dtr, m_rts);
+        if (!m_quiet)
+            printLine(QStringLiteral("LINES dtr=%1 rts=%2 -> %3")
+                          .arg(int(m_dtr))
+                          .arg(int(m_rts))
+                          .arg(VirtualEsp8266::loaderStateName(m_chip.loaderState())));
+    }
+
+    VirtualEsp8266 &m_chip;
+    const bool m_quiet;
+    bool m_dtr = false;
+    bool m_rts = false;
+    QByteArray m_pending;
+};
+
 } // namespace
 
 int main(int argc, char *argv[])
@@ -102,7 +176,7 @@ int main(int argc, char *argv[])
 
     QCommandLineParser parser;
     parser.setApplicationDescription(QStringLiteral(
-        "A virtual ESP8266 behind a pseudo-terminal. Prints the device path on the first line,\nthen one line per command received, until interrupted (SIGINT / SIGTERM).\nPoint the utility at the printed path, e.g. through ESP_UTILITY_EXTRA_PORTS."));
+        "A virtual ESP8266 behind a pseudo-terminal. Prints the device path on the first line,\nthen one line per command received, until interrupted (SIGINT / SIGTERM).\nPoint the utility at the printed path, e.g. through ESP_UTILITY_EXTRA_PORTS.\n\nThe reset circuit of a USB serial adapter (RTS to EN, DTR to GPIO0, both active low) is\ndriven by lines on standard input, since a pseudo-terminal has none: \"dtr=0|1 rts=0|1\"\n(either part may be left out; 1 = asserted). rts=1 holds the chip in reset; rts=0 boots\nit into the ROM loader when dtr=1 at that moment, else into its user program. The classic\nreset into the ROM loader is \"dtr=0 rts=1\", \"dtr=1 rts=0\", \"dtr=0\". Each line is\nconfirmed with \"LINES dtr=.. rts=.. -> <what runs>\" (not with --quiet)."));
     parser.addHelpOption();
     const QCommandLineOption chipOption(
         QStringLiteral("chip"), QStringLiteral("Chip model: esp8266ex (default) or esp8285."),
@@ -129,8 +203,14 @@ int main(int argc, char *argv[])
                                         QStringLiteral("FILE"));
     const QCommandLineOption quietOption(QStringLiteral("quiet"),
                                          QStringLiteral("Print only the device path."));
+    const QCommandLineOption bootModeOption(
+        QStringLiteral("boot-mode"),
+        QStringLiteral("What power-up starts: download (the ROM loader, default) or firmware "
+                       "(the user program, which answers nothing until a reset into download "
+                       "mode)."),
+        QStringLiteral("mode"), QStringLiteral("download"));
     parser.addOptions({chipOption, macOption, flashSizeOption, throttleOption, timingOption,
-                       loadOption, dumpOption, quietOption});
+                       loadOption, dumpOption, quietOption, bootModeOption});
     parser.process(app);
     if (!parser.positionalArguments().isEmpty())
         return fail(
@@ -148,6 +228,12 @@ int main(int argc, char *argv[])
     if (!parseSize(parser.value(flashSizeOption), &config.flashSize))
         return fail(exitUsage,
                     QStringLiteral("bad flash size %1").arg(parser.value(flashSizeOption)));
+    const QString bootMode = parser.value(bootModeOption).toLower();
+    if (bootMode == QLatin1String("firmware"))
+        config.powerUpMode = VirtualEsp8266::BootMode::Firmware;
+    else if (bootMode != QLatin1String("download"))
+        return fail(exitUsage,
+                    QStringLiteral("unknown boot mode %1 (download or firmware)").arg(bootMode));
     config.throttle = parser.isSet(throttleOption);
     config.flashTiming = parser.isSet(timingOption);
     const bool quiet = parser.isSet(quietOption);
@@ -182,8 +268,19 @@ int main(int argc, char *argv[])
     fprintf(stdout, "%s\n", qPrintable(chip.devicePath()));
     fflush(stdout);
 
-    int signalNumber = 0;
-    sigwait(&stopSignals, &signalNumber);
+    // Wait for a stop signal, applying control lines meanwhile.
+    const int stopFd = signalfd(-1, &stopSignals, SFD_CLOEXEC);
+    ControlInput control(chip, quiet);
+    bool stdinOpen = true;
+    for (;;) {
+        pollfd fds[2] = {{stopFd, POLLIN, 0}, {STDIN_FILENO, POLLIN, 0}};
+        if (poll(fds, stdinOpen ? 2 : 1, -1) < 0 && errno != EINTR)
+            break;
+        if (fds[0].revents & POLLIN)
+            break;
+        if (stdinOpen && (fds[1].revents & (POLLIN | POLLHUP | POLLERR)))
+            stdinOpen = control.readAvailable();
+    }
     chip.stop();
 
     if (parser.isSet(dumpOption)) {

@@ -39,6 +39,9 @@ bool isStubOnly(quint8 opcode)
     case VirtualEsp8266::SpiSetParams:
     case VirtualEsp8266::SpiAttach:
     case VirtualEsp8266::ChangeBaudrate:
+    case VirtualEsp8266::FlashDeflBegin: // the ROM has no compressed download
+    case VirtualEsp8266::FlashDeflData:
+    case VirtualEsp8266::FlashDeflEnd:
     case VirtualEsp8266::SpiFlashMd5:
     case VirtualEsp8266::EraseFlash:
     case VirtualEsp8266::EraseRegion:
@@ -72,7 +75,9 @@ VirtualChipLoader::VirtualChipLoader(const VirtualEsp8266::Config &config)
     , m_registers(config)
     , m_iram(int(iramEnd - iramStart), 0)
     , m_dram(int(dramEnd - dramStart), 0)
-{}
+{
+    m_registers.setUartBaud(m_baud);
+}
 
 bool VirtualChipLoader::answering() const
 {
@@ -98,7 +103,8 @@ VirtualEsp8266::CommandRecord VirtualChipLoader::recordOf(const QByteArray &fram
     record.checksum = quint8(frame[4]);
     record.byStub = isStub();
     const QByteArray payload = frame.mid(headerSize);
-    if ((record.opcode == VirtualEsp8266::FlashData || record.opcode == VirtualEsp8266::MemData) &&
+    if ((record.opcode == VirtualEsp8266::FlashData || record.opcode == VirtualEsp8266::MemData ||
+         record.opcode == VirtualEsp8266::FlashDeflData) &&
         payload.size() >= dataHeaderSize) {
         record.dataPacket = true;
         record.dataSize = word(payload, 0);
@@ -163,6 +169,12 @@ VirtualChipLoader::Result VirtualChipLoader::dispatch(quint8 opcode, const QByte
         return flashData(frame, payload, nowUs);
     case VirtualEsp8266::FlashEnd:
         return flashEnd(payload, nowUs);
+    case VirtualEsp8266::FlashDeflBegin:
+        return deflBegin(payload, nowUs);
+    case VirtualEsp8266::FlashDeflData:
+        return deflData(frame, payload, nowUs);
+    case VirtualEsp8266::FlashDeflEnd:
+        return deflEnd(payload, nowUs);
     case VirtualEsp8266::SpiAttach:
         return spiAttach(payload, nowUs);
     case VirtualEsp8266::SpiSetParams:
@@ -190,7 +202,7 @@ VirtualChipLoader::Result VirtualChipLoader::sync(const QByteArray &payload, qin
     const int count = isStub() ? 1 : syncAnswers;
     Result result;
     for (int i = 0; i < count; ++i)
-        result = succeed(nowUs);
+        result = succeed(nowUs, isStub() ? 0 : romSyncValue);
     return result;
 }
 
@@ -319,34 +331,60 @@ VirtualChipLoader::Result VirtualChipLoader::flashBegin(const QByteArray &payloa
     return succeed(nowUs, 0, QByteArray(), busyUs);
 }
 
+bool VirtualChipLoader::checkDataBlock(const QByteArray &frame, const QByteArray &payload,
+                                       bool compressed, qint64 nowUs, Result *failure)
+{
+    if (payload.size() < dataHeaderSize ||
+        word(payload, 0) != quint32(payload.size() - dataHeaderSize)) {
+        *failure =
+            fail(nowUs, VirtualEsp8266::RomInvalidMessage, VirtualEsp8266::StubBadDataLength);
+        return false;
+    }
+    if (!m_flashWrite.active || m_flashWrite.compressed != compressed) {
+        *failure = fail(nowUs, VirtualEsp8266::RomFailedToAct, VirtualEsp8266::StubNotInFlashMode);
+        return false;
+    }
+    const int dataLength = payload.size() - dataHeaderSize;
+    if (quint8(frame[4]) != xorChecksum(payload.constData() + dataHeaderSize, dataLength)) {
+        *failure = fail(nowUs, VirtualEsp8266::RomBadChecksum, VirtualEsp8266::StubBadChecksum);
+        return false;
+    }
+    if (word(payload, 4) != m_flashWrite.nextSequence) {
+        *failure = fail(nowUs, VirtualEsp8266::RomFailedToAct, VirtualEsp8266::StubBadSequence);
+        return false;
+    }
+    if (quint32(dataLength) > m_flashWrite.blockSize) {
+        *failure = fail(nowUs, VirtualEsp8266::RomFailedToAct, VirtualEsp8266::StubBadBlockSize);
+        return false;
+    }
+    return true;
+}
+
 VirtualChipLoader::Result VirtualChipLoader::flashData(const QByteArray &frame,
                                                        const QByteArray &payload, qint64 nowUs)
 {
-    if (payload.size() < dataHeaderSize ||
-        word(payload, 0) != quint32(payload.size() - dataHeaderSize))
-        return fail(nowUs, VirtualEsp8266::RomInvalidMessage, VirtualEsp8266::StubBadDataLength);
-    if (!m_flashWrite.active)
-        return fail(nowUs, VirtualEsp8266::RomFailedToAct, VirtualEsp8266::StubNotInFlashMode);
-    const quint32 dataLength = quint32(payload.size() - dataHeaderSize);
+    Result failure;
+    if (!checkDataBlock(frame, payload, false, nowUs, &failure))
+        return failure;
     const QByteArray data = payload.mid(dataHeaderSize);
-    if (quint8(frame[4]) != xorChecksum(data.constData(), data.size()))
-        return fail(nowUs, VirtualEsp8266::RomBadChecksum, VirtualEsp8266::StubBadChecksum);
-    const quint32 sequence = word(payload, 4);
-    if (sequence != m_flashWrite.nextSequence)
-        return fail(nowUs, VirtualEsp8266::RomFailedToAct, VirtualEsp8266::StubBadSequence);
-    if (dataLength > m_flashWrite.blockSize)
-        return fail(nowUs, VirtualEsp8266::RomFailedToAct, VirtualEsp8266::StubBadBlockSize);
     const quint64 target =
-        quint64(m_flashWrite.offset) + quint64(sequence) * m_flashWrite.blockSize;
-    if (target > m_flash.size() || !m_flash.contains(quint32(target), dataLength))
+        quint64(m_flashWrite.offset) + quint64(m_flashWrite.nextSequence) * m_flashWrite.blockSize;
+    if (target > m_flash.size() || !m_flash.contains(quint32(target), quint32(data.size())))
         return fail(nowUs, VirtualEsp8266::RomFlashWriteError, VirtualEsp8266::StubFailedSpiOp);
-    m_flash.program(quint32(target), data);
     ++m_flashWrite.nextSequence;
+    return programBlock(quint32(target), data, nowUs);
+}
+
+VirtualChipLoader::Result VirtualChipLoader::programBlock(quint32 target, const QByteArray &data,
+                                                          qint64 nowUs)
+{
+    m_flash.program(target, data);
+    const quint32 dataLength = quint32(data.size());
     const qint64 workUs = programTime(dataLength);
     if (!isStub())
         return succeed(nowUs, 0, QByteArray(), workUs);
     // The flash loader acknowledges at once and erases / programs while the next block arrives.
-    const qint64 eraseUs = chargeStubErase(quint32(target), roundUpToSector(target + dataLength));
+    const qint64 eraseUs = chargeStubErase(target, roundUpToSector(quint64(target) + dataLength));
     m_backgroundUntilUs = qMax(m_backgroundUntilUs, nowUs) + eraseUs + workUs;
     return succeed(nowUs);
 }
@@ -359,8 +397,86 @@ VirtualChipLoader::Result VirtualChipLoader::flashEnd(const QByteArray &payload,
     m_flashWrite.active = false;
     const Result result = succeed(nowUs);
     if (reboot)
-        m_state = LoaderState::Halted; // runs the user program, which does not talk to us
+        rebootIntoFirmware(nowUs);
     return result;
+}
+
+VirtualChipLoader::Result VirtualChipLoader::deflBegin(const QByteArray &payload, qint64 nowUs)
+{
+    if (payload.size() != 16)
+        return fail(nowUs, 0, VirtualEsp8266::StubBadDataLength);
+    const quint32 size = word(payload, 0);
+    const quint32 blockSize = word(payload, 8);
+    const quint32 offset = word(payload, 12);
+    // The size is that of the inflated data, so unlike FLASH_BEGIN nothing is rounded up.
+    if (!m_flash.contains(offset, size))
+        return fail(nowUs, 0, VirtualEsp8266::StubFailedSpiOp);
+    if (blockSize == 0 || blockSize > maxBlockSize)
+        return fail(nowUs, 0, VirtualEsp8266::StubBadBlockSize);
+    const quint32 start = offset - offset % VirtualNorFlash::sectorSize;
+    const quint32 end = roundUpToSector(quint64(offset) + size);
+    erase(VirtualEsp8266::EraseKind::StubDeflBegin, start, end - start);
+    FlashSession session;
+    session.active = true;
+    session.compressed = true;
+    session.offset = offset;
+    session.blockSize = blockSize;
+    session.size = size;
+    session.eraseChargedTo = start;
+    session.eraseEnd = end;
+    m_flashWrite = session;
+    m_inflater.begin();
+    return succeed(nowUs);
+}
+
+VirtualChipLoader::Result VirtualChipLoader::deflData(const QByteArray &frame,
+                                                      const QByteArray &payload, qint64 nowUs)
+{
+    Result failure;
+    if (!checkDataBlock(frame, payload, true, nowUs, &failure))
+        return failure;
+    QByteArray inflated;
+    switch (m_inflater.feed(payload.mid(dataHeaderSize), m_flashWrite.size - m_flashWrite.written,
+                            &inflated)) {
+    case VirtualChipInflater::Result::Ok:
+    case VirtualChipInflater::Result::Finished:
+        break;
+    case VirtualChipInflater::Result::Corrupt:
+        return fail(nowUs, 0, VirtualEsp8266::StubInflateError);
+    case VirtualChipInflater::Result::TooMuchData:
+        return fail(nowUs, 0, VirtualEsp8266::StubTooMuchData);
+    }
+    const quint32 target = m_flashWrite.offset + m_flashWrite.written;
+    m_flashWrite.written += quint32(inflated.size());
+    ++m_flashWrite.nextSequence;
+    return programBlock(target, inflated, nowUs);
+}
+
+VirtualChipLoader::Result VirtualChipLoader::deflEnd(const QByteArray &payload, qint64 nowUs)
+{
+    if (payload.size() != 4)
+        return fail(nowUs, 0, VirtualEsp8266::StubBadDataLength);
+    if (!m_flashWrite.active || !m_flashWrite.compressed)
+        return fail(nowUs, 0, VirtualEsp8266::StubNotInFlashMode);
+    const bool complete = m_inflater.finished() && m_flashWrite.written == m_flashWrite.size;
+    m_flashWrite.active = false;
+    if (!complete)
+        return fail(nowUs, 0, VirtualEsp8266::StubNotEnoughData);
+    const Result result = succeed(nowUs);
+    if (word(payload, 0) == 0)
+        rebootIntoFirmware(nowUs);
+    return result;
+}
+
+void VirtualChipLoader::rebootIntoFirmware(qint64 nowUs)
+{
+    // The answer is already queued (boot() would drop it) and still leaves at the current rate;
+    // the user program then prints at the initial one.
+    QVector<Output> answer = m_output;
+    if (m_baud != m_initialBaud && !answer.isEmpty())
+        answer.last().baudAfter = m_initialBaud;
+    boot(VirtualEsp8266::BootMode::Firmware, VirtualChipBootOutput::Cause::Reboot, nowUs);
+    m_output = answer + m_output;
 }
 
 VirtualChipLoader::Result VirtualChipLoader::spiAttach(const QByteArray &payload, qint64 nowUs)
@@ -392,7 +508,7 @@ VirtualChipLoader::Result VirtualChipLoader::changeBaudrate(const QByteArray &pa
     const quint32 baud = word(payload, 0);
     // The answer still leaves at the old rate; what the host sends next comes at the new one.
     const Result result = succeed(nowUs, 0, QByteArray(), 0, baud);
-    m_baud = baud;
+    setBaud(baud);
     return result;
 }
 
@@ -533,8 +649,8 @@ int VirtualChipLoader::takeAcks()
 void VirtualChipLoader::reset()
 {
     m_state = LoaderState::RomLoader;
-    m_baud = m_initialBaud;
-    m_eraseFactor = 1;
+    m_bootMode = VirtualEsp8266::BootMode::Download;
+    setBaud(m_initialBaud);
     m_busyUntilUs = 0;
     m_backgroundUntilUs = 0;
     m_greetingAtUs = -1;
@@ -547,6 +663,28 @@ void VirtualChipLoader::reset()
     m_read = ReadSession();
     m_spiParams = VirtualEsp8266::SpiParams();
     m_output.clear();
+}
+
+void VirtualChipLoader::boot(VirtualEsp8266::BootMode mode, VirtualChipBootOutput::Cause cause,
+                             qint64 nowUs)
+{
+    reset();
+    m_bootMode = mode;
+    if (mode == VirtualEsp8266::BootMode::Firmware)
+        m_state = LoaderState::Firmware;
+    queueUnframed(VirtualChipBootOutput::output(mode, cause, m_baud), nowUs);
+}
+
+void VirtualChipLoader::holdInReset()
+{
+    reset();
+    m_state = LoaderState::InReset;
+}
+
+void VirtualChipLoader::setBaud(quint32 baud)
+{
+    m_baud = baud;
+    m_registers.setUartBaud(baud);
 }
 
 QByteArray VirtualChipLoader::ram(quint32 address, quint32 size) const
@@ -592,13 +730,18 @@ VirtualChipLoader::Result VirtualChipLoader::answerWithStatus(qint64 nowUs, quin
     packet.append(char(error));
     const qint64 dueUs = nowUs + delayUs;
     m_busyUntilUs = qMax(m_busyUntilUs, dueUs);
-    m_output.append(Output{packet, dueUs, true, baudAfter});
+    m_output.append(Output{packet, dueUs, true, baudAfter, false});
     return Result{status, error, true};
 }
 
 void VirtualChipLoader::queueRaw(const QByteArray &packet, qint64 dueUs)
 {
-    m_output.append(Output{packet, dueUs, false, 0});
+    m_output.append(Output{packet, dueUs, false, 0, false});
+}
+
+void VirtualChipLoader::queueUnframed(const QByteArray &bytes, qint64 dueUs)
+{
+    m_output.append(Output{bytes, dueUs, false, 0, true});
 }
 
 qint64 VirtualChipLoader::erase(VirtualEsp8266::EraseKind kind, quint32 offset, quint32 length)

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "virtualchip/virtualchipbootoutput.h"
+#include "virtualchip/virtualchipinflater.h"
 #include "virtualchip/virtualchipregisters.h"
 #include "virtualchip/virtualesp8266.h"
 #include "virtualchip/virtualnorflash.h"
@@ -20,6 +22,7 @@ public:
         qint64 dueUs = 0;      // not before this time (steady clock, microseconds)
         bool answer = false;   // an answer to a command (the target of answer faults)
         quint32 baudAfter = 0; // when non-zero: the line switches to this rate once sent
+        bool unframed = false; // bytes for the line as they are (boot messages), no SLIP frame
     };
 
     static constexpr quint32 iramStart = 0x40100000; // instruction RAM, downloadable
@@ -31,6 +34,9 @@ public:
     static const QByteArray syncPayload;                  // 07 07 12 20 + 32 x 55
     static const QByteArray greeting;                     // "OHAI"
     static constexpr int syncAnswers = 8;                 // answers the ROM sends to one SYNC
+    // Value word of the ROM's SYNC answers; the flash loader answers with 0, which is how
+    // clients tell a running loader from the ROM.
+    static constexpr quint32 romSyncValue = 0x20120707;
 
     explicit VirtualChipLoader(const VirtualEsp8266::Config &config);
 
@@ -62,6 +68,12 @@ public:
     int takeAcks();
 
     void reset();
+    // Boots as the reset circuit or the power supply starts the chip: reset() plus the boot
+    // messages, then the ROM loader or the user program.
+    void boot(VirtualEsp8266::BootMode mode, VirtualChipBootOutput::Cause cause, qint64 nowUs);
+    // EN held low: nothing runs, nothing is answered.
+    void holdInReset();
+    VirtualEsp8266::BootMode bootMode() const { return m_bootMode; }
     void setEraseFactor(int factor) { m_eraseFactor = qMax(1, factor); }
 
     VirtualEsp8266::LoaderState state() const { return m_state; }
@@ -90,6 +102,10 @@ private:
         // Erase time of the flash loader's begin is charged as the data reaches each sector.
         quint32 eraseChargedTo = 0;
         quint32 eraseEnd = 0;
+        // A compressed write: `size` bytes announced, `written` of them inflated and programmed.
+        bool compressed = false;
+        quint32 size = 0;
+        quint32 written = 0;
     };
     struct ReadSession
     {
@@ -123,6 +139,16 @@ private:
     Result flashBegin(const QByteArray &payload, qint64 nowUs);
     Result flashData(const QByteArray &frame, const QByteArray &payload, qint64 nowUs);
     Result flashEnd(const QByteArray &payload, qint64 nowUs);
+    Result deflBegin(const QByteArray &payload, qint64 nowUs);
+    Result deflData(const QByteArray &frame, const QByteArray &payload, qint64 nowUs);
+    Result deflEnd(const QByteArray &payload, qint64 nowUs);
+    // The checks that FLASH_DATA and FLASH_DEFL_DATA share; an answered failure, or nothing.
+    bool checkDataBlock(const QByteArray &frame, const QByteArray &payload, bool compressed,
+                        qint64 nowUs, Result *failure);
+    // Programs `data` at `target` within the current write, with the time it takes.
+    Result programBlock(quint32 target, const QByteArray &data, qint64 nowUs);
+    // After the answer: the chip restarts into the user program.
+    void rebootIntoFirmware(qint64 nowUs);
     Result spiAttach(const QByteArray &payload, qint64 nowUs);
     Result spiSetParams(const QByteArray &payload, qint64 nowUs);
     Result changeBaudrate(const QByteArray &payload, qint64 nowUs);
@@ -139,6 +165,8 @@ private:
     Result answerWithStatus(qint64 nowUs, quint32 value, const QByteArray &body, quint8 status,
                             quint8 error, qint64 delayUs, quint32 baudAfter);
     void queueRaw(const QByteArray &packet, qint64 dueUs);
+    void queueUnframed(const QByteArray &bytes, qint64 dueUs);
+    void setBaud(quint32 baud);
 
     // Erase with bookkeeping and the time it takes (0 without flash timing or slow erase).
     qint64 erase(VirtualEsp8266::EraseKind kind, quint32 offset, quint32 length);
@@ -154,6 +182,7 @@ private:
     void sendReadPackets(qint64 nowUs);
 
     VirtualEsp8266::LoaderState m_state = VirtualEsp8266::LoaderState::RomLoader;
+    VirtualEsp8266::BootMode m_bootMode = VirtualEsp8266::BootMode::Download;
     quint32 m_initialBaud;
     quint32 m_baud;
     bool m_flashTiming;
@@ -174,6 +203,7 @@ private:
     QVector<QPair<quint32, quint32>> m_downloaded; // [start, end) filled by MEM_DATA
     MemSession m_mem;
     FlashSession m_flashWrite;
+    VirtualChipInflater m_inflater;
     ReadSession m_read;
     VirtualEsp8266::SpiParams m_spiParams;
 

@@ -41,7 +41,7 @@ void closeFd(int &fd)
 } // namespace
 
 VirtualChipMachine::VirtualChipMachine(const VirtualEsp8266::Config &config)
-    : m_config(config), m_loader(config), m_txBaud(config.initialBaud)
+    : m_config(config), m_loader(config), m_txBaud(config.initialBaud), m_rxBaud(config.initialBaud)
 {}
 
 VirtualChipMachine::~VirtualChipMachine()
@@ -114,10 +114,16 @@ bool VirtualChipMachine::start()
     m_wakeRead = wakePipe[0];
     m_wakeWrite = wakePipe[1];
     m_path = QString::fromLocal8Bit(name);
-    m_loader.reset();
     m_decoder.clear();
     m_faults.disarm();
+    m_loader.setEraseFactor(1);
     clearLine();
+    m_dtrAsserted = false;
+    m_rtsAsserted = false;
+    m_resetCount = 0;
+    m_bootAtNs = -1;
+    m_loader.boot(m_config.powerUpMode, VirtualChipBootOutput::Cause::PowerOn, nowNs() / nsPerUs);
+    collectOutput(VirtualChipFaults::Plan(), nullptr);
     m_vanished = false;
     m_vanishRequested = false;
     m_vanishPending = false;
@@ -210,12 +216,67 @@ void VirtualChipMachine::reset()
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_loader.reset();
+        m_loader.setEraseFactor(1);
         m_decoder.clear();
         m_faults.disarm();
         m_vanishPending = false;
+        m_dtrAsserted = false;
+        m_rtsAsserted = false;
+        m_bootAtNs = -1;
         clearLine();
     }
     wake();
+}
+
+void VirtualChipMachine::setModemLines(bool dtrAsserted, bool rtsAsserted)
+{
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (!m_running)
+            return;
+        const bool wasHeld = m_rtsAsserted;
+        m_dtrAsserted = dtrAsserted;
+        m_rtsAsserted = rtsAsserted;
+        if (rtsAsserted == wasHeld)
+            return; // GPIO0 counts only when EN rises
+        // Whatever was on its way in or out is lost with the UART's state.
+        m_decoder.clear();
+        clearLine();
+        m_loader.holdInReset();
+        m_bootAtNs = -1;
+        if (!rtsAsserted)
+            releaseReset(nowNs());
+    }
+    wake();
+}
+
+void VirtualChipMachine::releaseReset(qint64 now)
+{
+    m_bootAtNs = now + qint64(qMax(0, m_config.gpio0SampleDelayMs)) * 1000000;
+    if (m_config.gpio0SampleDelayMs <= 0)
+        bootFromLines(now);
+}
+
+void VirtualChipMachine::bootFromLines(qint64 now)
+{
+    m_bootAtNs = -1;
+    ++m_resetCount;
+    m_loader.boot(m_dtrAsserted ? VirtualEsp8266::BootMode::Download
+                                : VirtualEsp8266::BootMode::Firmware,
+                  VirtualChipBootOutput::Cause::ResetPin, now / nsPerUs);
+    collectOutput(VirtualChipFaults::Plan(), nullptr);
+}
+
+VirtualEsp8266::BootMode VirtualChipMachine::bootMode() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_loader.bootMode();
+}
+
+int VirtualChipMachine::resetCount() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_resetCount;
 }
 
 bool VirtualChipMachine::vanished() const
@@ -357,6 +418,7 @@ void VirtualChipMachine::clearLine()
     m_rxWireNs = 0;
     m_txWireNs = 0;
     m_txBaud = m_config.initialBaud;
+    m_rxBaud = m_config.initialBaud;
 }
 
 void VirtualChipMachine::closeTerminal()
@@ -425,6 +487,9 @@ qint64 VirtualChipMachine::iterate(qint64 now, bool *waitWritable,
     };
     if (m_master < 0) // vanished on a received byte
         return -1;
+    if (m_bootAtNs >= 0 && m_bootAtNs <= now)
+        bootFromLines(now);
+    earliest(m_bootAtNs);
     const qint64 nowUs = now / nsPerUs;
     if (m_loader.nextTickUs() >= 0 && m_loader.nextTickUs() <= nowUs) {
         m_loader.tick(nowUs);
@@ -461,6 +526,10 @@ void VirtualChipMachine::readTerminal(qint64 now)
 
 qint64 VirtualChipMachine::processInput(qint64 now, QVector<VirtualEsp8266::CommandRecord> *handled)
 {
+    if (m_loader.state() == VirtualEsp8266::LoaderState::InReset) {
+        m_rx.clear(); // nothing runs to take it
+        return -1;
+    }
     while (!m_rx.empty()) {
         const qint64 busyUntil = m_loader.busyUntilUs() * nsPerUs;
         if (busyUntil > now)
@@ -468,7 +537,7 @@ qint64 VirtualChipMachine::processInput(qint64 now, QVector<VirtualEsp8266::Comm
         RxChunk &chunk = m_rx.front();
         if (m_config.throttle) {
             // A byte counts as received once it could have crossed the wire.
-            const qint64 arrived = qMax(m_rxWireNs, chunk.arrivalNs) + byteNs(m_loader.baudRate());
+            const qint64 arrived = qMax(m_rxWireNs, chunk.arrivalNs) + byteNs(m_rxBaud);
             if (arrived > now)
                 return arrived;
             m_rxWireNs = arrived;
@@ -477,6 +546,7 @@ qint64 VirtualChipMachine::processInput(qint64 now, QVector<VirtualEsp8266::Comm
         if (++chunk.position == chunk.data.size())
             m_rx.pop_front();
         ++m_counters.bytesIn;
+        ++m_counters.bytesInByBaud[m_rxBaud];
         if (m_faults.byteReceived()) {
             closeTerminal();
             return -1;
@@ -526,6 +596,10 @@ void VirtualChipMachine::collectOutput(const VirtualChipFaults::Plan &plan,
     const auto outputs = m_loader.takeOutput();
     for (const auto &output : outputs) {
         const qint64 dueNs = output.dueUs * nsPerUs;
+        if (output.unframed) {
+            schedule(output.packet, dueNs, 0);
+            continue;
+        }
         if (!output.answer) {
             schedule(VirtualSlip::encode(output.packet), dueNs, 0);
             continue;
@@ -625,6 +699,7 @@ qint64 VirtualChipMachine::writeTerminal(qint64 now, bool *waitWritable)
             return -1;
         }
         m_counters.bytesOut += written;
+        m_counters.bytesOutByBaud[m_txBaud] += written;
         if (perByte > 0)
             m_txWireNs += written * perByte;
         m_loader.noteReadProgress(now / nsPerUs);
@@ -636,8 +711,10 @@ qint64 VirtualChipMachine::writeTerminal(qint64 now, bool *waitWritable)
             left -= step;
             if (frame.written == frame.wire.size()) {
                 ++m_counters.framesSent;
-                if (frame.baudAfter)
+                if (frame.baudAfter) {
                     m_txBaud = frame.baudAfter;
+                    m_rxBaud = frame.baudAfter;
+                }
                 m_tx.pop_front();
             }
         }

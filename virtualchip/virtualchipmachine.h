@@ -36,6 +36,9 @@ public:
     VirtualEsp8266::SpiParams spiParams() const;
     void reset();
     bool vanished() const;
+    void setModemLines(bool dtrAsserted, bool rtsAsserted);
+    VirtualEsp8266::BootMode bootMode() const;
+    int resetCount() const;
 
     QVector<VirtualEsp8266::CommandRecord> commandLog() const;
     void clearCommandLog();
@@ -95,6 +98,9 @@ private:
     static QByteArray strayAnswer(quint8 answeredOpcode);
     qint64 writeTerminal(qint64 nowNs, bool *waitWritable);
     void checkVanish(qint64 nowNs);
+    // EN has risen: boots now, or once GPIO0 is read.
+    void releaseReset(qint64 nowNs);
+    void bootFromLines(qint64 nowNs);
     void closeTerminal();
     void clearLine();
     qint64 byteNs(quint32 baud) const;
@@ -129,6 +135,12 @@ private:
     std::deque<TxFrame> m_tx;
     qint64 m_txWireNs = 0; // when the line is free again
     quint32 m_txBaud;
+    quint32 m_rxBaud; // the UART switches both directions at once
+
+    bool m_dtrAsserted = false;
+    bool m_rtsAsserted = false;
+    int m_resetCount = 0;
+    qint64 m_bootAtNs = -1; // when GPIO0 is read after EN rose; -1 = no boot pending
 
     QVector<VirtualEsp8266::CommandRecord> m_log;
     VirtualEsp8266::Counters m_counters;

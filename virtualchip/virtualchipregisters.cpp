@@ -24,6 +24,10 @@ quint32 VirtualChipRegisters::read(quint32 address)
 {
     if (address >= efuseBase && address < efuseBase + 16 && address % 4 == 0)
         return m_efuses[(address - efuseBase) / 4];
+    if (address == chipMagic)
+        return esp8266Magic;
+    if (address == uartClockDivider) // clients derive the crystal frequency from it
+        return m_uartBaud ? (uartClockHz + m_uartBaud / 2) / m_uartBaud & 0xFFFFF : 0;
     const quint32 value = m_values.value(address, 0);
     if (address != spiCommand)
         return value;
@@ -37,7 +41,8 @@ quint32 VirtualChipRegisters::read(quint32 address)
 
 void VirtualChipRegisters::write(quint32 address, quint32 value, quint32 mask)
 {
-    if (address >= efuseBase && address < efuseBase + 16)
+    if ((address >= efuseBase && address < efuseBase + 16) || address == chipMagic ||
+        address == uartClockDivider)
         return;
     const quint32 old = m_values.value(address, 0);
     const quint32 updated = (old & ~mask) | (value & mask);

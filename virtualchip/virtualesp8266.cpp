@@ -117,6 +117,21 @@ void VirtualEsp8266::reset()
     m_machine->reset();
 }
 
+void VirtualEsp8266::setModemLines(bool dtrAsserted, bool rtsAsserted)
+{
+    m_machine->setModemLines(dtrAsserted, rtsAsserted);
+}
+
+VirtualEsp8266::BootMode VirtualEsp8266::bootMode() const
+{
+    return m_machine->bootMode();
+}
+
+int VirtualEsp8266::resetCount() const
+{
+    return m_machine->resetCount();
+}
+
 bool VirtualEsp8266::vanished() const
 {
     return m_machine->vanished();
@@ -206,6 +221,12 @@ QString VirtualEsp8266::opcodeName(quint8 opcode)
         return QStringLiteral("FLASH_DATA");
     case FlashEnd:
         return QStringLiteral("FLASH_END");
+    case FlashDeflBegin:
+        return QStringLiteral("FLASH_DEFL_BEGIN");
+    case FlashDeflData:
+        return QStringLiteral("FLASH_DEFL_DATA");
+    case FlashDeflEnd:
+        return QStringLiteral("FLASH_DEFL_END");
     case MemBegin:
         return QStringLiteral("MEM_BEGIN");
     case MemEnd:
@@ -248,6 +269,10 @@ QString VirtualEsp8266::loaderStateName(LoaderState state)
         return QStringLiteral("flash loader");
     case LoaderState::Halted:
         return QStringLiteral("halted");
+    case LoaderState::Firmware:
+        return QStringLiteral("user program");
+    case LoaderState::InReset:
+        return QStringLiteral("held in reset");
     }
     return QString();
 }

@@ -33,6 +33,9 @@ public:
         SpiSetParams = 0x0B,   // flash geometry (loader only)
         SpiAttach = 0x0D,      // attach the SPI flash (loader only)
         ChangeBaudrate = 0x0F, // {new baud, old baud} (loader only)
+        FlashDeflBegin = 0x10, // {uncompressed size, blocks, block size, offset} (loader only)
+        FlashDeflData = 0x11,  // one slice of a zlib stream, with a data header (loader only)
+        FlashDeflEnd = 0x12,   // end a compressed write, optionally reboot (loader only)
         SpiFlashMd5 = 0x13,    // MD5 of a flash region (loader only)
         EraseFlash = 0xD0,     // erase the whole chip (loader only)
         EraseRegion = 0xD1,    // {start, length}, both sector aligned (loader only)
@@ -56,18 +59,29 @@ public:
         StubInvalidCommand = 0xC3, // unknown opcode
         StubFailedSpiOp = 0xC4,    // flash range outside the chip or not sector aligned
         StubNotInFlashMode = 0xC6, // data block without a preceding begin
-        StubBadSequence = 0xC7     // data block out of order
+        StubBadSequence = 0xC7,    // data block out of order
+        StubInflateError = 0xC8,   // the compressed stream is corrupt
+        StubTooMuchData = 0xC9,    // a compressed write inflates to more than it announced
+        StubNotEnoughData = 0xCA   // a compressed write ended before all it announced
     };
 
     // Which chip the eFuses describe.
     enum class Model { Esp8266EX, Esp8285 };
 
+    // What the chip runs after a boot; GPIO0 decides it when EN is released.
+    enum class BootMode {
+        Download, // GPIO0 low: the ROM boot loader waits for a host
+        Firmware  // GPIO0 high: the user program in flash runs and never answers
+    };
+
     // Who answers on the line.
     enum class LoaderState {
-        RomLoader,    // the ROM boot loader (after start and reset)
+        RomLoader,    // the ROM boot loader (download mode, and after reset())
         StubStarting, // downloaded code was started; the greeting is about to be sent
         Stub,         // the flash loader runs
-        Halted        // rebooted into the user program or jumped into nothing: no answers
+        Halted,       // jumped into memory without downloaded code: no answers
+        Firmware,     // the user program runs (booted with GPIO0 high, or rebooted): no answers
+        InReset       // EN is held low: no answers, input dropped, output stopped
     };
 
     // How a corrupted answer is damaged.
@@ -82,6 +96,13 @@ public:
     struct Config
     {
         Model model = Model::Esp8266EX;
+        // What start() boots into, as a board whose GPIO0 is strapped that way at power-up. Later
+        // boots go through the reset lines (setModemLines). Either way the chip prints its boot
+        // messages first (at power-up without the reset glitch, see setModemLines).
+        BootMode powerUpMode = BootMode::Download;
+        // How long after EN rises the chip reads GPIO0, ms (a board's delay on EN): a host must
+        // keep DTR asserted that long. 0 reads it as EN rises.
+        int gpio0SampleDelayMs = 0;
         // Station MAC; OUI 18:FE:34 and AC:D0:74 are encoded in eFuse word 1, any other in word 3.
         QByteArray mac = QByteArray::fromHex("18fe34a1b2c3");
         // When set, the eFuse words 0..3 are exactly `efuseWords` and model / mac are ignored.
@@ -124,6 +145,7 @@ public:
     enum class EraseKind {
         RomFlashBegin,  // FLASH_BEGIN handled by the ROM loader (its own arithmetic)
         StubFlashBegin, // FLASH_BEGIN handled by the flash loader
+        StubDeflBegin,  // FLASH_DEFL_BEGIN (flash loader only)
         Region,         // ERASE_REGION
         Chip            // ERASE_FLASH
     };
@@ -143,6 +165,9 @@ public:
         int framesSent = 0;         // complete SLIP frames put on the line
         int acksReceived = 0;       // flash-read acknowledgements
         QVector<EraseRecord> erases;
+        // Bytes moved at each line rate (baud -> bytes), in each direction.
+        QMap<quint32, qint64> bytesInByBaud;
+        QMap<quint32, qint64> bytesOutByBaud;
     };
 
     // Flash set-up received by the flash loader.
@@ -192,8 +217,24 @@ public:
     quint32 baudRate() const;
     SpiParams spiParams() const;
     // Back to the ROM loader at the initial baud rate, answering again; flash is kept, RAM,
-    // registers, pending output and armed faults are cleared.
+    // registers, pending output and armed faults are cleared. Quiet: no boot messages (a reset
+    // through the lines that a host sees is setModemLines()).
     void reset();
+
+    // The reset circuit of a USB serial adapter: RTS drives EN (reset), DTR drives GPIO0, both
+    // active low, so an asserted line pulls its pin low. A pseudo-terminal has no modem lines,
+    // so the host side calls this instead. RTS asserted holds the chip in reset (no answers,
+    // input dropped, output stopped); releasing it boots the chip, which samples GPIO0 then:
+    // DTR asserted boots the ROM loader at the initial rate (loader and RAM gone, flash kept),
+    // otherwise the user program (GPIO0 is read Config::gpio0SampleDelayMs after the release; the
+    // chip stays silent until then). Each boot prints the boot messages, led by the reset glitch.
+    // DTR alone changes nothing. Armed faults stay armed. Ignored before start(), which powers up
+    // with both lines released.
+    void setModemLines(bool dtrAsserted, bool rtsAsserted);
+    // What the last boot (power-up, reset, or a loader's reboot) started.
+    BootMode bootMode() const;
+    // Boots through the reset lines since start().
+    int resetCount() const;
     // True once the port vanished (fault or vanishNow()); only stop() and start() recover.
     bool vanished() const;
 

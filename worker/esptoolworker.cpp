@@ -35,6 +35,7 @@ ESPToolWorker::ESPToolWorker(QObject *parent) : QObject(parent), tool(new ESPToo
     connect(tool, &ESPTool::commandError, this, &ESPToolWorker::tool_cmd_error);
     connect(tool, &ESPTool::operationError, this, &ESPToolWorker::tool_op_error);
     connect(tool, &ESPTool::operationProgress, this, &ESPToolWorker::progress);
+    connect(tool, &ESPTool::notice, this, &ESPToolWorker::notice);
 }
 
 QString ESPToolWorker::operationName(int cmd)
@@ -83,8 +84,7 @@ void ESPToolWorker::run(int cmd, const QVariantList &params)
         doConnect(params);
         return;
     case Disconnect:
-        tool->esp_disconnect();
-        emit finished(!failed, cmd, {});
+        doDisconnect(params);
         return;
     case LoadStub:
         doLoadStub(params);
@@ -140,27 +140,65 @@ void ESPToolWorker::tool_op_error(int code, const QString &descr)
 
 void ESPToolWorker::doConnect(const QVariantList &params)
 {
-    if (params.size() != 1) {
+    const bool withOptions = params.size() == 2 && params.at(1).canConvert<QVariantMap>();
+    if (params.size() != 1 && !withOptions) {
         emit error(QStringLiteral("Invalid command: provide a port name for the 'connect' cmd"));
         emit finished(false, Connect, {});
         return;
     }
+    const QVariantMap options = withOptions ? params.at(1).toMap() : QVariantMap();
+    ESPTool::ConnectOptions connectOptions;
+    connectOptions.resetBefore = options.value(QLatin1String(ResetOption), true).toBool();
+    loaderBaud = options.value(QLatin1String(BaudOption), 0u).toUInt();
+    tool->setSkipUnchanged(options.value(QLatin1String(SkipUnchangedOption), true).toBool());
+
     connecting = true;
     connectError.clear();
-    const bool connected = tool->esp_connect(params.at(0).toString());
+    const bool connected = tool->esp_connect(params.at(0).toString(), connectOptions);
     connecting = false;
     if (connected) {
         failed = false;
-        emit finished(true, Connect, {});
+        // A loader that was found running takes the faster line now; "load stub" skips it.
+        if (tool->isStubRunning())
+            switchBaudrate();
+        emit finished(!failed, Connect, {});
         return;
     }
-    if (!connectError.isEmpty()) {
+    QString reason = connectError;
+    switch (tool->connectFailure()) {
+    case ESPTool::ConnectFailure::OpenFailed:
+        reason = tool->openFailureText();
+        break;
+    case ESPTool::ConnectFailure::SyncUnanswered:
+        reason += QStringLiteral(
+            " - the board does not answer: check that its reset circuit (DTR/RTS) is there, or "
+            "put it into boot mode by hand (GPIO0 low while it resets)");
+        break;
+    case ESPTool::ConnectFailure::None:
+        break;
+    }
+    if (!reason.isEmpty()) {
         // Shown even over an earlier failure: it is news about this connection, and like any
         // tool error it stands for the later commands on it.
         failed = true;
-        emit error(connectError);
+        emit error(reason);
     }
     emit finished(false, Connect, {});
+}
+
+void ESPToolWorker::doDisconnect(const QVariantList &params)
+{
+    const QVariantMap options = params.value(0).toMap();
+    if (options.value(QLatin1String(HardResetOption), false).toBool() && tool->isConnected())
+        tool->hard_reset();
+    tool->esp_disconnect();
+    emit finished(!failed, Disconnect, {});
+}
+
+void ESPToolWorker::switchBaudrate()
+{
+    if (loaderBaud != 0)
+        tool->switch_baudrate(loaderBaud);
 }
 
 void ESPToolWorker::doLoadStub(const QVariantList &params)
@@ -170,10 +208,17 @@ void ESPToolWorker::doLoadStub(const QVariantList &params)
         emit finished(false, LoadStub, {});
         return;
     }
+    // A loader found running at connect is used as it is: it cannot be loaded again.
+    if (tool->isStubRunning() && !tool->hasStubImage()) {
+        emit finished(!failed, LoadStub, {});
+        return;
+    }
     const QVariant &stub = params.at(0);
     const bool loaded = isDescriptor(stub)
                             ? tool->write_loader_stub(stub.value<IODeviceDescriptor>().device)
                             : tool->write_loader_stub(stub.toString());
+    if (loaded && !failed)
+        switchBaudrate();
     emit finished(loaded && !failed, LoadStub, {});
 }
 

@@ -46,6 +46,16 @@ public:
     // The single parameter of "erase flash" that asks for the whole chip.
     static constexpr unsigned int wholeChipErase = 0x911;
 
+    // Keys of the optional QVariantMap that "connect" takes after the port name.
+    static constexpr const char *ResetOption = "reset"; // bool, default true: DTR/RTS reset
+    // uint, default 0 (none): the line rate once the flash loader runs
+    static constexpr const char *BaudOption = "baud";
+    // bool, default true: writes leave unchanged 64 KiB blocks alone
+    static constexpr const char *SkipUnchangedOption = "skipUnchanged";
+    // Key of the optional QVariantMap that "disconnect" takes: bool, default false, reset the
+    // board first so that its firmware runs.
+    static constexpr const char *HardResetOption = "hardReset";
+
     explicit ESPToolWorker(QObject *parent = nullptr);
 
     static QString operationName(int cmd);
@@ -54,6 +64,8 @@ signals:
     void error(const QString &reason);
     void progress(int total, int current);
     void finished(bool result, int cmd, const QVariantList &params);
+    // News for the log that is no failure (a reset skipped, a baud fallback, unchanged blocks).
+    void notice(const QString &text);
 
 public slots:
     void execute(int cmd, const QVariantList &params);
@@ -72,6 +84,8 @@ private:
     void run(int cmd, const QVariantList &params);
     void report(const QString &text);
     void doConnect(const QVariantList &params);
+    void doDisconnect(const QVariantList &params);
+    void switchBaudrate();
     void doLoadStub(const QVariantList &params);
     void doGetInfo();
     void doWriteFirmware(const QVariantList &params);
@@ -94,4 +108,6 @@ private:
     // Every tool error, shown or not: long operations stop at the first new one.
     quint64 toolReports = 0;
     QString connectError;
+    // The rate asked for with "connect", applied once the loader runs (0: stay).
+    unsigned int loaderBaud = 0;
 };

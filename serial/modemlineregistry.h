@@ -1,0 +1,24 @@
+#pragma once
+
+#include "esputility_global.h"
+
+#include <QString>
+
+#include <functional>
+
+// Lets a program that runs a chip of its own (a virtual board on a pseudo-terminal, which has
+// no modem lines) receive the DTR/RTS changes meant for that port. Real ports never consult it.
+// Thread-safe: the worker thread looks up setters while the owner registers and removes them.
+class ESPUTILITY_EXPORT ModemLineRegistry
+{
+public:
+    // Called with the levels as the host asserts them (true = asserted, i.e. the line low).
+    using Setter = std::function<void(bool dtrAsserted, bool rtsAsserted)>;
+
+    // Registers `setter` for the device at `path` (symbolic links are resolved); replaces an
+    // earlier one.
+    static void add(const QString &path, Setter setter);
+    static void remove(const QString &path);
+    // The setter for `path`, or an empty function.
+    static Setter find(const QString &path);
+};
