@@ -11,10 +11,17 @@ qint64 DigestingWriter::readData(char *, qint64)
 
 qint64 DigestingWriter::writeData(const char *data, qint64 size)
 {
-    const qint64 written = m_target->write(data, size);
-    if (written > 0)
-        m_md5.addData(data, int(written));
-    else if (written < 0)
-        setErrorString(m_target->errorString());
+    qint64 written = 0;
+    while (written < size) {
+        const qint64 piece = m_target->write(data + written, size - written);
+        if (piece <= 0) {
+            if (m_writeError.isEmpty())
+                m_writeError = m_target->errorString();
+            setErrorString(m_writeError);
+            return written > 0 ? written : -1;
+        }
+        m_md5.addData(data + written, int(piece));
+        written += piece;
+    }
     return written;
 }

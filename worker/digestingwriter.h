@@ -3,10 +3,12 @@
 #include <QByteArray>
 #include <QCryptographicHash>
 #include <QIODevice>
+#include <QString>
 
 // A write-only device that passes every write on to another device and keeps the MD5 of what
 // that device accepted: a file being written can be checked before it is committed, without
-// reading it back.
+// reading it back. A short write is carried on (the system says why only on the next one), and
+// the first failure is remembered.
 class DigestingWriter : public QIODevice
 {
 public:
@@ -15,6 +17,8 @@ public:
     bool isSequential() const override { return true; }
     // The raw 16-byte digest of the bytes accepted so far.
     QByteArray md5() const { return m_md5.result(); }
+    // Why a write failed first; empty while every write succeeded.
+    QString writeError() const { return m_writeError; }
 
 protected:
     qint64 readData(char *data, qint64 maxSize) override;
@@ -23,4 +27,5 @@ protected:
 private:
     QIODevice *m_target;
     QCryptographicHash m_md5{QCryptographicHash::Md5};
+    QString m_writeError;
 };

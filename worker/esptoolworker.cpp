@@ -312,7 +312,8 @@ void ESPToolWorker::doReadData(const QVariantList &params)
     const QFileInfo existing(path);
     // A device or pipe would be replaced by a plain file.
     const bool special = existing.exists() && !existing.isFile();
-    if (special || !file.open(QIODevice::WriteOnly)) {
+    // Unbuffered: a write that fails says so at once, with the system's reason.
+    if (special || !file.open(QIODevice::WriteOnly | QIODevice::Unbuffered)) {
         emit error(
             QStringLiteral("Invalid parameters: cannot write to %1 (%2)")
                 .arg(path, special ? QStringLiteral("not a regular file") : file.errorString()));
@@ -324,6 +325,13 @@ void ESPToolWorker::doReadData(const QVariantList &params)
     QByteArray chipDigest;
     tool->read_flash(params.at(1).toUInt(), params.at(2).toUInt(), &received, &chipDigest);
 
+    if (!received.writeError().isEmpty()) {
+        file.cancelWriting();
+        emit error(QStringLiteral("Error reading data: cannot save %1 (%2)")
+                       .arg(path, received.writeError()));
+        emit finished(false, ReadData, {});
+        return;
+    }
     if (chipDigest.isEmpty() || chipDigest != received.md5()) {
         file.cancelWriting();
         emit error(
