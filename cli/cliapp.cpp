@@ -21,7 +21,10 @@
 #include <QCoreApplication>
 #include <QDir>
 #include <QEventLoop>
+#include <QFile>
 #include <QFileInfo>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QSet>
 #include <QStandardPaths>
 
@@ -75,6 +78,27 @@ QString defaultDemoOutput(const QString &package)
             .absoluteFilePath(QStringLiteral("demo-readback"));
     }
     return QFileInfo(package).absoluteDir().absoluteFilePath(QStringLiteral("readback"));
+}
+
+// Larger files are no scatter file a read would have written.
+constexpr qint64 maxScatterFileBytes = 1024 * 1024;
+
+bool holdsScatterDocument(const QString &path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly) || file.size() > maxScatterFileBytes)
+        return false;
+    const QJsonDocument document = QJsonDocument::fromJson(file.readAll());
+    return document.isObject() && document.object().value(QLatin1String("sections")).isArray();
+}
+
+// The files a read of these regions writes into dir.
+QStringList regionFiles(const QVector<FlashRegion> &regions, const QDir &dir)
+{
+    QStringList files;
+    for (const FlashRegion &region : regions)
+        files << dir.absoluteFilePath(ReadOperation::fileNameFor(region));
+    return files;
 }
 
 // The loader the build makes for real boards, else the virtual chip's stand-in, beside this
@@ -232,6 +256,36 @@ bool CliApp::parseRegions(const QStringList &texts, QVector<FlashRegion> *region
         }
         seen.insert(name);
         regions->append(region);
+    }
+    return true;
+}
+
+bool CliApp::checkReadTargets(const QString &scatterPath, const QStringList &files, int *exitCode)
+{
+    const QString replace = QStringLiteral("pass --force to replace it");
+    for (const QString &path : files) {
+        if (path == scatterPath) {
+            *exitCode =
+                usage(QStringLiteral("%1 would hold both the scatter file and a region").arg(path));
+            return false;
+        }
+    }
+    const QStringList targets = QStringList(files) << scatterPath;
+    for (const QString &path : targets) {
+        const QFileInfo file(path);
+        if (file.isDir()) {
+            *exitCode = usage(QStringLiteral("%1 is a directory").arg(path));
+            return false;
+        }
+        if (!file.exists() || m_args.force)
+            continue;
+        if (path == scatterPath && !holdsScatterDocument(path)) {
+            *exitCode =
+                usage(QStringLiteral("%1 exists and is not a scatter file; %2").arg(path, replace));
+        } else {
+            *exitCode = usage(QStringLiteral("%1 exists; %2").arg(path, replace));
+        }
+        return false;
     }
     return true;
 }
@@ -532,9 +586,10 @@ int CliApp::runRead()
         return usage(QStringLiteral("cannot create the directory %1").arg(scatter.absolutePath()));
     if (m_args.ports.size() + m_args.virtualCount > 1)
         return usage(QStringLiteral("read works on one board at a time"));
-    if (!resolveBoards(&exitCode))
-        return exitCode;
     const QString scatterPath = scatter.absoluteFilePath();
+    if (!checkReadTargets(scatterPath, regionFiles(regions, scatter.absoluteDir()), &exitCode) ||
+        !resolveBoards(&exitCode))
+        return exitCode;
     const QString loader = m_loaderFile;
     return runBoards(
         [regions, scatterPath, loader] {
@@ -621,16 +676,21 @@ int CliApp::runDemo()
     const QDir out(m_args.out.isEmpty() ? defaultDemoOutput(package) : m_args.out);
     if (!QDir().mkpath(out.absolutePath()))
         return usage(QStringLiteral("cannot create the directory %1").arg(out.absolutePath()));
-    QString error;
-    const QString loader = m_input->exportLoader(out, &error);
-    if (loader.isEmpty())
-        return usage(error);
     QVector<FlashRegion> regions;
     for (const ScatterSection &row : m_input->rows()) {
         if (row.hasCells && row.active)
             regions << FlashRegion(row.startAddress, row.endAddress - row.startAddress);
     }
     const QString readBack = out.absoluteFilePath(QStringLiteral("scatter.txt"));
+    QStringList written = regionFiles(regions, out);
+    if (m_input->isPackage())
+        written << m_input->exportedLoaderPath(out);
+    if (!checkReadTargets(readBack, written, &exitCode))
+        return exitCode;
+    QString error;
+    const QString loader = m_input->exportLoader(out, &error);
+    if (loader.isEmpty())
+        return usage(error);
 
     m_console.plain(QStringLiteral("Demo package %1: %2").arg(package, m_input->description()));
     if (!resolveBoards(&exitCode))

@@ -54,6 +54,9 @@ private:
     bool loadScatter(const QString &path, int *exitCode);
     bool checkLoaderOption(bool required, int *exitCode);
     bool parseRegions(const QStringList &texts, QVector<FlashRegion> *regions, int *exitCode);
+    // Before anything is read: refuses a directory in the way of a file, a scatter file that is
+    // also a region's file, and, unless --force, any file that is there already.
+    bool checkReadTargets(const QString &scatterPath, const QStringList &files, int *exitCode);
     // Starts the virtual chips and checks the ports; *exitCode set on failure.
     bool resolveBoards(int *exitCode);
     // One session per board, all in parallel; prints the summary table.

@@ -16,6 +16,7 @@ struct CliArguments
     int virtualCount = 0; // --virtual [N], repeatable, adds up
     QString stub;         // --stub
     bool yes = false;     // --yes
+    bool force = false;   // --force (read, demo: replace files that are there)
     QString only;         // --only firmware|application
     QString scatter;      // --scatter (read: the scatter file to write)
     QString output;       // -o / --output (pack)

@@ -175,6 +175,8 @@ QVector<Option> makeOptions()
                QStringLiteral("answer Yes to the scatter file's questions (missing loader, "
                               "missing checksum, firmware set for more flash than the board "
                               "has); without it they are answered No")),
+        option(QStringLiteral("--force"), {}, flag(&CliArguments::force),
+               QStringLiteral("replace files that are there (read and demo refuse otherwise)")),
         option(QStringLiteral("--only"), QStringLiteral("firmware|application"),
                text(&CliArguments::only), QStringLiteral("write only the sections of this kind"),
                Completion::Words, {QStringLiteral("firmware"), QStringLiteral("application")}),
@@ -245,7 +247,7 @@ QVector<Command> makeCommands()
                 {{QStringLiteral("--scatter OUT.txt REGION..."),
                   QStringLiteral("read regions (ADDRESS:SIZE or ADDRESS-END) into files beside "
                                  "OUT.txt and save OUT.txt")}},
-                boards + QStringList{QStringLiteral("--scatter")}),
+                boards + QStringList{QStringLiteral("--scatter"), QStringLiteral("--force")}),
         command(QStringLiteral("erase"),
                 {{QStringLiteral("all|ADDRESS:SIZE"),
                   QStringLiteral("erase the whole chip or a region")}},
@@ -270,7 +272,9 @@ QVector<Command> makeCommands()
         command(QStringLiteral("demo"),
                 {{QStringLiteral("[PACKAGE]"),
                   QStringLiteral("flash, verify and read back a package on a virtual chip")}},
-                boards + QStringList{yes, noSkip, QStringLiteral("--out")}, Completion::File),
+                boards +
+                    QStringList{yes, noSkip, QStringLiteral("--force"), QStringLiteral("--out")},
+                Completion::File),
         command(QStringLiteral("completion"),
                 {{QStringLiteral("bash"), QStringLiteral("print the bash completion script")}}, {},
                 Completion::Words, {QStringLiteral("bash")}),

@@ -5,7 +5,7 @@
 
 #include "worker/esptoolworker.h"
 
-#include <QBuffer>
+#include <QIODevice>
 
 #include <algorithm>
 
@@ -66,7 +66,7 @@ BoardOperation::Step FlashOperation::next(BoardContext &board, FlashPlan::Comman
         }
         QVariant file;
         QString error;
-        if (!m_input.rowParameter(row, &file, &m_buffer, &error)) {
+        if (!m_input.rowParameter(row, &file, &m_entry, &error)) {
             board.log(FlashPlan::Tone::Error, error);
             return Step::Failed;
         }
@@ -117,12 +117,16 @@ bool FlashOperation::handle(BoardContext &board, int command, const QVariantList
         ++m_checked;
         return true;
     }
-    // The expectation comes from the bytes just written.
+    // The expectation comes from the bytes just written: the package entry's copy, or the file.
     const ScatterSection &row = m_rows.at(m_index);
-    QString error;
-    const std::unique_ptr<QIODevice> data = m_input.openRow(row, &error);
-    m_sections.append(FlashPlan::writtenSection(row, data.get(), error));
-    m_buffer.reset();
+    if (m_entry) {
+        m_sections.append(FlashPlan::writtenSection(row, m_entry.get()));
+    } else {
+        QString error;
+        const std::unique_ptr<QIODevice> data = m_input.openRow(row, &error);
+        m_sections.append(FlashPlan::writtenSection(row, data.get(), error));
+    }
+    m_entry.reset();
     ++m_written;
     ++m_index;
     return true;

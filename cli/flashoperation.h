@@ -8,7 +8,7 @@
 
 #include <memory>
 
-class QBuffer;
+class QIODevice;
 class ScatterInput;
 
 // Writes the active rows of a scatter file or package, in table order: firmware rows with their
@@ -44,5 +44,5 @@ private:
     int m_checked = -1; // -1: the final check has not started
     int m_mismatches = 0;
     // The in-memory copy of the package entry the worker is writing.
-    std::unique_ptr<QBuffer> m_buffer;
+    std::unique_ptr<QIODevice> m_entry;
 };

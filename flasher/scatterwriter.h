@@ -30,7 +30,7 @@ public:
     // `file` is the "Source" text: relative names resolve against dir.
     static QJsonObject savedDocument(const QString &chipDescription, const QString &loaderPath,
                                      const QVector<ScatterSection> &rows, const QDir &dir);
-    // Replaces the file with the indented document. On failure *error receives
-    // "Cannot write to %1: %2".
+    // Replaces the file with the indented document, at once: on failure the file stays as it
+    // was and *error receives "Cannot write to %1: %2".
     static bool save(const QString &path, const QJsonObject &document, QString *error);
 };

@@ -30,7 +30,7 @@
     </message>
     <message>
         <location line="+44"/>
-        <location filename="../../flasher/espflasher.cpp" line="+336"/>
+        <location filename="../../flasher/espflasher.cpp" line="+337"/>
         <location line="+34"/>
         <source>Connect</source>
         <translation>Подключить</translation>
@@ -226,17 +226,17 @@ The tool will be closed</source>
         <translation>Не удалось загрузить загрузчик</translation>
     </message>
     <message>
-        <location line="+23"/>
+        <location line="+24"/>
         <location line="+12"/>
         <location line="+9"/>
         <location line="+104"/>
-        <location line="+433"/>
-        <location line="+17"/>
+        <location line="+461"/>
+        <location line="+10"/>
         <source>Flash Loader</source>
         <translation>Загрузчик флеш-памяти</translation>
     </message>
     <message>
-        <location line="-574"/>
+        <location line="-595"/>
         <location line="+125"/>
         <source>The device is busy. Please try again later.</source>
         <translation>Устройство занято. Повторите попытку позже.</translation>
@@ -287,28 +287,29 @@ The tool will be closed</source>
         <translation>Записанные разделы в конце не совпали с флеш-памятью.</translation>
     </message>
     <message>
-        <location line="+348"/>
+        <location line="+141"/>
+        <source>File %1 already exists. Replace it?</source>
+        <translation>Файл %1 уже существует. Заменить его?</translation>
+    </message>
+    <message>
+        <location line="+228"/>
         <source>File %1 is not in the package</source>
         <translation>Файла %1 нет в пакете</translation>
     </message>
     <message>
-        <location line="+1"/>
-        <location line="+19"/>
+        <location line="+3"/>
+        <location line="+3"/>
+        <location line="+14"/>
         <source>File %1 cannot be read (%2)</source>
         <translation>Не удаётся прочитать файл %1 (%2)</translation>
     </message>
     <message>
-        <location line="-444"/>
+        <location line="-465"/>
         <source>Invalid package</source>
         <translation>Недопустимый пакет</translation>
     </message>
     <message>
-        <location line="-266"/>
-        <source>The connection to %1 was lost</source>
-        <translation>Соединение с %1 потеряно</translation>
-    </message>
-    <message>
-        <location line="+407"/>
+        <location line="+138"/>
         <source>Scatter File</source>
         <translation>Файл разметки</translation>
     </message>
@@ -318,29 +319,28 @@ The tool will be closed</source>
         <translation>Файл разметки уже загружен. Использовать его как шаблон?</translation>
     </message>
     <message>
-        <location line="+13"/>
-        <location line="+31"/>
+        <location line="+65"/>
         <source>Save As</source>
         <translation>Сохранить как</translation>
     </message>
     <message>
-        <location line="-31"/>
-        <location line="+32"/>
+        <location line="+0"/>
         <source>Scatter files (*.txt)</source>
         <translation>Файлы разметки (*.txt)</translation>
     </message>
     <message>
-        <location line="-15"/>
+        <location line="-41"/>
+        <location line="+55"/>
         <source>Read Flash Memory</source>
         <translation>Чтение флеш-памяти</translation>
     </message>
     <message>
-        <location line="+1"/>
+        <location line="-54"/>
         <source>File with the same name already exists. Please choose another name:</source>
         <translation>Файл с таким именем уже существует. Выберите другое имя:</translation>
     </message>
     <message>
-        <location line="+80"/>
+        <location line="+107"/>
         <location line="+14"/>
         <source>Save Scatter</source>
         <translation>Сохранение разметки</translation>
@@ -366,7 +366,12 @@ The tool will be closed</source>
         <translation>Область [адрес:размер]:</translation>
     </message>
     <message>
-        <location line="+59"/>
+        <location line="-567"/>
+        <source>The connection to %1 was lost</source>
+        <translation>Соединение с %1 потеряно</translation>
+    </message>
+    <message>
+        <location line="+626"/>
         <source>Verify Flash Memory Contents</source>
         <translation>Проверка содержимого флеш-памяти</translation>
     </message>
@@ -381,7 +386,7 @@ The tool will be closed</source>
         <translation>Конечный адрес %1 секции № %2 недопустим</translation>
     </message>
     <message>
-        <location line="+81"/>
+        <location line="+84"/>
         <location line="+18"/>
         <location line="+22"/>
         <source>Select scatter file</source>
@@ -579,34 +584,47 @@ The tool will be closed</source>
         <translation>Удалить байты FF в конце образов приложений для экономии места?</translation>
     </message>
     <message>
-        <location filename="../../flasher/esppackagewriter.cpp" line="+66"/>
+        <location filename="../../flasher/esppackagewriter.cpp" line="+34"/>
+        <source>Package %1 would replace its source file %2</source>
+        <translation>Пакет %1 заменил бы собственный исходный файл %2</translation>
+    </message>
+    <message>
+        <location line="+45"/>
         <source>No package is open for writing</source>
         <translation>Нет пакета, открытого для записи</translation>
     </message>
     <message>
-        <location line="+14"/>
-        <location line="+176"/>
+        <location line="+28"/>
         <source>File %1 is not writable: %2</source>
         <translation>Файл %1 недоступен для записи: %2</translation>
     </message>
     <message>
-        <location line="-130"/>
+        <location line="+61"/>
         <source>Stub file could not be copied: %1</source>
         <translation>Не удалось скопировать файл загрузчика: %1</translation>
     </message>
     <message>
-        <location line="+62"/>
-        <location line="+54"/>
+        <location line="+85"/>
         <source>File %1 could not be copied: %2</source>
         <translation>Не удалось скопировать файл %1: %2</translation>
     </message>
     <message>
-        <location line="-30"/>
+        <location line="+7"/>
+        <source>Section file %1 cannot be packed: the package keeps its own %2 under that name</source>
+        <translation>Файл раздела %1 нельзя упаковать: под этим именем пакет хранит собственный %2</translation>
+    </message>
+    <message>
+        <location line="+7"/>
+        <source>Section files %1 and %2 would both be stored as %3</source>
+        <translation>Файлы разделов %1 и %2 были бы оба сохранены как %3</translation>
+    </message>
+    <message>
+        <location line="+28"/>
         <source>Saved %1 bytes from %2 (removed trailing FF&apos;s)</source>
         <translation>Сэкономлено байт: %1 в %2 (удалены конечные FF)</translation>
     </message>
     <message>
-        <location line="+47"/>
+        <location line="+49"/>
         <source>Created zip package in %1</source>
         <translation>Создан ZIP-пакет %1</translation>
     </message>
@@ -616,17 +634,22 @@ The tool will be closed</source>
         <translation>%1 не является корректным файлом разметки: %2</translation>
     </message>
     <message>
-        <location line="+12"/>
+        <location line="+13"/>
+        <source>Package %1 unpacks to %2 bytes, more than the flash memory can hold (%3 bytes)</source>
+        <translation>Пакет %1 распаковывается в %2 байт — больше, чем вмещает флеш-память (%3 байт)</translation>
+    </message>
+    <message>
+        <location line="+16"/>
         <source>Package %1 is invalid and cannot be opened</source>
         <translation>Пакет %1 повреждён и не может быть открыт</translation>
     </message>
     <message>
-        <location line="+9"/>
+        <location line="+13"/>
         <source>scatter.txt not found in package %1</source>
         <translation>В пакете %1 не найден scatter.txt</translation>
     </message>
     <message>
-        <location line="+7"/>
+        <location line="+8"/>
         <source>scatter.txt from package %1 cannot be read</source>
         <translation>Не удаётся прочитать scatter.txt из пакета %1</translation>
     </message>
@@ -666,12 +689,12 @@ The tool will be closed</source>
         <translation>Не удаётся прочитать файл %1</translation>
     </message>
     <message>
-        <location line="+27"/>
+        <location line="+25"/>
         <source>The package is corrupted (near file %1)</source>
         <translation>Пакет повреждён (возле файла %1)</translation>
     </message>
     <message>
-        <location line="+7"/>
+        <location line="+8"/>
         <source>File %1 within the package cannot be read (%2)</source>
         <translation>Не удаётся прочитать файл %1 из пакета (%2)</translation>
     </message>
@@ -766,7 +789,7 @@ The tool will be closed</source>
         <translation>Продолжение без проверки контрольной суммы для %1 по запросу пользователя</translation>
     </message>
     <message>
-        <location filename="../../flasher/scatterwriter.cpp" line="+77"/>
+        <location filename="../../flasher/scatterwriter.cpp" line="+78"/>
         <source>Cannot write to %1: %2</source>
         <translation>Не удаётся записать в %1: %2</translation>
     </message>
@@ -794,7 +817,7 @@ The tool will be closed</source>
 <context>
     <name>ESPToolWorker</name>
     <message>
-        <location filename="../../worker/esptoolworker.cpp" line="+43"/>
+        <location filename="../../worker/esptoolworker.cpp" line="+46"/>
         <source>connect</source>
         <translation>подключение</translation>
     </message>
