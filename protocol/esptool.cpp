@@ -274,8 +274,13 @@ void ESPTool::sync()
 
     syncAnswered = false;
     int succeeded = -1;
+    // A refused synchronisation took no effect: it has no surplus answers either, and must not
+    // pass for the single answer of a running flash loader.
+    const auto accepted = [this] {
+        return response.size() >= headerSize + 2 && quint8(response.at(response.size() - 2)) == 0;
+    };
     for (int attempt = 0; attempt < syncAttempts; ++attempt) {
-        if (esp_command(ESP_SYNC, frame, true, syncTimeoutMs)) {
+        if (esp_command(ESP_SYNC, frame, true, syncTimeoutMs) && accepted()) {
             succeeded = attempt;
             break;
         }
