@@ -190,6 +190,9 @@ void ESPToolWorker::doConnect(const QVariantList &params)
         failed = true;
         emit error(reason);
     }
+    // Nothing may keep the port after a failed connect: another program, or the next try with
+    // other settings, must be able to open it.
+    tool->esp_disconnect();
     emit finished(false, Connect, {});
 }
 
