@@ -22,6 +22,7 @@
 #include <QFile>
 #include <QFileDialog>
 #include <QFileInfo>
+#include <QHash>
 #include <QInputDialog>
 #include <QMenu>
 #include <QMessageBox>
@@ -807,7 +808,7 @@ bool ESPFlasher::confirmReplacing(const QString &path)
 
 void ESPFlasher::startReading()
 {
-    if (!activeRowsFitChip())
+    if (!activeRowsFitChip() || !activeRowsHaveDistinctFiles())
         return;
     // Reading writes loose files only.
     close_pack();
@@ -921,6 +922,32 @@ bool ESPFlasher::activeRowsFitChip()
             !regionFitsChip(
                 FlashRegion(section.startAddress, section.endAddress - section.startAddress)))
             return false;
+    }
+    return true;
+}
+
+bool ESPFlasher::activeRowsHaveDistinctFiles()
+{
+    QHash<QString, int> rowOfFile; // file -> row number counted from 1; 0: the scatter file
+    rowOfFile.insert(QDir::cleanPath(QFileInfo(ui->scatterEdit->text()).absoluteFilePath()), 0);
+    for (int row = 0; row < ui->scatterTable->rowCount(); ++row) {
+        const ScatterSection section = scatterRow(row);
+        if (!section.hasCells || !section.active)
+            continue;
+        const QString file = QDir::cleanPath(resolveScatterPath(section.file));
+        const auto taken = rowOfFile.constFind(file);
+        if (taken == rowOfFile.constEnd()) {
+            rowOfFile.insert(file, row + 1);
+            continue;
+        }
+        log(LogColour::Error,
+            taken.value() == 0
+                ? tr("Section no. %1 would be read into the scatter file %2").arg(row + 1).arg(file)
+                : tr("Sections no. %1 and %2 would be read into the same file %3")
+                      .arg(taken.value())
+                      .arg(row + 1)
+                      .arg(file));
+        return false;
     }
     return true;
 }

@@ -165,6 +165,9 @@ private:
     // sent; so is a walk over a table with such an active row.
     bool regionFitsChip(const FlashRegion &region);
     bool activeRowsFitChip();
+    // Two regions read into one file would lose the first; nor may a region take the scatter
+    // file's name. Logs the clash and returns false.
+    bool activeRowsHaveDistinctFiles();
     void queueErase(const FlashRegion &region);
     bool expectedMd5ForRow(const ScatterSection &row, QString *md5);
     // An entry of the open package copied into a temporary file; a missing or unreadable one

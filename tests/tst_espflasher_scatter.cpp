@@ -91,6 +91,7 @@ private slots:
     void packageRoundTrip();
     void readAsksBeforeReplacing_data();
     void readAsksBeforeReplacing();
+    void readRefusesOneFileForTwoRegions();
 
 private:
     QTableWidget *table = nullptr;
@@ -410,6 +411,24 @@ void TestEspFlasherScatter::readAsksBeforeReplacing()
     QCOMPARE(log(), before);
     QCOMPARE(edit("scatterEdit")->text(), path("scatter.json"));
     QCOMPARE(rowCells(table, 0).last(), QStringLiteral("boot.bin"));
+}
+
+// Two regions composed with one file name: the second read would replace the first region's
+// file, so the read is refused before anything is sent.
+void TestEspFlasherScatter::readRefusesOneFileForTwoRegions()
+{
+    answerer->answerBox(QMessageBox::No); // not the loaded scatter as the template
+    answerer->answerFile(path("copy"));
+    answerer->expect("EspScatterWizard", [](QWidget *wizard) {
+        child<QPushButton>(wizard, "finishButton")->click(); // "Begin"
+        fillRegion(wizard, 0, "0x0", true, "4kb", "boot", "nextButton");
+        fillRegion(wizard, 1, "0x10000", true, "4kb", "boot", "finishButton");
+    });
+    QVERIFY(invoke("on_readTool_clicked"));
+    QCOMPARE(log().last(), line(red, "Sections no. 1 and 2 would be read into the same file " +
+                                         QDir::cleanPath(path("boot.img"))));
+    QVERIFY(!QFile::exists(path("boot.img")));
+    QVERIFY(!QFile::exists(path("copy.txt")));
 }
 
 QTEST_MAIN(TestEspFlasherScatter)

@@ -30,7 +30,7 @@
     </message>
     <message>
         <location line="+44"/>
-        <location filename="../../flasher/espflasher.cpp" line="+337"/>
+        <location filename="../../flasher/espflasher.cpp" line="+338"/>
         <location line="+34"/>
         <source>Connect</source>
         <translation>Подключить</translation>
@@ -230,13 +230,13 @@ The tool will be closed</source>
         <location line="+12"/>
         <location line="+9"/>
         <location line="+104"/>
-        <location line="+461"/>
+        <location line="+487"/>
         <location line="+10"/>
         <source>Flash Loader</source>
         <translation>Загрузчик флеш-памяти</translation>
     </message>
     <message>
-        <location line="-595"/>
+        <location line="-621"/>
         <location line="+125"/>
         <source>The device is busy. Please try again later.</source>
         <translation>Устройство занято. Повторите попытку позже.</translation>
@@ -292,7 +292,17 @@ The tool will be closed</source>
         <translation>Файл %1 уже существует. Заменить его?</translation>
     </message>
     <message>
-        <location line="+228"/>
+        <location line="+140"/>
+        <source>Section no. %1 would be read into the scatter file %2</source>
+        <translation>Секция № %1 была бы прочитана в файл разметки %2</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>Sections no. %1 and %2 would be read into the same file %3</source>
+        <translation>Секции № %1 и %2 были бы прочитаны в один и тот же файл %3</translation>
+    </message>
+    <message>
+        <location line="+113"/>
         <source>File %1 is not in the package</source>
         <translation>Файла %1 нет в пакете</translation>
     </message>
@@ -304,7 +314,7 @@ The tool will be closed</source>
         <translation>Не удаётся прочитать файл %1 (%2)</translation>
     </message>
     <message>
-        <location line="-465"/>
+        <location line="-491"/>
         <source>Invalid package</source>
         <translation>Недопустимый пакет</translation>
     </message>
@@ -356,12 +366,12 @@ The tool will be closed</source>
         <translation>Создать пакет для распространения?</translation>
     </message>
     <message>
-        <location line="+67"/>
+        <location line="+93"/>
         <source>Erase Flash Memory</source>
         <translation>Стирание флеш-памяти</translation>
     </message>
     <message>
-        <location line="-51"/>
+        <location line="-77"/>
         <source>Region [address:size]:</source>
         <translation>Область [адрес:размер]:</translation>
     </message>
@@ -371,7 +381,7 @@ The tool will be closed</source>
         <translation>Соединение с %1 потеряно</translation>
     </message>
     <message>
-        <location line="+626"/>
+        <location line="+652"/>
         <source>Verify Flash Memory Contents</source>
         <translation>Проверка содержимого флеш-памяти</translation>
     </message>
