@@ -13,11 +13,18 @@ VerifyOperation::VerifyOperation(const FlashRegion &region) : m_region(region) {
 bool VerifyOperation::begin(BoardContext &board)
 {
     if (!m_input) {
+        if (!m_region.fitsFlash(board.detectedFlashSize())) {
+            board.log(FlashPlan::Tone::Error, m_region.pastFlashMessage(board.detectedFlashSize()));
+            return false;
+        }
         m_rows = {ScatterSection()};
         return true;
     }
     QString error;
-    if (!m_input->validate(board.chipDescription(), &m_rows, &error)) {
+    if (!m_input->validate(
+            board.chipDescription(), board.detectedFlashSize(),
+            [&board](FlashPlan::Tone tone, const QString &text) { board.log(tone, text); }, &m_rows,
+            &error)) {
         board.log(FlashPlan::Tone::Error, error);
         return false;
     }
@@ -43,13 +50,17 @@ BoardOperation::Step VerifyOperation::nextRow(BoardContext &board, FlashPlan::Co
         const ScatterSection &row = m_rows.at(m_index);
         if (!row.hasCells || !row.active)
             continue;
-        QString error;
-        const std::unique_ptr<QIODevice> image = m_input->openRow(row, &error);
-        if (!image) {
-            board.log(FlashPlan::Tone::Error, error);
-            ++m_checked;
-            ++m_failures;
-            continue;
+        // Only a firmware row with a saved md5 needs its image: the header is patched on writing.
+        std::unique_ptr<QIODevice> image;
+        if (!row.md5.isEmpty() && !row.isApplication()) {
+            QString error;
+            image = m_input->openRow(row, &error);
+            if (!image) {
+                board.log(FlashPlan::Tone::Error, error);
+                ++m_checked;
+                ++m_failures;
+                continue;
+            }
         }
         QString expected;
         FlashPlan::Line line;

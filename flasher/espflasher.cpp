@@ -9,6 +9,7 @@
 #include "serial/qcomport.h"
 #include "widgets/flashtypeselector.h"
 #include "widgets/qautoclosemessagebox.h"
+#include "widgets/textbrowserscroll.h"
 #include "widgets/texthelpers.h"
 #include "wizard/espscatterwizard.h"
 #include "worker/esptoolworker.h"
@@ -16,18 +17,19 @@
 #include "ui_espflasher.h"
 
 #include <QAction>
-#include <QBuffer>
 #include <QDir>
 #include <QEventLoop>
 #include <QFile>
 #include <QFileDialog>
 #include <QFileInfo>
+#include <QHash>
 #include <QInputDialog>
 #include <QMenu>
 #include <QMessageBox>
 #include <QProgressDialog>
 #include <QSet>
 #include <QSettings>
+#include <QTemporaryFile>
 #include <QTextCursor>
 #include <QTimer>
 
@@ -107,6 +109,7 @@ ESPFlasher::ESPFlasher(RUN_MODE mode, QWidget *parent)
     connect(worker, &ESPToolWorker::error, this, &ESPFlasher::worker_error);
     connect(worker, &ESPToolWorker::progress, this, &ESPFlasher::worker_progress);
     connect(worker, &ESPToolWorker::finished, this, &ESPFlasher::worker_finished);
+    connect(worker, &ESPToolWorker::connectionLost, this, &ESPFlasher::worker_connectionLost);
     workerThread.start(QThread::InheritPriority);
 
     QMetaObject::invokeMethod(this, "on_comPortScanTool_clicked", Qt::DirectConnection);
@@ -281,11 +284,16 @@ void ESPFlasher::worker_finished(bool result, int command, const QVariantList &r
         break;
     case ESPToolWorker::EraseFlash:
         log(LogColour::Success, FlashPlan::finishedMessage(command));
+        if (pendingErase)
+            log(LogColour::Success, pendingErase->erasedMessage());
         if (!ui->scatterEdit->text().isEmpty())
             ui->flashTool->setEnabled(true);
         break;
     case ESPToolWorker::FlashMd5:
-        log(FlashPlan::md5Report(results));
+        if (FlashPlan::finalCheckIndex(results) >= 0)
+            finalCheckFinished(FlashPlan::finalCheckIndex(results), results);
+        else
+            log(FlashPlan::md5Report(results));
         break;
     default:
         log(LogColour::Notice, tr("Unknown command %1 finished").arg(command));
@@ -297,13 +305,52 @@ void ESPFlasher::commandFailed(int command)
 {
     if (stubWaitDialog)
         stubWaitDialog->cancel();
-    // Buttons disabled by the operation stay disabled and its state stays as it was.
     log(LogColour::Error, FlashPlan::failedOperationMessage(command));
+    // The worker fails every further command until the next connect.
+    returnToDisconnected();
     scheduleAutoClose(false, tr("UBoot operation failure."));
+}
+
+void ESPFlasher::worker_connectionLost(const QString &reason)
+{
+    // The port's own words ("Inappropriate ioctl for device" for a vanished terminal) tell a
+    // user nothing.
+    Q_UNUSED(reason)
+    if (!connectedToChip)
+        return;
+    log(LogColour::Error, tr("The connection to %1 was lost").arg(ui->comPortCombo->currentText()));
+    returnToDisconnected();
+    scheduleAutoClose(false, tr("Connection closed."));
+}
+
+void ESPFlasher::returnToDisconnected()
+{
+    connectedToChip = false;
+    stubLoaded = false;
+    close_zip_file();
+    // Nothing in work goes on: a late result of it must not restart a walk.
+    operation = OperationNone;
+    sectionIndex = -2;
+    finalChecked = -1;
+    ui->comPortCombo->setEnabled(true);
+    ui->comPortScanTool->setEnabled(true);
+    ui->baudRateCombo->setEnabled(true);
+    ui->comPortConnect->setText(tr("Connect"));
+    ui->comPortConnect->setEnabled(ui->comPortCombo->count() > 0);
+    // Disabled until a chip is identified again; the scatter stays loaded for that.
+    ui->infoGroup->setEnabled(false);
+    ui->loaderGroup->setEnabled(false);
+    ui->stubSelTool->setEnabled(true);
+    ui->flashTool->setEnabled(!ui->scatterEdit->text().isEmpty());
+    ui->readTool->setEnabled(!zip);
 }
 
 void ESPFlasher::connected()
 {
+    // A fresh connection talks to the ROM loader.
+    connectedToChip = true;
+    stubLoaded = false;
+    ui->stubSelTool->setEnabled(true);
     log(LogColour::Success,
         FlashPlan::finishedMessage(ESPToolWorker::Connect, ui->comPortCombo->currentText()));
     ui->comPortConnect->setText(tr("Disconnect"));
@@ -325,6 +372,7 @@ void ESPFlasher::disconnected()
     ui->comPortConnect->setText(tr("Connect"));
     ui->comPortConnect->setEnabled(true);
     stubLoaded = false;
+    connectedToChip = false;
     scheduleAutoClose(false, tr("Connection closed."));
 }
 
@@ -375,6 +423,11 @@ void ESPFlasher::scheduleAutoClose(bool success, const QString &message)
 
 void ESPFlasher::on_flashTool_clicked()
 {
+    if (!activeRowsFitChip())
+        return;
+    writtenSections.clear();
+    finalChecked = -1;
+    finalCheckFailures = 0;
     if (!startSectionWalk(OperationFlashing, &ESPFlasher::writeNextSection))
         scheduleAutoClose(false, tr("Cannot load the stub"));
 }
@@ -396,8 +449,9 @@ bool ESPFlasher::startLoadStub()
 {
     const QString stub = ui->stubEdit->text();
     QVariant source;
-    // A relative name with a package open is an entry; an absolute path is read from disk.
-    if (zip && QDir::isRelativePath(stub)) {
+    // With a package open the loader is its entry, whatever the name looks like: a package
+    // never makes the tool read a file on this computer.
+    if (zip) {
         if (packageFile) {
             QMessageBox::critical(this, tr("Flash Loader"),
                                   tr("The device is busy. Please try again later."),
@@ -405,9 +459,9 @@ bool ESPFlasher::startLoadStub()
             cancelStubWait();
             return false;
         }
-        QByteArray bytes;
-        const EspPackage::EntryStatus status = zip->readEntry(stub, &bytes);
-        if (status != EspPackage::EntryStatus::Ok) {
+        EspPackage::EntryStatus status = EspPackage::EntryStatus::Ok;
+        std::unique_ptr<QTemporaryFile> entry = zip->extractEntry(stub, &status);
+        if (!entry) {
             const QString text = status == EspPackage::EntryStatus::NotFound
                                      ? tr("The stub file %1 is not in the package").arg(stub)
                                      : tr("The stub file %1 cannot be read").arg(stub);
@@ -415,7 +469,7 @@ bool ESPFlasher::startLoadStub()
             cancelStubWait();
             return false;
         }
-        source = handOverPackageEntry(bytes, stub);
+        source = handOverPackageEntry(std::move(entry), stub);
     } else {
         const QString path = resolveScatterPath(stub);
         // An empty name resolves to the folder itself, which is no loader either.
@@ -512,8 +566,7 @@ void ESPFlasher::writeNextSection()
     if (sectionIndex < 0 || sectionIndex > rows)
         return;
     if (sectionIndex == rows) {
-        finishSectionWalk(FlashPlan::finishedFlashingMessage());
-        scheduleAutoClose(true, tr("Upgrade completed."));
+        checkNextWrittenSection();
         return;
     }
     if (skipInactiveSection(&ESPFlasher::writeNextSection))
@@ -530,12 +583,12 @@ void ESPFlasher::writeNextSection()
                                  QMessageBox::Ok);
             return;
         }
-        QByteArray bytes;
-        if (!readPackageEntry(file, &bytes)) {
+        std::unique_ptr<QTemporaryFile> entry = extractPackageEntry(file);
+        if (!entry) {
             scheduleAutoClose(false, tr("Invalid package"));
             return;
         }
-        source = handOverPackageEntry(bytes, file);
+        source = handOverPackageEntry(std::move(entry), file);
     } else {
         // A missing file fails in the worker.
         source = resolveScatterPath(file);
@@ -546,10 +599,69 @@ void ESPFlasher::writeNextSection()
 
 void ESPFlasher::sectionWritten(int command)
 {
+    // The expectation comes from the bytes just written: the package entry still in memory, or
+    // the file on disk.
+    const ScatterSection row = scatterRow(sectionIndex);
+    if (packageFile) {
+        writtenSections.append(FlashPlan::writtenSection(row, packageFile.get()));
+    } else {
+        QFile file(resolveScatterPath(row.file));
+        const bool opened = file.open(QIODevice::ReadOnly);
+        writtenSections.append(
+            FlashPlan::writtenSection(row, opened ? &file : nullptr, file.errorString()));
+    }
     close_zip_file();
     log(LogColour::Success, FlashPlan::writtenMessage(command));
     ++sectionIndex;
     writeNextSection();
+}
+
+void ESPFlasher::checkNextWrittenSection()
+{
+    if (finalChecked < 0) {
+        finalChecked = 0;
+        if (!writtenSections.isEmpty())
+            log(LogColour::Success, FlashPlan::finalCheckMessage());
+    }
+    // A section that cannot be checked is reported without asking the chip.
+    while (finalChecked < writtenSections.size() &&
+           !writtenSections.at(finalChecked).error.isEmpty()) {
+        bool matches = false;
+        log(FlashPlan::finalCheckReport(writtenSections.at(finalChecked), {}, &matches));
+        ++finalCheckFailures;
+        ++finalChecked;
+    }
+    if (finalChecked < writtenSections.size()) {
+        queueCommand(FlashPlan::finalCheckCommand(writtenSections.at(finalChecked), finalChecked));
+        return;
+    }
+    finishFlashing();
+}
+
+void ESPFlasher::finalCheckFinished(int index, const QVariantList &results)
+{
+    // A result of an earlier run's check has nothing to say about this one.
+    if (index != finalChecked || index >= writtenSections.size())
+        return;
+    bool matches = false;
+    log(FlashPlan::finalCheckReport(writtenSections.at(index), results, &matches));
+    if (!matches)
+        ++finalCheckFailures;
+    ++finalChecked;
+    checkNextWrittenSection();
+}
+
+void ESPFlasher::finishFlashing()
+{
+    if (finalCheckFailures == 0) {
+        finishSectionWalk(FlashPlan::finishedFlashingMessage());
+        scheduleAutoClose(true, tr("Upgrade completed."));
+        return;
+    }
+    log(LogColour::Error,
+        FlashPlan::finalCheckFailedMessage(finalCheckFailures, writtenSections.size()));
+    enableToolsAfterWalk();
+    scheduleAutoClose(false, tr("The flashed sections did not match at the end."));
 }
 
 void ESPFlasher::stubLoadFinished()
@@ -576,16 +688,13 @@ void ESPFlasher::stubLoadFinished()
     }
 }
 
-QVariant ESPFlasher::handOverPackageEntry(const QByteArray &bytes, const QString &name)
+QVariant ESPFlasher::handOverPackageEntry(std::unique_ptr<QIODevice> entry, const QString &name)
 {
-    // The worker reads a copy in memory, so its thread never touches the archive.
-    auto buffer = std::make_unique<QBuffer>(this);
-    buffer->setData(bytes);
-    buffer->open(QIODevice::ReadWrite);
+    // The worker reads a copy of the entry, so its thread never touches the archive.
     IODeviceDescriptor descriptor;
-    descriptor.device = buffer.get();
+    descriptor.device = entry.get();
     descriptor.description = name;
-    packageFile = std::move(buffer);
+    packageFile = std::move(entry);
     return QVariant::fromValue(descriptor);
 }
 
@@ -626,30 +735,25 @@ void ESPFlasher::on_readTool_clicked()
 
 bool ESPFlasher::useScatterAsTemplate(const QString &scatter)
 {
-    QString target = QFileDialog::getSaveFileName(
-        this, tr("Save As"), QFileInfo(scatter).absolutePath(), tr("Scatter files (*.txt)"));
+    const QString target = chooseScatterTarget(QFileInfo(scatter).absolutePath());
     if (target.isEmpty())
         return false;
-    target = withTxtSuffix(target);
-    QSettings().setValue(QLatin1String(scatterDirKey), QFileInfo(target).absolutePath());
 
-    // Reading must not overwrite files that are already there.
+    // Reading must not overwrite files that are already there: a taken name is replaced by one
+    // the user gives, which must be free too.
     const QDir targetDir = QFileInfo(target).absoluteDir();
     for (int row = 0; row < ui->scatterTable->rowCount(); ++row) {
         QTableWidgetItem *source = ui->scatterTable->item(row, SourceColumn);
-        if (!source)
-            continue;
-        const QString name = QFileInfo(source->text()).fileName();
-        if (!targetDir.exists(name))
-            continue;
-        bool accepted = false;
-        const QString other = QInputDialog::getText(
-            this, tr("Read Flash Memory"),
-            tr("File with the same name already exists. Please choose another name:"),
-            QLineEdit::Normal, name, &accepted);
-        if (!accepted || other.isEmpty())
-            return false;
-        source->setText(other);
+        while (source && targetDir.exists(source->text())) {
+            bool accepted = false;
+            const QString other = QInputDialog::getText(
+                this, tr("Read Flash Memory"),
+                tr("File with the same name already exists. Please choose another name:"),
+                QLineEdit::Normal, QFileInfo(source->text()).fileName(), &accepted);
+            if (!accepted || other.isEmpty())
+                return false;
+            source->setText(other);
+        }
     }
     ui->scatterEdit->setText(target);
     return true;
@@ -657,27 +761,55 @@ bool ESPFlasher::useScatterAsTemplate(const QString &scatter)
 
 bool ESPFlasher::composeScatter()
 {
-    QString target = QFileDialog::getSaveFileName(
-        this, tr("Save As"), QSettings().value(QLatin1String(scatterDirKey)).toString(),
-        tr("Scatter files (*.txt)"));
+    const QString target =
+        chooseScatterTarget(QSettings().value(QLatin1String(scatterDirKey)).toString());
     if (target.isEmpty())
         return false;
-    target = withTxtSuffix(target);
-    QSettings().setValue(QLatin1String(scatterDirKey), QFileInfo(target).absolutePath());
 
     EspScatterWizard wizard(this);
     if (wizard.exec() != QDialog::Accepted || wizard.scatter().isEmpty())
         return false;
-    // Not strict: the chip and the loader come from the dialog, the files do not exist yet.
     QJsonObject scatter = wizard.scatter();
+    const QDir targetDir = QFileInfo(target).absoluteDir();
+    for (const QJsonValue &section : scatter.value(QLatin1String("sections")).toArray()) {
+        const QString file = section.toObject().value(QLatin1String("file")).toString();
+        if (!confirmReplacing(targetDir.absoluteFilePath(file)))
+            return false;
+    }
+    // Not strict: the chip and the loader come from the dialog, the files do not exist yet.
     QString error;
     parseScatterObject(scatter, false, QFileInfo(), &error);
     ui->scatterEdit->setText(target);
     return true;
 }
 
+QString ESPFlasher::chooseScatterTarget(const QString &startDir)
+{
+    // The dialog's own overwrite question would see the name before ".txt" is added: the
+    // question is asked here, about the file that is replaced.
+    const QString chosen =
+        QFileDialog::getSaveFileName(this, tr("Save As"), startDir, tr("Scatter files (*.txt)"),
+                                     nullptr, QFileDialog::DontConfirmOverwrite);
+    if (chosen.isEmpty())
+        return QString();
+    const QString target = withTxtSuffix(chosen);
+    QSettings().setValue(QLatin1String(scatterDirKey), QFileInfo(target).absolutePath());
+    return confirmReplacing(target) ? target : QString();
+}
+
+bool ESPFlasher::confirmReplacing(const QString &path)
+{
+    if (!QFileInfo::exists(path))
+        return true;
+    return QMessageBox::question(
+               this, tr("Read Flash Memory"), tr("File %1 already exists. Replace it?").arg(path),
+               QMessageBox::Yes | QMessageBox::No, QMessageBox::No) == QMessageBox::Yes;
+}
+
 void ESPFlasher::startReading()
 {
+    if (!activeRowsFitChip() || !activeRowsHaveDistinctFiles())
+        return;
     // Reading writes loose files only.
     close_pack();
     ui->flashTool->setEnabled(false);
@@ -774,18 +906,72 @@ bool ESPFlasher::askRegion(const QString &title, const QString &preset, bool era
     return false;
 }
 
+bool ESPFlasher::regionFitsChip(const FlashRegion &region)
+{
+    if (region.fitsFlash(detectedFlashSize))
+        return true;
+    log(LogColour::Error, region.pastFlashMessage(detectedFlashSize));
+    return false;
+}
+
+bool ESPFlasher::activeRowsFitChip()
+{
+    for (int row = 0; row < ui->scatterTable->rowCount(); ++row) {
+        const ScatterSection section = scatterRow(row);
+        if (section.hasCells && section.active &&
+            !regionFitsChip(
+                FlashRegion(section.startAddress, section.endAddress - section.startAddress)))
+            return false;
+    }
+    return true;
+}
+
+bool ESPFlasher::activeRowsHaveDistinctFiles()
+{
+    QHash<QString, int> rowOfFile; // file -> row number counted from 1; 0: the scatter file
+    rowOfFile.insert(QDir::cleanPath(QFileInfo(ui->scatterEdit->text()).absoluteFilePath()), 0);
+    for (int row = 0; row < ui->scatterTable->rowCount(); ++row) {
+        const ScatterSection section = scatterRow(row);
+        if (!section.hasCells || !section.active)
+            continue;
+        const QString file = QDir::cleanPath(resolveScatterPath(section.file));
+        const auto taken = rowOfFile.constFind(file);
+        if (taken == rowOfFile.constEnd()) {
+            rowOfFile.insert(file, row + 1);
+            continue;
+        }
+        log(LogColour::Error,
+            taken.value() == 0
+                ? tr("Section no. %1 would be read into the scatter file %2").arg(row + 1).arg(file)
+                : tr("Sections no. %1 and %2 would be read into the same file %3")
+                      .arg(taken.value())
+                      .arg(row + 1)
+                      .arg(file));
+        return false;
+    }
+    return true;
+}
+
+void ESPFlasher::queueErase(const FlashRegion &region)
+{
+    pendingErase = std::make_unique<FlashRegion>(region);
+    // No announcement: the result lines say what was erased.
+    queueCommand(ESPToolWorker::EraseFlash, region.eraseParameters());
+}
+
 void ESPFlasher::on_eraseTool_clicked()
 {
     FlashRegion region;
-    // No announcement: the result line says that the flash was erased.
-    if (askRegion(tr("Erase Flash Memory"), QStringLiteral("0x911"), true, &region))
-        queueCommand(ESPToolWorker::EraseFlash, region.eraseParameters());
+    if (askRegion(tr("Erase Flash Memory"), QStringLiteral("0x911"), true, &region) &&
+        regionFitsChip(region))
+        queueErase(region);
 }
 
 void ESPFlasher::on_verifyTool_clicked()
 {
     FlashRegion region;
-    if (!askRegion(tr("Verify Flash Memory Contents"), QString(), false, &region))
+    if (!askRegion(tr("Verify Flash Memory Contents"), QString(), false, &region) ||
+        !regionFitsChip(region))
         return;
     log(LogColour::Success, region.md5RequestMessage());
     queueCommand(ESPToolWorker::FlashMd5, region.md5Parameters());
@@ -827,8 +1013,11 @@ void ESPFlasher::processEraseVerifyAction(QAction *action, int command)
         return;
     }
 
+    const FlashRegion region(start, end - start);
+    if (!regionFitsChip(region))
+        return;
     if (command != ESPToolWorker::FlashMd5) {
-        queueCommand(command, FlashRegion(start, end - start).eraseParameters());
+        queueErase(region);
         return;
     }
     ScatterSection section = scatterRow(row);
@@ -858,29 +1047,32 @@ bool ESPFlasher::expectedMd5ForRow(const ScatterSection &row, QString *md5)
     return true;
 }
 
-bool ESPFlasher::readPackageEntry(const QString &file, QByteArray *bytes)
+std::unique_ptr<QTemporaryFile> ESPFlasher::extractPackageEntry(const QString &file)
 {
-    const EspPackage::EntryStatus status = zip->readEntry(file, bytes);
-    if (status == EspPackage::EntryStatus::Ok)
-        return true;
-    const QString text = status == EspPackage::EntryStatus::NotFound
-                             ? tr("File %1 is not in the package").arg(file)
-                             : tr("File %1 cannot be read (%2)").arg(file).arg(zip->zipError());
+    EspPackage::EntryStatus status = EspPackage::EntryStatus::Ok;
+    std::unique_ptr<QTemporaryFile> entry = zip->extractEntry(file, &status);
+    if (entry)
+        return entry;
+    QString text;
+    switch (status) {
+    case EspPackage::EntryStatus::NotFound:
+        text = tr("File %1 is not in the package").arg(file);
+        break;
+    case EspPackage::EntryStatus::OutputFailed:
+        text = tr("File %1 cannot be read (%2)").arg(file, zip->outputError());
+        break;
+    default:
+        text = tr("File %1 cannot be read (%2)").arg(file).arg(zip->zipError());
+        break;
+    }
     QMessageBox::critical(this, tr("Flash Loader"), text, QMessageBox::Ok);
-    return false;
+    return nullptr;
 }
 
 std::unique_ptr<QIODevice> ESPFlasher::openSectionImage(const QString &file)
 {
-    if (zip) {
-        QByteArray bytes;
-        if (!readPackageEntry(file, &bytes))
-            return nullptr;
-        auto buffer = std::make_unique<QBuffer>();
-        buffer->setData(bytes);
-        buffer->open(QIODevice::ReadOnly);
-        return buffer;
-    }
+    if (zip)
+        return extractPackageEntry(file);
     auto image = std::make_unique<QFile>(resolveScatterPath(file));
     if (!image->open(QIODevice::ReadOnly)) {
         QMessageBox::critical(this, tr("Flash Loader"),
@@ -917,7 +1109,7 @@ bool ESPFlasher::on_scatterSelTool_clicked()
 bool ESPFlasher::loadScatter(const QString &path)
 {
     ScatterLoader loader;
-    if (!loader.load(path)) {
+    if (!loader.load(path, detectedFlashSize)) {
         clearScatterTable();
         QMessageBox::warning(this, tr("Select scatter file"), loader.error());
         return false;
@@ -966,6 +1158,7 @@ bool ESPFlasher::parseScatterObject(QJsonObject &scatter, bool strict, const QFi
                                     QString *error)
 {
     ScatterValidator validator(ui->chipIDField->text(), ui->stubEdit->text(), this);
+    validator.setDetectedFlashSize(detectedFlashSize);
     const bool valid = validator.parseScatterObject(scatter, strict, scatterFile, error);
     ui->stubEdit->setText(validator.loaderText());
     if (validator.tableRebuilt())
@@ -983,6 +1176,7 @@ bool ESPFlasher::parseScatterPack(const QJsonObject &scatter, QString *error)
         return false;
     }
     ScatterValidator validator(ui->chipIDField->text(), ui->stubEdit->text(), this);
+    validator.setDetectedFlashSize(detectedFlashSize);
     const bool valid = validator.parseScatterPack(scatter, *zip, error);
     ui->stubEdit->setText(validator.loaderText());
     if (validator.tableRebuilt())
@@ -1015,6 +1209,13 @@ bool ESPFlasher::confirmMissingChecksum(const QString &question, const QString &
     return QAutoCloseMessageBox::question(this, ScatterValidator::promptTitle(), question,
                                           QMessageBox::Yes | QMessageBox::No, QMessageBox::No,
                                           checksumQuestionTimeoutSeconds) == QMessageBox::Yes;
+}
+
+bool ESPFlasher::confirmFlashSize(const QString &question)
+{
+    return QMessageBox::question(this, ScatterValidator::promptTitle(), question,
+                                 QMessageBox::Yes | QMessageBox::No,
+                                 QMessageBox::No) == QMessageBox::Yes;
 }
 
 void ESPFlasher::notice(const QString &text)

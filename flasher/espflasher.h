@@ -1,9 +1,9 @@
 #pragma once
 
-#include "esputility_global.h"
-#include "flasher/flashplan.h"
-#include "flasher/scatterprompts.h"
-#include "flasher/scattersection.h"
+#include <esputility/esputility_global.h>
+#include <esputility/flashplan.h>
+#include <esputility/scatterprompts.h>
+#include <esputility/scattersection.h>
 
 #include <QDialog>
 #include <QJsonObject>
@@ -21,6 +21,7 @@ class QAction;
 class QFileInfo;
 class QIODevice;
 class QProgressDialog;
+class QTemporaryFile;
 class Ui_ESPFlasher;
 
 // The main window of the utility: connects to a board through the operation worker, loads
@@ -85,6 +86,7 @@ private slots:
     void worker_error(const QString &reason);
     void worker_progress(int total, int current);
     void worker_finished(bool result, int command, const QVariantList &results);
+    void worker_connectionLost(const QString &reason);
     void scatterTableHeaderClickHandler(int index);
     void eraseActionHandler();
     void md5ActionHandler();
@@ -101,6 +103,7 @@ private:
     QString chooseLoader() override;
     bool confirmMissingChecksum(const QString &question, const QString &path,
                                 const QString &md5) override;
+    bool confirmFlashSize(const QString &question) override;
     void notice(const QString &text) override;
 
     void log(LogColour colour, const QString &text);
@@ -112,6 +115,9 @@ private:
     void commandFailed(int command);
     void connected();
     void disconnected();
+    // After a failure or a lost port: the operation in work is dropped and the connection
+    // controls work again, so that the user can connect (again) without closing the dialog.
+    void returnToDisconnected();
     void chipIdentified(const QVariantList &results);
 
     // In the upgrade mode: shows the outcome in a box that closes itself, then closes the tool.
@@ -131,10 +137,20 @@ private:
     // Writes the row at sectionIndex, passing over unchecked rows; the last row ends the run.
     void writeNextSection();
     void sectionWritten(int command);
+    // After the last row every section written is compared with the flash once more; the run
+    // succeeds only when all still match.
+    void checkNextWrittenSection();
+    void finalCheckFinished(int index, const QVariantList &results);
+    void finishFlashing();
 
     // Reading flash into a scatter file.
     bool useScatterAsTemplate(const QString &scatter);
     bool composeScatter();
+    // The scatter file a read saves, with ".txt"; empty when cancelled or when the user keeps
+    // the file that is there.
+    QString chooseScatterTarget(const QString &startDir);
+    // Asks before a read replaces a file that is there; false when the user keeps it.
+    bool confirmReplacing(const QString &path);
     void startReading();
     void readNextSection();
     void sectionRead();
@@ -145,15 +161,24 @@ private:
     // Asks for an "address:size" region (for an erase also 0x911, the whole chip), after making
     // sure that the loader runs. False when cancelled or not usable (a format error is logged).
     bool askRegion(const QString &title, const QString &preset, bool erase, FlashRegion *region);
+    // A region past the end of the chip's flash is refused with a red line before anything is
+    // sent; so is a walk over a table with such an active row.
+    bool regionFitsChip(const FlashRegion &region);
+    bool activeRowsFitChip();
+    // Two regions read into one file would lose the first; nor may a region take the scatter
+    // file's name. Logs the clash and returns false.
+    bool activeRowsHaveDistinctFiles();
+    void queueErase(const FlashRegion &region);
     bool expectedMd5ForRow(const ScatterSection &row, QString *md5);
-    // Reads an entry of the open package; a missing or unreadable one is reported in a box.
-    bool readPackageEntry(const QString &file, QByteArray *bytes);
+    // An entry of the open package copied into a temporary file; a missing or unreadable one
+    // is reported in a box.
+    std::unique_ptr<QTemporaryFile> extractPackageEntry(const QString &file);
     std::unique_ptr<QIODevice> openSectionImage(const QString &file);
 
     void stubLoadFinished();
-    // A copy of a package entry in a buffer of the dialog, kept as packageFile until the
-    // worker has finished with it.
-    QVariant handOverPackageEntry(const QByteArray &bytes, const QString &name);
+    // A copy of a package entry for the worker, kept as packageFile until the worker has
+    // finished with it.
+    QVariant handOverPackageEntry(std::unique_ptr<QIODevice> entry, const QString &name);
     // A scatter file name as a path: relative names resolve against the scatter file's folder.
     QString resolveScatterPath(const QString &path) const;
     bool rowActive(int row) const;
@@ -173,13 +198,21 @@ private:
     QProgressDialog *stubWaitDialog = nullptr;
     // The open package; null while a loose scatter file (or nothing) is loaded.
     std::unique_ptr<EspPackage> zip;
-    // The package entry copied into memory for the worker; non-null while the worker uses it.
+    // The copy of a package entry handed to the worker; non-null while the worker uses it.
     std::unique_ptr<QIODevice> packageFile;
     bool stubLoaded = false;
     RUN_MODE runMode;
     qint32 operation = OperationFlashing;
+    // A connection to the chip is established (the connect command succeeded).
+    bool connectedToChip = false;
     // Scatter table row in work; -1 while the stub loads so that its result starts at row 0.
     qint32 sectionIndex = 0;
     // Flash size in bytes guessed from the chip's flash ID; 0 when unknown.
     quint32 detectedFlashSize = 0;
+    // What the running flash walk wrote, and how far the final check has come through it.
+    QVector<FlashPlan::WrittenSection> writtenSections;
+    int finalChecked = -1; // -1: the check has not started
+    int finalCheckFailures = 0;
+    // The region of the erase in work, for the line that says what it cleared.
+    std::unique_ptr<FlashRegion> pendingErase;
 };

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "esputility_global.h"
-#include "flasher/scattersection.h"
+#include <esputility/esputility_core_global.h>
+#include <esputility/scattersection.h>
 
 #include <QString>
 #include <QVariant>
@@ -13,7 +13,7 @@ class QIODevice;
 // The rules that turn scatter rows into worker commands and worker results into log lines,
 // shared by every front end that drives the worker (the dialog, the command line). Texts are
 // the dialog's own, translated in its context.
-class ESPUTILITY_EXPORT FlashPlan
+class ESPUTILITY_CORE_EXPORT FlashPlan
 {
 public:
     // The log's three colours: green, amber and red.
@@ -48,6 +48,36 @@ public:
                                 const QString &scatterFlashSize);
     // The success line of a write command ("Firmware has been successfully flashed." ...).
     static QString writtenMessage(int command);
+
+    // A section as it was written, for the check that ends a flash run: once every row is
+    // written, each section written is compared with the flash again, so that no later write
+    // can have damaged an earlier one unnoticed.
+    struct WrittenSection
+    {
+        QString file;
+        quint32 address = 0;
+        quint32 size = 0;
+        // What the chip must report: for firmware the image with its header patched to the row's
+        // options, for data the file's bytes (upper-case hexadecimal).
+        QString md5;
+        // Why the section cannot be checked; it then counts as not matching.
+        QString error;
+    };
+    // From the bytes just written (an open, seekable device; null when it could not be opened,
+    // with the reason in deviceError).
+    static WrittenSection writtenSection(const ScatterSection &row, QIODevice *data,
+                                         const QString &deviceError = QString());
+    // "Comparing the written sections with the flash once more".
+    static QString finalCheckMessage();
+    // "flash md5" of the section, tagged so that its result is told from any other.
+    static Command finalCheckCommand(const WrittenSection &section, int index);
+    // The index a finished "flash md5" was tagged with, or -1 when it was no final check.
+    static int finalCheckIndex(const QVariantList &results);
+    // The section's line: it still matches, it has changed, or it cannot be checked.
+    static Line finalCheckReport(const WrittenSection &section, const QVariantList &results,
+                                 bool *matches);
+    // The run's last line when some sections no longer match.
+    static QString finalCheckFailedMessage(int failed, int total);
 
     // "read data" of the row's region into path; the size travels as decimal text.
     static Command readCommand(const ScatterSection &row, const QString &path);

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "esputility_global.h"
+#include <esputility/esputility_core_global.h>
 
 #include <QString>
 #include <QVariantList>
@@ -8,7 +8,7 @@
 // A flash region as users type it: "address:size" with both numbers in the syntax of
 // parseUnsignedInteger, or, for an erase only, the single value 0x911 that stands for the whole
 // chip. The command line also takes "address-end" (end exclusive).
-class ESPUTILITY_EXPORT FlashRegion
+class ESPUTILITY_CORE_EXPORT FlashRegion
 {
 public:
     enum class Parse {
@@ -27,6 +27,17 @@ public:
 
     // One past the last byte, in 32-bit arithmetic like the addresses themselves.
     quint32 end() const { return address + size; }
+
+    // False when the region runs past a flash memory of flashSize bytes; a flash of unknown
+    // size (0) and the whole chip always fit.
+    bool fitsFlash(quint32 flashSize) const;
+    // "Region [0x%1:0x%2] runs past the end of the flash memory (%3)" (end exclusive).
+    QString pastFlashMessage(quint32 flashSize) const;
+    // What an erase of this region clears: whole sectors, the start rounded down to one and the
+    // end rounded up.
+    FlashRegion erasedSectors() const;
+    // The line after an erase: "Erased sectors [0x%1:0x%2]", or that the whole chip was erased.
+    QString erasedMessage() const;
 
     // "address:size": the text is split at every colon and the first two parts are trimmed;
     // further parts are ignored.

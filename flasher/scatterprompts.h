@@ -1,13 +1,13 @@
 #pragma once
 
-#include "esputility_global.h"
+#include <esputility/esputility_core_global.h>
 
 #include <QString>
 
 // The questions a scatter validation may need answered, in the order it asks them. The dialog
 // answers with message boxes and its log; the command line with flags. Every question text
 // arrives already built and translated, so no caller words them again.
-class ESPUTILITY_EXPORT ScatterPrompts
+class ESPUTILITY_CORE_EXPORT ScatterPrompts
 {
 public:
     virtual ~ScatterPrompts();
@@ -21,6 +21,9 @@ public:
     // The dialog asks with a 10-second auto-closing box; its time-out counts as No.
     virtual bool confirmMissingChecksum(const QString &question, const QString &path,
                                         const QString &md5) = 0;
+    // A firmware section is set for a bigger flash than the chip's: Yes flashes it all the same.
+    // Default answer: No.
+    virtual bool confirmFlashSize(const QString &question) = 0;
     // Amber log lines (skipped sections, accepted missing checksums), already translated.
     virtual void notice(const QString &text) = 0;
 };

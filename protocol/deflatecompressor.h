@@ -1,6 +1,6 @@
 #pragma once
 
-#include "esputility_global.h"
+#include <esputility/esputility_core_global.h>
 
 #include <QByteArray>
 
@@ -9,7 +9,7 @@
 // before it as its dictionary and ended on a byte boundary, so that the pieces join into one
 // stream that any inflater takes. Smaller pieces also let the coding adapt more often, which
 // costs next to nothing in size.
-class ESPUTILITY_EXPORT DeflateCompressor
+class ESPUTILITY_CORE_EXPORT DeflateCompressor
 {
 public:
     static constexpr int pieceSize = 0x10000; // bytes of input per piece

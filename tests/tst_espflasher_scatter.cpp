@@ -43,6 +43,12 @@ QByteArray zipBytes(const ZipEntries &entries, const QString &passwordOf = descr
     return file.readAll();
 }
 
+QByteArray readFile(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("missing");
+}
+
 // "text=row" per action of a tool's menu.
 QStringList menuEntries(QWidget *flasher, const char *tool)
 {
@@ -83,6 +89,9 @@ private slots:
     void skippedSectionInTheMiddle();
     void packageRoundTrip_data();
     void packageRoundTrip();
+    void readAsksBeforeReplacing_data();
+    void readAsksBeforeReplacing();
+    void readRefusesOneFileForTwoRegions();
 
 private:
     QTableWidget *table = nullptr;
@@ -167,6 +176,23 @@ void TestEspFlasherScatter::loadOutcomes_data()
         line(amber, "Proceeding without checksum verification for %1 as per users request"));
     // No is also what the countdown presses (the question's default, shown above).
     row("md5 missing, No", noMd5, "No", md5Question, "No saved checksum for {dir}/app.bin", "");
+    // The chip of chipInfo() has 4 MB of flash.
+    const QByteArray eightMegabytes =
+        scatterBytes({section("firmware", "0x0", "boot.bin", md5Hex(boot), "qio", "8MB")});
+    const QString sizeQuestion = "Firmware boot.bin is set for a flash memory size of 8MB, but "
+                                 "the chip has 4Mb. Flash it anyway?|&No";
+    row("bigger flash size, Yes", eightMegabytes, "Yes", sizeQuestion, "",
+        line(green, "Retrieved chip info"));
+    row("bigger flash size, No", eightMegabytes, "No", sizeQuestion,
+        "Firmware boot.bin is set for a flash memory size of 8MB, larger than the chip's 4Mb", "");
+    refused("overlapping sections",
+            scatterBytes({section("firmware", "0x0", "boot.bin", md5Hex(boot), "qio"),
+                          section("application", "0x800", "app.bin", md5Hex(app))}),
+            "Sections boot.bin [0x00000000:0x00000c00] and app.bin [0x00000800:0x00001400] "
+            "overlap");
+    refused("unknown flash mode",
+            scatterBytes({section("firmware", "0x0", "boot.bin", md5Hex(boot), "xyz")}),
+            "Firmware boot.bin has invalid flash options (mode xyz, size 4MB, frequency 40m)");
 
     const QString loader = EspPackage::stubEntryName;
     const auto package = [&](const QString &md5) {
@@ -187,6 +213,17 @@ void TestEspFlasherScatter::loadOutcomes_data()
                 " does not match the computed one " + md5Hex(app) + " for file app.bin)");
     refused("package: loader missing", zipBytes(good.mid(1)),
             invalid + "The mandatory flash loader file is missing");
+    // The chip's flash (4 MB, and room for the loader and the scatter file) caps what a
+    // package may unpack to.
+    ZipEntries large = good;
+    large.insert(2, {"large.bin", QByteArray(6 * 1024 * 1024, '\0')});
+    qint64 total = 0;
+    for (const auto &entry : large)
+        total += entry.second.size();
+    refused("package: larger than the flash", zipBytes(large),
+            QString("Package {dir}/bad.zip unpacks to %1 bytes, more than the flash memory can "
+                    "hold (6291456 bytes)")
+                .arg(total));
 }
 
 // A scatter file or package over the loaded one: loaded after questions, or refused with a box.
@@ -315,15 +352,83 @@ void TestEspFlasherScatter::packageRoundTrip()
     find<QToolButton>("zipTool")->click();
     QCOMPARE(log().last(), line(amber, "The operation is not supported"));
 
-    // The loader is an entry of the package, or a file when its path is absolute.
-    edit("stubEdit")->setText("elsewhere.elf");
-    answerer->answerBox(QMessageBox::Ok);
-    QVERIFY(invoke("on_flashTool_clicked"));
-    QCOMPARE(answerer->last().text,
-             QStringLiteral("Flash Loader|The stub file elsewhere.elf is not in the package"));
-    edit("stubEdit")->setText(path("stub.elf"));
-    QVERIFY(invoke("on_flashTool_clicked"));
-    QCOMPARE(log().last(), line(green, "Start loading stub from " + path("stub.elf")));
+    // The loader is an entry of the package, even when its name is an absolute path.
+    for (const QString &name : {QString("elsewhere.elf"), path("stub.elf")}) {
+        edit("stubEdit")->setText(name);
+        answerer->answerBox(QMessageBox::Ok);
+        QVERIFY(invoke("on_flashTool_clicked"));
+        QCOMPARE(answerer->last().text,
+                 "Flash Loader|The stub file " + name + " is not in the package");
+    }
+    QCOMPARE(log().last(), line(amber, "The operation is not supported"));
+}
+
+void TestEspFlasherScatter::readAsksBeforeReplacing_data()
+{
+    QTest::addColumn<bool>(
+        "fromTemplate");                // the loaded scatter file as the template, or the wizard
+    QTest::addColumn<QString>("typed"); // in the Save As dialog
+    QTest::addColumn<QString>("there"); // the file that is there already
+    QTest::addColumn<QString>("asked"); // the question about it; the user says No or cancels
+
+    const QString replace = "Read Flash Memory|File %1 already exists. Replace it?";
+    // The name is typed without its suffix: the file that is replaced is the one with ".txt".
+    QTest::newRow("template: scatter file") << true << "copy"
+                                            << "copy.txt" << replace;
+    QTest::newRow("template: region in a sub-folder")
+        << true << "out/copy.txt"
+        << "out/images/small.bin"
+        << "Read Flash Memory|File with the same name already exists. Please choose another name:";
+    QTest::newRow("wizard: scatter file") << false << "copy"
+                                          << "copy.txt" << replace;
+    QTest::newRow("wizard: region file") << false << "copy"
+                                         << "boot.img" << replace;
+}
+
+// Before a read replaces a file, the dialog asks, in every read flow; keeping the file
+// abandons the read before anything is sent, and the loaded scatter stays loaded.
+void TestEspFlasherScatter::readAsksBeforeReplacing()
+{
+    QFETCH(bool, fromTemplate);
+    QFETCH(QString, typed);
+    QFETCH(QString, there);
+    QFETCH(QString, asked);
+    const QString kept = writeTestFile(dir->path(), there, "keep me");
+    answerer->answerBox(fromTemplate ? QMessageBox::Yes : QMessageBox::No);
+    answerer->answerFile(path(typed));
+    if (!fromTemplate && there == "boot.img") {
+        answerer->expect("EspScatterWizard", [](QWidget *wizard) {
+            child<QPushButton>(wizard, "finishButton")->click(); // "Begin"
+            fillRegion(wizard, 0, "0x0", true, "4kb", "boot", "finishButton");
+        });
+    }
+    asked.startsWith("Read Flash Memory|File %1") ? answerer->answerBox(QMessageBox::No)
+                                                  : answerer->answerInput(QString());
+    const QStringList before = log();
+    QVERIFY(invoke("on_readTool_clicked"));
+    QCOMPARE(answerer->last().text, asked.arg(kept));
+    QCOMPARE(readFile(kept), QByteArray("keep me"));
+    QCOMPARE(log(), before);
+    QCOMPARE(edit("scatterEdit")->text(), path("scatter.json"));
+    QCOMPARE(rowCells(table, 0).last(), QStringLiteral("boot.bin"));
+}
+
+// Two regions composed with one file name: the second read would replace the first region's
+// file, so the read is refused before anything is sent.
+void TestEspFlasherScatter::readRefusesOneFileForTwoRegions()
+{
+    answerer->answerBox(QMessageBox::No); // not the loaded scatter as the template
+    answerer->answerFile(path("copy"));
+    answerer->expect("EspScatterWizard", [](QWidget *wizard) {
+        child<QPushButton>(wizard, "finishButton")->click(); // "Begin"
+        fillRegion(wizard, 0, "0x0", true, "4kb", "boot", "nextButton");
+        fillRegion(wizard, 1, "0x10000", true, "4kb", "boot", "finishButton");
+    });
+    QVERIFY(invoke("on_readTool_clicked"));
+    QCOMPARE(log().last(), line(red, "Sections no. 1 and 2 would be read into the same file " +
+                                         QDir::cleanPath(path("boot.img"))));
+    QVERIFY(!QFile::exists(path("boot.img")));
+    QVERIFY(!QFile::exists(path("copy.txt")));
 }
 
 QTEST_MAIN(TestEspFlasherScatter)

@@ -3,8 +3,10 @@
 #include "image/espimageparser.h"
 #include "protocol/esptool.h"
 #include "widgets/texthelpers.h"
+#include "worker/digestingwriter.h"
 
-#include <QFile>
+#include <QFileInfo>
+#include <QSaveFile>
 
 namespace {
 
@@ -34,6 +36,7 @@ ESPToolWorker::ESPToolWorker(QObject *parent) : QObject(parent), tool(new ESPToo
     connect(tool, &ESPTool::operationError, this, &ESPToolWorker::tool_op_error);
     connect(tool, &ESPTool::operationProgress, this, &ESPToolWorker::progress);
     connect(tool, &ESPTool::notice, this, &ESPToolWorker::notice);
+    connect(tool, &ESPTool::connectionLost, this, &ESPToolWorker::tool_connection_lost);
 }
 
 QString ESPToolWorker::operationName(int cmd)
@@ -136,6 +139,12 @@ void ESPToolWorker::tool_op_error(int code, const QString &descr)
     report(QStringLiteral("esptool failed: %1 (%2)").arg(descr).arg(code));
 }
 
+void ESPToolWorker::tool_connection_lost(const QString &reason)
+{
+    if (!busy)
+        emit connectionLost(reason);
+}
+
 void ESPToolWorker::doConnect(const QVariantList &params)
 {
     const bool withOptions = params.size() == 2 && params.at(1).canConvert<QVariantMap>();
@@ -181,6 +190,9 @@ void ESPToolWorker::doConnect(const QVariantList &params)
         failed = true;
         emit error(reason);
     }
+    // Nothing may keep the port after a failed connect: another program, or the next try with
+    // other settings, must be able to open it.
+    tool->esp_disconnect();
     emit finished(false, Connect, {});
 }
 
@@ -303,28 +315,52 @@ void ESPToolWorker::doReadData(const QVariantList &params)
         return;
     }
     const QString path = params.at(0).toString();
-    QFile file(path);
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
-        emit error(QStringLiteral("Invalid parameters: cannot write to %1 (%2)")
+    // The flash goes into a temporary file beside the target, which replaces the target only
+    // once the chip's digest confirmed it: a failed read leaves a previous file as it was.
+    QSaveFile file(path);
+    file.setDirectWriteFallback(false);
+    const QFileInfo existing(path);
+    // A device or pipe would be replaced by a plain file.
+    const bool special = existing.exists() && !existing.isFile();
+    // Unbuffered: a write that fails says so at once, with the system's reason.
+    if (special || !file.open(QIODevice::WriteOnly | QIODevice::Unbuffered)) {
+        emit error(
+            QStringLiteral("Invalid parameters: cannot write to %1 (%2)")
+                .arg(path, special ? QStringLiteral("not a regular file") : file.errorString()));
+        emit finished(false, ReadData, {});
+        return;
+    }
+    DigestingWriter received(&file);
+    received.open(QIODevice::WriteOnly);
+    QByteArray chipDigest;
+    tool->read_flash(params.at(1).toUInt(), params.at(2).toUInt(), &received, &chipDigest);
+
+    if (!received.writeError().isEmpty()) {
+        file.cancelWriting();
+        emit error(QStringLiteral("Error reading data: cannot save %1 (%2)")
+                       .arg(path, received.writeError()));
+        emit finished(false, ReadData, {});
+        return;
+    }
+    if (chipDigest.isEmpty() || chipDigest != received.md5()) {
+        file.cancelWriting();
+        emit error(
+            QStringLiteral("Error reading data: MD5 digest did not match the received data"));
+        emit finished(false, ReadData, {});
+        return;
+    }
+    if (failed) {
+        file.cancelWriting();
+        emit finished(false, ReadData, {});
+        return;
+    }
+    if (!file.commit()) {
+        emit error(QStringLiteral("Error reading data: cannot save %1 (%2)")
                        .arg(path, file.errorString()));
         emit finished(false, ReadData, {});
         return;
     }
-    QByteArray chipDigest;
-    tool->read_flash(params.at(1).toUInt(), params.at(2).toUInt(), &file, &chipDigest);
-    file.flush();
-    file.close();
-    QByteArray fileDigest;
-    if (file.open(QIODevice::ReadOnly))
-        fileDigest = ESPTool::get_md5(&file);
-
-    QVariantList results;
-    if (chipDigest.size() == fileDigest.size() && chipDigest == fileDigest)
-        results << chipDigest;
-    else
-        emit error(
-            QStringLiteral("Error reading data: MD5 digest did not match the received data"));
-    emit finished(!failed, ReadData, results);
+    emit finished(true, ReadData, {chipDigest});
 }
 
 void ESPToolWorker::doEraseFlash(const QVariantList &params)

@@ -30,7 +30,8 @@
     </message>
     <message>
         <location line="+44"/>
-        <location filename="../../flasher/espflasher.cpp" line="+325"/>
+        <location filename="../../flasher/espflasher.cpp" line="+338"/>
+        <location line="+34"/>
         <source>Connect</source>
         <translation>Подключить</translation>
     </message>
@@ -142,7 +143,7 @@ To erase the entire flash, input 0x911 when asked to select the address/size.</s
         <translation>Журнал</translation>
     </message>
     <message>
-        <location filename="../../flasher/espflasher.cpp" line="-135"/>
+        <location filename="../../flasher/espflasher.cpp" line="-179"/>
         <source>Connecting to %1</source>
         <translation>Подключение к %1</translation>
     </message>
@@ -157,12 +158,12 @@ To erase the entire flash, input 0x911 when asked to select the address/size.</s
         <translation>Порт %1:</translation>
     </message>
     <message>
-        <location filename="../../flasher/flashplan.cpp" line="+239"/>
+        <location filename="../../flasher/flashplan.cpp" line="+331"/>
         <source>Flasher error: </source>
         <translation>Ошибка прошивки: </translation>
     </message>
     <message>
-        <location filename="../../flasher/espflasher.cpp" line="+77"/>
+        <location filename="../../flasher/espflasher.cpp" line="+82"/>
         <source>Unknown command %1 finished</source>
         <translation>Завершилась неизвестная команда %1</translation>
     </message>
@@ -172,7 +173,7 @@ To erase the entire flash, input 0x911 when asked to select the address/size.</s
         <translation>Операция UBoot %1 (%2) завершилась с ошибкой</translation>
     </message>
     <message>
-        <location filename="../../flasher/espflasher.cpp" line="+11"/>
+        <location filename="../../flasher/espflasher.cpp" line="+12"/>
         <source>UBoot operation failure.</source>
         <translation>Сбой операции UBoot.</translation>
     </message>
@@ -182,7 +183,7 @@ To erase the entire flash, input 0x911 when asked to select the address/size.</s
         <translation>Установлено подключение к ESP UBoot через %1</translation>
     </message>
     <message>
-        <location filename="../../flasher/espflasher.cpp" line="+7"/>
+        <location filename="../../flasher/espflasher.cpp" line="+45"/>
         <source>Disconnect</source>
         <translation>Отключить</translation>
     </message>
@@ -192,7 +193,8 @@ To erase the entire flash, input 0x911 when asked to select the address/size.</s
         <translation>Соединение с %1 закрыто</translation>
     </message>
     <message>
-        <location filename="../../flasher/espflasher.cpp" line="+19"/>
+        <location filename="../../flasher/espflasher.cpp" line="-33"/>
+        <location line="+53"/>
         <source>Connection closed.</source>
         <translation>Соединение закрыто.</translation>
     </message>
@@ -219,29 +221,28 @@ The tool will be closed</source>
 Программа будет закрыта</translation>
     </message>
     <message>
-        <location line="+26"/>
+        <location line="+23"/>
         <source>Cannot load the stub</source>
         <translation>Не удалось загрузить загрузчик</translation>
     </message>
     <message>
-        <location line="+10"/>
+        <location line="+24"/>
         <location line="+12"/>
         <location line="+9"/>
-        <location line="+88"/>
-        <location line="+12"/>
-        <location line="+360"/>
+        <location line="+104"/>
+        <location line="+487"/>
         <location line="+10"/>
         <source>Flash Loader</source>
         <translation>Загрузчик флеш-памяти</translation>
     </message>
     <message>
-        <location line="-490"/>
-        <location line="+109"/>
+        <location line="-621"/>
+        <location line="+125"/>
         <source>The device is busy. Please try again later.</source>
         <translation>Устройство занято. Повторите попытку позже.</translation>
     </message>
     <message>
-        <location line="-100"/>
+        <location line="-116"/>
         <source>The stub file %1 is not in the package</source>
         <translation>Файла загрузчика %1 нет в пакете</translation>
     </message>
@@ -276,30 +277,49 @@ The tool will be closed</source>
         <translation>Загрузчик не загрузился</translation>
     </message>
     <message>
-        <location line="+21"/>
+        <location line="+133"/>
         <source>Upgrade completed.</source>
         <translation>Обновление завершено.</translation>
     </message>
     <message>
-        <location line="+29"/>
-        <location line="+360"/>
+        <location line="+6"/>
+        <source>The flashed sections did not match at the end.</source>
+        <translation>Записанные разделы в конце не совпали с флеш-памятью.</translation>
+    </message>
+    <message>
+        <location line="+141"/>
+        <source>File %1 already exists. Replace it?</source>
+        <translation>Файл %1 уже существует. Заменить его?</translation>
+    </message>
+    <message>
+        <location line="+140"/>
+        <source>Section no. %1 would be read into the scatter file %2</source>
+        <translation>Секция № %1 была бы прочитана в файл разметки %2</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>Sections no. %1 and %2 would be read into the same file %3</source>
+        <translation>Секции № %1 и %2 были бы прочитаны в один и тот же файл %3</translation>
+    </message>
+    <message>
+        <location line="+113"/>
         <source>File %1 is not in the package</source>
         <translation>Файла %1 нет в пакете</translation>
     </message>
     <message>
-        <location line="-359"/>
-        <location line="+360"/>
-        <location line="+12"/>
+        <location line="+3"/>
+        <location line="+3"/>
+        <location line="+14"/>
         <source>File %1 cannot be read (%2)</source>
         <translation>Не удаётся прочитать файл %1 (%2)</translation>
     </message>
     <message>
-        <location line="-370"/>
+        <location line="-491"/>
         <source>Invalid package</source>
         <translation>Недопустимый пакет</translation>
     </message>
     <message>
-        <location line="+82"/>
+        <location line="+138"/>
         <source>Scatter File</source>
         <translation>Файл разметки</translation>
     </message>
@@ -309,29 +329,28 @@ The tool will be closed</source>
         <translation>Файл разметки уже загружен. Использовать его как шаблон?</translation>
     </message>
     <message>
-        <location line="+13"/>
-        <location line="+31"/>
+        <location line="+65"/>
         <source>Save As</source>
         <translation>Сохранить как</translation>
     </message>
     <message>
-        <location line="-31"/>
-        <location line="+32"/>
+        <location line="+0"/>
         <source>Scatter files (*.txt)</source>
         <translation>Файлы разметки (*.txt)</translation>
     </message>
     <message>
-        <location line="-15"/>
+        <location line="-41"/>
+        <location line="+55"/>
         <source>Read Flash Memory</source>
         <translation>Чтение флеш-памяти</translation>
     </message>
     <message>
-        <location line="+1"/>
+        <location line="-54"/>
         <source>File with the same name already exists. Please choose another name:</source>
         <translation>Файл с таким именем уже существует. Выберите другое имя:</translation>
     </message>
     <message>
-        <location line="+93"/>
+        <location line="+107"/>
         <location line="+14"/>
         <source>Save Scatter</source>
         <translation>Сохранение разметки</translation>
@@ -347,23 +366,27 @@ The tool will be closed</source>
         <translation>Создать пакет для распространения?</translation>
     </message>
     <message>
-        <location line="+16"/>
+        <location line="+93"/>
         <source>Erase Flash Memory</source>
         <translation>Стирание флеш-памяти</translation>
     </message>
     <message>
-        <location line="+0"/>
-        <location line="+27"/>
+        <location line="-77"/>
         <source>Region [address:size]:</source>
         <translation>Область [адрес:размер]:</translation>
     </message>
     <message>
-        <location line="-1"/>
+        <location line="-567"/>
+        <source>The connection to %1 was lost</source>
+        <translation>Соединение с %1 потеряно</translation>
+    </message>
+    <message>
+        <location line="+652"/>
         <source>Verify Flash Memory Contents</source>
         <translation>Проверка содержимого флеш-памяти</translation>
     </message>
     <message>
-        <location line="+45"/>
+        <location line="+32"/>
         <source>Start address %1 of the section no. %2 is invalid</source>
         <translation>Начальный адрес %1 секции № %2 недопустим</translation>
     </message>
@@ -373,7 +396,7 @@ The tool will be closed</source>
         <translation>Конечный адрес %1 секции № %2 недопустим</translation>
     </message>
     <message>
-        <location line="+73"/>
+        <location line="+84"/>
         <location line="+18"/>
         <location line="+22"/>
         <source>Select scatter file</source>
@@ -395,12 +418,12 @@ The tool will be closed</source>
         <translation>Файлы ELF (*.elf)</translation>
     </message>
     <message>
-        <location line="+22"/>
+        <location line="+23"/>
         <source>No package is open</source>
         <translation>Пакет не открыт</translation>
     </message>
     <message>
-        <location line="+138"/>
+        <location line="+146"/>
         <source>Erase %1 region</source>
         <translation>Стереть область %1</translation>
     </message>
@@ -410,7 +433,7 @@ The tool will be closed</source>
         <translation>Проверить область %1</translation>
     </message>
     <message>
-        <location filename="../../flasher/flashplan.cpp" line="-196"/>
+        <location filename="../../flasher/flashplan.cpp" line="-283"/>
         <source>Start loading stub from %1</source>
         <translation>Загрузка загрузчика из %1</translation>
     </message>
@@ -445,7 +468,37 @@ The tool will be closed</source>
         <translation>Прошивка успешно записана.</translation>
     </message>
     <message>
+        <location line="+24"/>
+        <source>the file is no firmware image any more</source>
+        <translation>файл больше не является образом прошивки</translation>
+    </message>
+    <message>
         <location line="+11"/>
+        <source>Comparing the written sections with the flash once more</source>
+        <translation>Повторное сравнение записанных разделов с флеш-памятью</translation>
+    </message>
+    <message>
+        <location line="+29"/>
+        <source>%1 at 0x%2 cannot be checked: %3</source>
+        <translation>%1 по адресу 0x%2 невозможно проверить: %3</translation>
+    </message>
+    <message>
+        <location line="+5"/>
+        <source>%1 at 0x%2 still matches (MD5: %3)</source>
+        <translation>%1 по адресу 0x%2 по-прежнему совпадает (MD5: %3)</translation>
+    </message>
+    <message>
+        <location line="+4"/>
+        <source>%1 at 0x%2 has changed since it was written (MD5: %3 instead of %4)</source>
+        <translation>%1 по адресу 0x%2 изменился после записи (MD5: %3 вместо %4)</translation>
+    </message>
+    <message>
+        <location line="+10"/>
+        <source>The flash run failed: %1 of %2 written section(s) no longer match</source>
+        <translation>Прошивка не удалась: %1 из %2 записанных разделов больше не совпадают</translation>
+    </message>
+    <message>
+        <location line="+15"/>
         <source>Start reading %1 from region [0x%2:0x%3]</source>
         <translation>Чтение %1 из области [0x%2:0x%3]</translation>
     </message>
@@ -541,34 +594,47 @@ The tool will be closed</source>
         <translation>Удалить байты FF в конце образов приложений для экономии места?</translation>
     </message>
     <message>
-        <location filename="../../flasher/esppackagewriter.cpp" line="+66"/>
+        <location filename="../../flasher/esppackagewriter.cpp" line="+34"/>
+        <source>Package %1 would replace its source file %2</source>
+        <translation>Пакет %1 заменил бы собственный исходный файл %2</translation>
+    </message>
+    <message>
+        <location line="+45"/>
         <source>No package is open for writing</source>
         <translation>Нет пакета, открытого для записи</translation>
     </message>
     <message>
-        <location line="+14"/>
-        <location line="+176"/>
+        <location line="+28"/>
         <source>File %1 is not writable: %2</source>
         <translation>Файл %1 недоступен для записи: %2</translation>
     </message>
     <message>
-        <location line="-130"/>
+        <location line="+61"/>
         <source>Stub file could not be copied: %1</source>
         <translation>Не удалось скопировать файл загрузчика: %1</translation>
     </message>
     <message>
-        <location line="+62"/>
-        <location line="+54"/>
+        <location line="+85"/>
         <source>File %1 could not be copied: %2</source>
         <translation>Не удалось скопировать файл %1: %2</translation>
     </message>
     <message>
-        <location line="-30"/>
+        <location line="+7"/>
+        <source>Section file %1 cannot be packed: the package keeps its own %2 under that name</source>
+        <translation>Файл раздела %1 нельзя упаковать: под этим именем пакет хранит собственный %2</translation>
+    </message>
+    <message>
+        <location line="+7"/>
+        <source>Section files %1 and %2 would both be stored as %3</source>
+        <translation>Файлы разделов %1 и %2 были бы оба сохранены как %3</translation>
+    </message>
+    <message>
+        <location line="+28"/>
         <source>Saved %1 bytes from %2 (removed trailing FF&apos;s)</source>
         <translation>Сэкономлено байт: %1 в %2 (удалены конечные FF)</translation>
     </message>
     <message>
-        <location line="+47"/>
+        <location line="+49"/>
         <source>Created zip package in %1</source>
         <translation>Создан ZIP-пакет %1</translation>
     </message>
@@ -578,17 +644,22 @@ The tool will be closed</source>
         <translation>%1 не является корректным файлом разметки: %2</translation>
     </message>
     <message>
-        <location line="+12"/>
+        <location line="+13"/>
+        <source>Package %1 unpacks to %2 bytes, more than the flash memory can hold (%3 bytes)</source>
+        <translation>Пакет %1 распаковывается в %2 байт — больше, чем вмещает флеш-память (%3 байт)</translation>
+    </message>
+    <message>
+        <location line="+16"/>
         <source>Package %1 is invalid and cannot be opened</source>
         <translation>Пакет %1 повреждён и не может быть открыт</translation>
     </message>
     <message>
-        <location line="+9"/>
+        <location line="+13"/>
         <source>scatter.txt not found in package %1</source>
         <translation>В пакете %1 не найден scatter.txt</translation>
     </message>
     <message>
-        <location line="+7"/>
+        <location line="+8"/>
         <source>scatter.txt from package %1 cannot be read</source>
         <translation>Не удаётся прочитать scatter.txt из пакета %1</translation>
     </message>
@@ -608,7 +679,7 @@ The tool will be closed</source>
         <translation>Загружен пакет %1: %2</translation>
     </message>
     <message>
-        <location filename="../../flasher/scattervalidator.cpp" line="+17"/>
+        <location filename="../../flasher/scattervalidator.cpp" line="+19"/>
         <source>Firmware</source>
         <translation>Микропрограмма</translation>
     </message>
@@ -623,17 +694,17 @@ The tool will be closed</source>
         <translation>Отсутствует обязательный файл загрузчика флеш-памяти</translation>
     </message>
     <message>
-        <location line="+32"/>
+        <location line="+61"/>
         <source>File %1 cannot be read</source>
         <translation>Не удаётся прочитать файл %1</translation>
     </message>
     <message>
-        <location line="+27"/>
+        <location line="+25"/>
         <source>The package is corrupted (near file %1)</source>
         <translation>Пакет повреждён (возле файла %1)</translation>
     </message>
     <message>
-        <location line="+7"/>
+        <location line="+8"/>
         <source>File %1 within the package cannot be read (%2)</source>
         <translation>Не удаётся прочитать файл %1 из пакета (%2)</translation>
     </message>
@@ -658,7 +729,7 @@ The tool will be closed</source>
         <translation>Этот файл разметки некорректен (нет описаний секций)</translation>
     </message>
     <message>
-        <location line="+15"/>
+        <location line="+17"/>
         <source>File %1 (%2) does not exist</source>
         <translation>Файл %1 (%2) не существует</translation>
     </message>
@@ -673,12 +744,42 @@ The tool will be closed</source>
         <translation>Отсутствуют обязательные параметры микропрограммы</translation>
     </message>
     <message>
-        <location line="+11"/>
+        <location line="+6"/>
+        <source>Firmware %1 has invalid flash options (mode %2, size %3, frequency %4)</source>
+        <translation>Недопустимые параметры флеш-памяти прошивки %1 (режим %2, размер %3, частота %4)</translation>
+    </message>
+    <message>
+        <location line="+13"/>
         <source>Skip unknown scatter section %1</source>
         <translation>Пропуск неизвестной секции разметки %1</translation>
     </message>
     <message>
-        <location line="+37"/>
+        <location line="+48"/>
+        <source>Section %1 %2 runs past the end of its flash memory size %3</source>
+        <translation>Раздел %1 %2 выходит за пределы своего размера флеш-памяти %3</translation>
+    </message>
+    <message>
+        <location line="+5"/>
+        <source>Section %1 %2 runs past the end of the chip&apos;s flash memory (%3)</source>
+        <translation>Раздел %1 %2 выходит за пределы флеш-памяти микросхемы (%3)</translation>
+    </message>
+    <message>
+        <location line="+11"/>
+        <source>Sections %1 %2 and %3 %4 overlap</source>
+        <translation>Разделы %1 %2 и %3 %4 перекрываются</translation>
+    </message>
+    <message>
+        <location line="+26"/>
+        <source>Firmware %1 is set for a flash memory size of %2, but the chip has %3. Flash it anyway?</source>
+        <translation>Прошивка %1 рассчитана на флеш-память размером %2, а у микросхемы %3. Всё равно записать?</translation>
+    </message>
+    <message>
+        <location line="+7"/>
+        <source>Firmware %1 is set for a flash memory size of %2, larger than the chip&apos;s %3</source>
+        <translation>Прошивка %1 рассчитана на флеш-память размером %2, больше, чем у микросхемы (%3)</translation>
+    </message>
+    <message>
+        <location line="+27"/>
         <source>The data within the package is corrupted (saved md5 %1 does not match the computed one %2 for file %3)</source>
         <translation>Данные в пакете повреждены (сохранённая сумма md5 %1 не совпадает с вычисленной %2 для файла %3)</translation>
     </message>
@@ -698,12 +799,27 @@ The tool will be closed</source>
         <translation>Продолжение без проверки контрольной суммы для %1 по запросу пользователя</translation>
     </message>
     <message>
-        <location filename="../../flasher/scatterwriter.cpp" line="+77"/>
+        <location filename="../../flasher/scatterwriter.cpp" line="+78"/>
         <source>Cannot write to %1: %2</source>
         <translation>Не удаётся записать в %1: %2</translation>
     </message>
     <message>
-        <location filename="../../flasher/flashregion.cpp" line="+90"/>
+        <location filename="../../flasher/flashregion.cpp" line="+89"/>
+        <source>Region %1 runs past the end of the flash memory (%2)</source>
+        <translation>Область %1 выходит за пределы флеш-памяти (%2)</translation>
+    </message>
+    <message>
+        <location line="+19"/>
+        <source>Erased the whole flash memory</source>
+        <translation>Стёрта вся флеш-память</translation>
+    </message>
+    <message>
+        <location line="+2"/>
+        <source>Erased sectors %1</source>
+        <translation>Стёрты секторы %1</translation>
+    </message>
+    <message>
+        <location line="+22"/>
         <source>Requested flash memory contents md5 for [0x%1:0x%2] (size %3)</source>
         <translation>Запрошен md5 содержимого флеш-памяти для [0x%1:0x%2] (размер %3)</translation>
     </message>
@@ -711,7 +827,7 @@ The tool will be closed</source>
 <context>
     <name>ESPToolWorker</name>
     <message>
-        <location filename="../../worker/esptoolworker.cpp" line="+42"/>
+        <location filename="../../worker/esptoolworker.cpp" line="+46"/>
         <source>connect</source>
         <translation>подключение</translation>
     </message>
