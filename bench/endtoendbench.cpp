@@ -6,7 +6,6 @@
 #include <QDir>
 #include <QEventLoop>
 #include <QFile>
-#include <QFileInfo>
 #include <QLibraryInfo>
 #include <QProcess>
 #include <QRegularExpression>
