@@ -346,7 +346,7 @@ bool EndToEndBench::run()
            m_setup.repetitions);
     printf("ours: esp-utility uploading %s; peer: esptool-js %s with its own loader, compressed "
            "writes; both connect without a reset\n",
-           qPrintable(m_setup.stubPath), qPrintable(peerVersion));
+           qPrintable(QDir::current().relativeFilePath(m_setup.stubPath)), qPrintable(peerVersion));
     if (!m_peerMissing.isEmpty())
         printf("esptool-js is missing (%s): only our figures\n", qPrintable(m_peerMissing));
     printf("%-27s %7s %8s %13s %6s %7s  %s\n", "operation", "baud", "ours s", "esptool-js s",
