@@ -107,6 +107,32 @@ QString hex8(quint32 value)
     return QStringLiteral("%1").arg(value, 8, 16, QLatin1Char('0'));
 }
 
+// The first text that the firmware write turns back into `code`; empty when none does.
+QString textForCode(unsigned char code, const QStringList &candidates,
+                    unsigned char (*fromString)(const QString &))
+{
+    for (const QString &text : candidates) {
+        if (fromString(text) == code)
+            return text;
+    }
+    return QString();
+}
+
+// Takes texts for the image's own flash options into the row, such that writing it as firmware
+// leaves its header as it is. False when an option has no such text (80 MHz, for one).
+bool takeOwnFlashOptions(const ESPImageParser &image, ScatterSection *row)
+{
+    row->flashMode =
+        textForCode(image.flash_mode_int(), {image.getFlashMode()}, &ESPImageParser::fm_fromString);
+    row->flashSize = textForCode(image.flash_size_int(),
+                                 {image.getFlashSize(), QStringLiteral("8MB"),
+                                  QStringLiteral("16MB"), QStringLiteral("32m-c2")},
+                                 &ESPImageParser::fs_fromString);
+    row->flashFrequency = textForCode(image.flash_frequency_int(), {image.getFlashFrequency()},
+                                      &ESPImageParser::ff_fromString);
+    return !row->flashMode.isEmpty() && !row->flashSize.isEmpty() && !row->flashFrequency.isEmpty();
+}
+
 // The loader the build makes for real boards, else the virtual chip's stand-in, looked up
 // beside the program as the command line does; empty when neither is there.
 QString bundledLoaderPath()
@@ -1144,15 +1170,16 @@ bool ESPFlasher::loadImage(const QString &path)
     ESPImageParser image;
     const unsigned char own = ESPImageParser::kCodeNotGiven;
     // An image with a firmware header is written as firmware with its own flash options.
-    if (image.load(path, own, own, own)) {
+    const bool firmware = image.load(path, own, own, own);
+    if (firmware && takeOwnFlashOptions(image, &row)) {
         row.kind = ScatterSection::Firmware;
         row.typeKey = QStringLiteral("Firmware");
-        row.flashMode = image.getFlashMode();
-        row.flashSize = image.getFlashSize();
-        row.flashFrequency = image.getFlashFrequency();
     } else {
         row.kind = ScatterSection::Application;
         row.typeKey = QStringLiteral("Application");
+        row.flashMode.clear();
+        row.flashSize.clear();
+        row.flashFrequency.clear();
     }
 
     ui->flashTool->setEnabled(false);
@@ -1162,6 +1189,12 @@ bool ESPFlasher::loadImage(const QString &path)
     ui->scatterEdit->setText(path);
     ui->stubEdit->setText(loader);
     parseFinish();
+    // Written unchanged as data, the header stays exactly as it is.
+    if (firmware && row.isApplication())
+        log(LogColour::Notice,
+            tr("The flash options in the header of %1 have no names that a firmware write keeps; "
+               "it is written unchanged, as a user application")
+                .arg(row.file));
     log(LogColour::Success,
         row.isApplication()
             ? tr("Loaded image %1 for 0x%2 as a user application").arg(path, hex8(address))

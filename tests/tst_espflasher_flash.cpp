@@ -5,6 +5,7 @@
 #include "flashertestkit.h"
 #include "scattertestfiles.h"
 
+#include "serial/modemlineregistry.h"
 #include "tools/imagegen/espimagebuilder.h"
 
 using namespace FlasherTestKit;
@@ -69,6 +70,29 @@ struct FlashTestFiles
     }
 };
 
+// The board's auto-reset circuit: the host's DTR and RTS reach the chip's GPIO0 and EN.
+class ResetWiring
+{
+public:
+    ResetWiring(VirtualEsp8266 &chip, const QString &port) : port(port)
+    {
+        ModemLineRegistry::add(port, [&chip](bool dtr, bool rts) { chip.setModemLines(dtr, rts); });
+    }
+    ~ResetWiring() { ModemLineRegistry::remove(port); }
+
+private:
+    QString port;
+};
+
+// An expected log line; a trailing '*' accepts any end.
+bool lineMatches(const QString &actual, QString expected)
+{
+    if (!expected.endsWith('*'))
+        return actual == expected;
+    expected.chop(1);
+    return actual.startsWith(expected);
+}
+
 } // namespace
 
 class TestEspFlasherFlash : public FlasherTest
@@ -83,9 +107,26 @@ private slots:
     void identifyComposeReadAndFlashAnotherChip();
     void upgrade_data();
     void upgrade();
+    void connectSettings_data();
+    void connectSettings();
+    void loaderRate_data();
+    void loaderRate();
+    void reflashSkipsUnchangedBlocks_data();
+    void reflashSkipsUnchangedBlocks();
+    void imageFile_data();
+    void imageFile();
 
 private:
+    // A board with its reset circuit, powered up into `powerUp`; a dialog on its port.
+    void startBoard(VirtualEsp8266::BootMode powerUp = VirtualEsp8266::BootMode::Download,
+                    bool wired = true);
     void connectAndLoad(const QString &scatter);
+    int dataBlocks()
+    {
+        const auto &commands = board().counters().commands;
+        return commands.value(VirtualEsp8266::FlashData) +
+               commands.value(VirtualEsp8266::FlashDeflData);
+    }
     void click(const char *button)
     {
         mark = log().size();
@@ -104,6 +145,7 @@ private:
 
     FlashTestFiles files;
     std::unique_ptr<ChipFixture> chip;
+    std::unique_ptr<ResetWiring> wiring;
     int mark = 0;
 };
 
@@ -114,13 +156,23 @@ void TestEspFlasherFlash::init()
     QVERIFY(files.create(dir->path()));
 }
 
-void TestEspFlasherFlash::connectAndLoad(const QString &scatter)
+void TestEspFlasherFlash::startBoard(VirtualEsp8266::BootMode powerUp, bool wired)
 {
     flasher.reset();
-    chip = std::make_unique<ChipFixture>();
+    wiring.reset();
+    VirtualEsp8266::Config config;
+    config.powerUpMode = powerUp;
+    chip = std::make_unique<ChipFixture>(config);
     QVERIFY(chip->start());
+    if (wired)
+        wiring = std::make_unique<ResetWiring>(board(), chip->port());
     flasher = std::make_unique<ESPFlasher>(ESPFlasher::RUN_MODE_STANDALONE, nullptr);
     find<QComboBox>("comPortCombo")->setCurrentText(chip->port());
+}
+
+void TestEspFlasherFlash::connectAndLoad(const QString &scatter)
+{
+    startBoard(VirtualEsp8266::BootMode::Firmware);
     click("comPortConnect");
     QVERIFY(!enabled("comPortCombo"));
     QVERIFY2(waitForLog(line(green, "Retrieved chip info")), qPrintable(log().join('\n')));
@@ -370,13 +422,15 @@ void TestEspFlasherFlash::upgrade_data()
     QTest::addColumn<QString>("components"); // chosen, F and A; "reject"; empty: not asked
     QTest::addColumn<QString>("closing");    // the closing box's text and default button
     QTest::addColumn<QString>("written");    // the images on the chip afterwards, F and A
+    QTest::addColumn<bool>("reset");         // the reset setting; off: a jig, in boot mode
 
     const auto row = [](const char *name, const char *components, const char *closing,
-                        const char *written) {
-        QTest::newRow(name) << components << closing << written;
+                        const char *written, bool reset = true) {
+        QTest::newRow(name) << components << closing << written << reset;
     };
     // The "success" row's box closes itself after its countdown; other boxes are answered.
     row("success", "FA", "Upgrade completed.|OK (5)", "FA");
+    row("success on a jig", "FA", "Upgrade completed.|OK (5)", "FA", false);
     row("firmware only", "F", "Upgrade completed.|OK (5)", "F");
     row("application only", "A", "Upgrade completed.|OK (5)", "A");
     row("components rejected", "reject", "Upgrade cancelled.|OK (10)", "");
@@ -391,10 +445,16 @@ void TestEspFlasherFlash::upgrade()
     QFETCH(QString, components);
     QFETCH(QString, closing);
     QFETCH(QString, written);
+    QFETCH(bool, reset);
     const QString mishap = QTest::currentDataTag();
 
-    chip = std::make_unique<ChipFixture>();
+    QSettings().setValue("COM/ResetBeforeConnect", reset);
+    VirtualEsp8266::Config config;
+    config.powerUpMode =
+        reset ? VirtualEsp8266::BootMode::Firmware : VirtualEsp8266::BootMode::Download;
+    chip = std::make_unique<ChipFixture>(config);
     QVERIFY(chip->start());
+    const ResetWiring wired(board(), chip->port());
     qputenv(QComPort::extraPortsVariable, (chip->port() + "=UPGRADE-0042").toLocal8Bit());
     const QString chosen = mishap == "loader removed" ? files.scatter : files.package;
     answerer->answerFile(components.isEmpty() ? QString() : chosen);
@@ -412,12 +472,18 @@ void TestEspFlasherFlash::upgrade()
     }
     if (mishap == "loader removed")
         answerer->answerBox(QMessageBox::Ok);
-    mishap == "success" ? answerer->leaveBox() : answerer->answerBox(QMessageBox::Ok);
+    mishap.startsWith("success") ? answerer->leaveBox() : answerer->answerBox(QMessageBox::Ok);
 
     flasher = std::make_unique<ESPFlasher>(ESPFlasher::RUN_MODE_UPGRADE, nullptr);
     QVERIFY(flasher->autoconnect(QStringLiteral("UPGRADE-0042")));
     QCOMPARE(flasher->exec(), int(written.isEmpty() ? QDialog::Rejected : QDialog::Accepted));
     QCOMPARE(log().contains(finishedFlashing), !written.isEmpty());
+    // After a success the board is reset into its new firmware, unless it sits in a jig.
+    const bool resetAfter = reset && !written.isEmpty();
+    QCOMPARE(log().indexOf(line(green, "Closed connection to " + chip->port())),
+             resetAfter ? log().indexOf(finishedFlashing) + 1 : -1);
+    QCOMPARE(board().resetCount(), int(reset) + int(resetAfter));
+    QCOMPARE(board().bootMode() == VirtualEsp8266::BootMode::Firmware, resetAfter);
     const QVector<ModalAnswerer::Seen> seen = answerer->seen;
     if (mishap == "loader removed")
         QCOMPARE(seen.at(seen.size() - 2).text,
@@ -433,6 +499,258 @@ void TestEspFlasherFlash::upgrade()
     QCOMPARE(board().flash(applicationAddress, files.application.size()),
              written.contains('A') ? files.application
                                    : QByteArray(files.application.size(), '\xFF'));
+}
+
+void TestEspFlasherFlash::connectSettings_data()
+{
+    QTest::addColumn<bool>("reset");        // the dialog's setting
+    QTest::addColumn<bool>("wired");        // the board has the reset circuit
+    QTest::addColumn<bool>("firmware");     // it powers up into its firmware, else the boot loader
+    QTest::addColumn<QStringList>("lines"); // %1: the port
+
+    const QString connecting = line(amber, "Connecting to %1");
+    const QStringList connected{line(green, "Connected to ESP UBoot via %1"),
+                                line(green, "Retrieved chip info")};
+    QTest::newRow("reset, board in its firmware")
+        << true << true << true << QStringList{connecting} + connected;
+    QTest::newRow("no reset, board put into boot mode by hand")
+        << false << true << false << QStringList{connecting} + connected;
+    // A port without modem lines: skipped quietly, said once.
+    QTest::newRow("reset, port without modem lines")
+        << true << false << false
+        << QStringList{connecting,
+                       line(amber, "The board is not reset: %1 has no modem lines (DTR/RTS)")} +
+               connected;
+    QTest::newRow("no reset, board in its firmware")
+        << false << true << true
+        << QStringList{connecting,
+                       line(amber,
+                            "Flasher error: esptool failed: No response for 0x08 command (1) - the "
+                            "board does not answer: check that its "
+                            "reset circuit (DTR/RTS) is there, or put it into boot mode "
+                            "by hand (GPIO0 low while it resets)"),
+                       line(red, "UBoot operation connect (0) finished with error")};
+}
+
+// The remembered reset setting decides whether the board is reset into its boot loader.
+void TestEspFlasherFlash::connectSettings()
+{
+    QFETCH(bool, reset);
+    QFETCH(bool, wired);
+    QFETCH(bool, firmware);
+    QFETCH(QStringList, lines);
+
+    QSettings().setValue("COM/ResetBeforeConnect", reset);
+    startBoard(firmware ? VirtualEsp8266::BootMode::Firmware : VirtualEsp8266::BootMode::Download,
+               wired);
+    QCOMPARE(find<QCheckBox>("resetBeforeConnectCheck")->isChecked(), reset);
+    for (QString &expected : lines)
+        expected.replace("%1", chip->port());
+    click("comPortConnect");
+    const bool connects = lines.last().endsWith("Retrieved chip info");
+    QVERIFY(waitForLog(lines.last()));
+    const QStringList actual = log();
+    QCOMPARE(actual.size(), lines.size());
+    for (int index = 0; index < lines.size(); ++index)
+        QVERIFY2(lineMatches(actual.at(index), lines.at(index)), qPrintable(actual.at(index)));
+    QCOMPARE(board().resetCount() > 0, reset && wired);
+    QCOMPARE(board().bootMode() == VirtualEsp8266::BootMode::Download, connects);
+    // Connected, the settings stay as they are; a failed connect gives them back with the port.
+    for (const char *name : {"comPortCombo", "baudRateCombo", "resetBeforeConnectCheck",
+                             "skipUnchangedCheck", "comPortScanTool", "comPortConnect"})
+        QVERIFY2(enabled(name) == !connects, name);
+    QVERIFY(!log().join('\n').contains("Closed connection"));
+}
+
+void TestEspFlasherFlash::loaderRate_data()
+{
+    QTest::addColumn<QString>("rate");
+    QTest::addColumn<bool>("refused"); // the loader refuses the change
+    QTest::addColumn<quint32>("lineRate");
+    QTest::addColumn<QString>("notice");
+
+    QTest::newRow("921600") << "921600" << false << 921600u << QString();
+    QTest::newRow("921600 refused")
+        << "921600" << true << 115200u
+        << line(amber, "The board did not switch to 921600 baud; staying at 115200 baud");
+    QTest::newRow("115200: no change") << "115200" << false << 115200u << QString();
+}
+
+// The baud combo's choice is the rate once the loader runs; a refusal costs one line, no failure.
+void TestEspFlasherFlash::loaderRate()
+{
+    QFETCH(QString, rate);
+    QFETCH(bool, refused);
+    QFETCH(quint32, lineRate);
+    QFETCH(QString, notice);
+
+    startBoard();
+    find<QComboBox>("baudRateCombo")->setCurrentText(rate);
+    QCOMPARE(find<QComboBox>("baudRateCombo")->currentText(), rate);
+    if (refused) {
+        board().setCommandObserver([this](const VirtualEsp8266::CommandRecord &record) {
+            if (record.opcode == VirtualEsp8266::MemEnd)
+                board().armErrorStatus(1);
+        });
+    }
+    click("comPortConnect");
+    QVERIFY(waitForLog(line(green, "Retrieved chip info")));
+    QCOMPARE(board().baudRate(), 115200u); // the connection itself
+    answerer->answerFile(files.package);
+    QVERIFY(selectScatter());
+    click("flashTool");
+    QVERIFY(awaitNew(finishedFlashing));
+    QCOMPARE(board().baudRate(), lineRate);
+    QCOMPARE(board().counters().commands.value(VirtualEsp8266::ChangeBaudrate),
+             int(rate != "115200"));
+    QCOMPARE(log(mark).filter(QRegularExpression("^" + QString(amber))),
+             notice.isEmpty() ? QStringList() : QStringList{notice});
+    QCOMPARE(board().flash(applicationAddress, files.application.size()), files.application);
+    // Remembered for the next start.
+    flasher = std::make_unique<ESPFlasher>(ESPFlasher::RUN_MODE_STANDALONE, nullptr);
+    QCOMPARE(find<QComboBox>("baudRateCombo")->currentText(), rate);
+}
+
+void TestEspFlasherFlash::reflashSkipsUnchangedBlocks_data()
+{
+    QTest::addColumn<bool>("skip");
+    QTest::newRow("skip") << true;
+    QTest::newRow("write everything") << false;
+}
+
+// Flashing the same package again sends only blocks that differ, unless the setting is off.
+void TestEspFlasherFlash::reflashSkipsUnchangedBlocks()
+{
+    QFETCH(bool, skip);
+
+    startBoard();
+    auto *check = find<QCheckBox>("skipUnchangedCheck");
+    QVERIFY(check->isChecked()); // the default
+    if (!skip)
+        check->click();
+    QCOMPARE(QSettings().value("Flash/SkipUnchanged", true).toBool(), skip);
+    click("comPortConnect");
+    QVERIFY(waitForLog(line(green, "Retrieved chip info")));
+    answerer->answerFile(files.package);
+    QVERIFY(selectScatter());
+    click("flashTool");
+    QVERIFY(awaitNew(finishedFlashing));
+    QVERIFY(dataBlocks() > 0);
+    const int erases = board().counters().erases.size();
+
+    // One section changes on the chip: only that one is sent again.
+    board().setFlash(applicationAddress + 0x100, QByteArray(16, '\0'));
+    const int blocks = dataBlocks();
+    click("flashTool");
+    QVERIFY(awaitNew(finishedFlashing));
+    const QString unchanged = line(amber, "1 of 1 block(s) of 64 KiB unchanged, nothing written");
+    QCOMPARE(log(mark).count(unchanged), skip ? 1 : 0);
+    QCOMPARE(log(mark).indexOf(unchanged), skip ? 1 : -1); // after the firmware's announcement
+    QStringList written; // the writes that reached the chip, by the regions they erased first
+    for (const VirtualEsp8266::EraseRecord &erase : board().counters().erases.mid(erases))
+        written << QString::number(erase.offset, 16);
+    QCOMPARE(written, skip ? QStringList{"10000"} : (QStringList{"0", "10000"}));
+    QVERIFY(dataBlocks() > blocks);
+    QCOMPARE(board().flash(0, files.patched.size()), files.patched);
+    QCOMPARE(board().flash(applicationAddress, files.application.size()), files.application);
+}
+
+void TestEspFlasherFlash::imageFile_data()
+{
+    QTest::addColumn<QString>("name");
+    QTest::addColumn<QByteArray>("bytes");
+    QTest::addColumn<QStringList>("answers"); // addresses typed in; "" cancels; after a bad
+                                              // one, the warning's text
+    QTest::addColumn<QString>("type");        // "" when nothing is loaded
+    QTest::addColumn<quint32>("address");
+
+    // A firmware header (1 MB, qio, 26 MHz) is kept as it is.
+    QTest::newRow("firmware") << "fw.bin" << firmwareImage(2, 31) << QStringList{"0x0"}
+                              << "Firmware|qio|1Mb|26MHz" << 0u;
+    // 80 MHz has no name that a firmware write keeps: the image goes as it is, as data.
+    QByteArray fast = firmwareImage(4, 35);
+    fast[3] = char(0x4F);
+    QTest::newRow("firmware at 80 MHz")
+        << "fast.bin" << fast << QStringList{"0x0"} << "Application" << 0u;
+    QTest::newRow("data, mistyped address")
+        << "data.BIN" << noiseBytes(0x3000, 32)
+        << QStringList{"0x2g000", "Flash Image|0x2g000 is not an address", " 128kb "}
+        << "Application" << 0x20000u;
+    QTest::newRow("inside a sector, cancelled")
+        << "data.bin" << noiseBytes(0x3000, 33)
+        << QStringList{"0x1800", "Flash Image|0x00001800 is not the start of a 4 KiB flash sector",
+                       ""}
+        << "" << 0u;
+    QTest::newRow("past the end, cancelled")
+        << "data.bin" << noiseBytes(0x2000, 34)
+        << QStringList{"0x3ff000",
+                       "Flash Image|8192 bytes at 0x003ff000 go past the end of the flash "
+                       "(4194304 bytes)",
+                       ""}
+        << "" << 0u;
+}
+
+// A plain image from the file chooser: placed at the address asked for, flashed like a scatter.
+void TestEspFlasherFlash::imageFile()
+{
+    QFETCH(QString, name);
+    QFETCH(QByteArray, bytes);
+    QFETCH(QStringList, answers);
+    QFETCH(QString, type);
+    QFETCH(quint32, address);
+
+    connectAndLoad(files.package);
+    const QString image = writeTestFile(dir->path(), name, bytes);
+    const int asked = answerer->seen.size();
+    answerer->answerFile(image);
+    QStringList expectedModals{"Select scatter file|Packages, Scatter files and Images (*.zip "
+                               "*.txt *.bin)|" +
+                               dir->path()};
+    for (const QString &answer : answers) {
+        if (answer.contains('|')) {
+            answerer->answerBox(QMessageBox::Ok);
+            expectedModals << answer;
+            continue;
+        }
+        answerer->answerInput(answer.isEmpty() ? QString() : answer);
+        expectedModals << "Flash Image|Address to write " + name + " at:";
+    }
+    QCOMPARE(selectScatter(), !type.isEmpty());
+    QCOMPARE(answerer->texts(asked), expectedModals);
+    auto *table = find<QTableWidget>("scatterTable");
+    if (type.isEmpty()) { // what was loaded stays
+        QCOMPARE(text("scatterEdit"), files.package);
+        QCOMPARE(table->rowCount(), 2);
+        QVERIFY(enabled("flashTool"));
+        return;
+    }
+
+    QCOMPARE(text("scatterEdit"), image);
+    QCOMPARE(text("stubEdit"), loaderStubPath()); // no scatter names one: the bundled loader
+    QCOMPARE(table->rowCount(), 1);
+    const QTableWidgetItem *typeItem = table->item(0, 1);
+    QStringList cells{typeItem->text()};
+    for (int role : {2, 3, 4}) {
+        if (!typeItem->data(Qt::UserRole + role).toString().isEmpty())
+            cells << typeItem->data(Qt::UserRole + role).toString();
+    }
+    QCOMPARE(cells.join('|'), type);
+    QCOMPARE(table->item(0, 2)->text() + '-' + table->item(0, 3)->text() + ' ' +
+                 table->item(0, 4)->text(),
+             QString("0x%1-0x%2 %3")
+                 .arg(address, 8, 16, QChar('0'))
+                 .arg(address + bytes.size(), 8, 16, QChar('0'))
+                 .arg(name));
+    QVERIFY(log().last().startsWith(line(green, "Loaded ")));
+    QCOMPARE(log().filter(line(amber, "The flash options in the header of " + name)).size(),
+             int(QTest::currentDataTag() == QLatin1String("firmware at 80 MHz")));
+
+    click("flashTool");
+    QVERIFY(awaitNew(finishedFlashing));
+    QCOMPARE(board().flash(address, bytes.size()), bytes);
+    // The row's digest is that of the file, so verifying compares with it.
+    trigger("verifyTool", 0);
+    QVERIFY(awaitNew(line(green, "Checksum verified (MD5: " + md5Hex(bytes) + ")")));
 }
 
 QTEST_MAIN(TestEspFlasherFlash)
