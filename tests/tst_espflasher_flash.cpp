@@ -472,7 +472,7 @@ void TestEspFlasherFlash::upgrade()
     }
     if (mishap == "loader removed")
         answerer->answerBox(QMessageBox::Ok);
-    mishap.startsWith("success") ? answerer->leaveBox() : answerer->answerBox(QMessageBox::Ok);
+    mishap == "success" ? answerer->leaveBox() : answerer->answerBox(QMessageBox::Ok);
 
     flasher = std::make_unique<ESPFlasher>(ESPFlasher::RUN_MODE_UPGRADE, nullptr);
     QVERIFY(flasher->autoconnect(QStringLiteral("UPGRADE-0042")));
