@@ -19,7 +19,7 @@
         <translation>Последовательный порт:</translation>
     </message>
     <message>
-        <location line="+23"/>
+        <location line="+26"/>
         <source>Refresh the list of available serial ports</source>
         <translation>Обновить список доступных последовательных портов</translation>
     </message>
@@ -29,8 +29,37 @@
         <translation>Скорость (бод):</translation>
     </message>
     <message>
-        <location line="+44"/>
-        <location filename="../../flasher/espflasher.cpp" line="+325"/>
+        <location line="+10"/>
+        <source>The line rate once the flash loader runs; connecting always starts at 115200 baud</source>
+        <translation>Скорость линии после запуска загрузчика флеш-памяти; подключение всегда начинается на 115200 бод</translation>
+    </message>
+    <message>
+        <location line="+52"/>
+        <source>Reset into boot loader</source>
+        <translation>Сброс в загрузчик</translation>
+    </message>
+    <message>
+        <location line="+3"/>
+        <source>Reset the board into its boot loader through DTR/RTS before connecting, and into the new firmware after an upgrade.
+Turn it off for a board wired to a programming jig that is put into boot mode by hand.</source>
+        <translation>Перед подключением сбрасывать плату в загрузчик через DTR/RTS, а после обновления — в новую прошивку.
+Отключите для платы в программаторе, которую переводят в режим загрузки вручную.</translation>
+    </message>
+    <message>
+        <location line="+11"/>
+        <source>Skip unchanged blocks</source>
+        <translation>Пропускать неизменённые блоки</translation>
+    </message>
+    <message>
+        <location line="+3"/>
+        <source>Compare the flash with the image per 64 KiB block and write only the blocks that differ.
+Turn it off to write everything.</source>
+        <translation>Сравнивать флеш-память с образом блоками по 64 КиБ и записывать только отличающиеся блоки.
+Отключите, чтобы записывать всё.</translation>
+    </message>
+    <message>
+        <location line="+11"/>
+        <location filename="../../flasher/espflasher.cpp" line="+491"/>
         <source>Connect</source>
         <translation>Подключить</translation>
     </message>
@@ -142,12 +171,12 @@ To erase the entire flash, input 0x911 when asked to select the address/size.</s
         <translation>Журнал</translation>
     </message>
     <message>
-        <location filename="../../flasher/espflasher.cpp" line="-135"/>
+        <location filename="../../flasher/espflasher.cpp" line="-163"/>
         <source>Connecting to %1</source>
         <translation>Подключение к %1</translation>
     </message>
     <message>
-        <location line="+24"/>
+        <location line="+40"/>
         <source>Select port</source>
         <translation>Выбор порта</translation>
     </message>
@@ -162,7 +191,7 @@ To erase the entire flash, input 0x911 when asked to select the address/size.</s
         <translation>Ошибка прошивки: </translation>
     </message>
     <message>
-        <location filename="../../flasher/espflasher.cpp" line="+77"/>
+        <location filename="../../flasher/espflasher.cpp" line="+83"/>
         <source>Unknown command %1 finished</source>
         <translation>Завершилась неизвестная команда %1</translation>
     </message>
@@ -172,7 +201,7 @@ To erase the entire flash, input 0x911 when asked to select the address/size.</s
         <translation>Операция UBoot %1 (%2) завершилась с ошибкой</translation>
     </message>
     <message>
-        <location filename="../../flasher/espflasher.cpp" line="+11"/>
+        <location filename="../../flasher/espflasher.cpp" line="+17"/>
         <source>UBoot operation failure.</source>
         <translation>Сбой операции UBoot.</translation>
     </message>
@@ -182,7 +211,7 @@ To erase the entire flash, input 0x911 when asked to select the address/size.</s
         <translation>Установлено подключение к ESP UBoot через %1</translation>
     </message>
     <message>
-        <location filename="../../flasher/espflasher.cpp" line="+7"/>
+        <location filename="../../flasher/espflasher.cpp" line="+6"/>
         <source>Disconnect</source>
         <translation>Отключить</translation>
     </message>
@@ -192,7 +221,7 @@ To erase the entire flash, input 0x911 when asked to select the address/size.</s
         <translation>Соединение с %1 закрыто</translation>
     </message>
     <message>
-        <location filename="../../flasher/espflasher.cpp" line="+19"/>
+        <location filename="../../flasher/espflasher.cpp" line="+25"/>
         <source>Connection closed.</source>
         <translation>Соединение закрыто.</translation>
     </message>
@@ -219,29 +248,28 @@ The tool will be closed</source>
 Программа будет закрыта</translation>
     </message>
     <message>
-        <location line="+26"/>
+        <location line="+18"/>
         <source>Cannot load the stub</source>
         <translation>Не удалось загрузить загрузчик</translation>
     </message>
     <message>
-        <location line="+10"/>
+        <location line="+23"/>
         <location line="+12"/>
         <location line="+9"/>
-        <location line="+88"/>
-        <location line="+12"/>
-        <location line="+360"/>
-        <location line="+10"/>
+        <location line="+105"/>
+        <location line="+352"/>
+        <location line="+17"/>
         <source>Flash Loader</source>
         <translation>Загрузчик флеш-памяти</translation>
     </message>
     <message>
-        <location line="-490"/>
-        <location line="+109"/>
+        <location line="-494"/>
+        <location line="+126"/>
         <source>The device is busy. Please try again later.</source>
         <translation>Устройство занято. Повторите попытку позже.</translation>
     </message>
     <message>
-        <location line="-100"/>
+        <location line="-117"/>
         <source>The stub file %1 is not in the package</source>
         <translation>Файла загрузчика %1 нет в пакете</translation>
     </message>
@@ -276,30 +304,49 @@ The tool will be closed</source>
         <translation>Загрузчик не загрузился</translation>
     </message>
     <message>
-        <location line="+21"/>
+        <location line="-146"/>
+        <location line="+230"/>
         <source>Upgrade completed.</source>
         <translation>Обновление завершено.</translation>
     </message>
     <message>
-        <location line="+29"/>
-        <location line="+360"/>
+        <location line="+323"/>
         <source>File %1 is not in the package</source>
         <translation>Файла %1 нет в пакете</translation>
     </message>
     <message>
-        <location line="-359"/>
-        <location line="+360"/>
-        <location line="+12"/>
+        <location line="+1"/>
+        <location line="+19"/>
         <source>File %1 cannot be read (%2)</source>
         <translation>Не удаётся прочитать файл %1 (%2)</translation>
     </message>
     <message>
-        <location line="-370"/>
+        <location line="-363"/>
         <source>Invalid package</source>
         <translation>Недопустимый пакет</translation>
     </message>
     <message>
-        <location line="+82"/>
+        <location line="-426"/>
+        <source>Description: %1</source>
+        <translation>Описание: %1</translation>
+    </message>
+    <message>
+        <location line="+2"/>
+        <source>Manufacturer: %1</source>
+        <translation>Производитель: %1</translation>
+    </message>
+    <message>
+        <location line="+2"/>
+        <source>VID:PID: %1:%2</source>
+        <translation>VID:PID: %1:%2</translation>
+    </message>
+    <message>
+        <location line="+5"/>
+        <source>Serial number: %1</source>
+        <translation>Серийный номер: %1</translation>
+    </message>
+    <message>
+        <location line="+510"/>
         <source>Scatter File</source>
         <translation>Файл разметки</translation>
     </message>
@@ -331,7 +378,7 @@ The tool will be closed</source>
         <translation>Файл с таким именем уже существует. Выберите другое имя:</translation>
     </message>
     <message>
-        <location line="+93"/>
+        <location line="+78"/>
         <location line="+14"/>
         <source>Save Scatter</source>
         <translation>Сохранение разметки</translation>
@@ -347,23 +394,78 @@ The tool will be closed</source>
         <translation>Создать пакет для распространения?</translation>
     </message>
     <message>
-        <location line="+16"/>
+        <location line="+41"/>
         <source>Erase Flash Memory</source>
         <translation>Стирание флеш-памяти</translation>
     </message>
     <message>
-        <location line="+0"/>
-        <location line="+27"/>
+        <location line="+124"/>
+        <source>Packages, Scatter files and Images</source>
+        <translation>Пакеты, файлы разметки и образы</translation>
+    </message>
+    <message>
+        <location line="+62"/>
+        <source>%1 is empty</source>
+        <translation>Файл %1 пуст</translation>
+    </message>
+    <message>
+        <location line="+9"/>
+        <source>An image is written through a flash loader, and none was chosen</source>
+        <translation>Образ записывается через загрузчик флеш-памяти, но загрузчик не выбран</translation>
+    </message>
+    <message>
+        <location line="+37"/>
+        <source>The flash options in the header of %1 have no names that a firmware write keeps; it is written unchanged, as a user application</source>
+        <translation>Для параметров флеш-памяти в заголовке %1 нет названий, которые сохранит запись прошивки; файл записывается без изменений, как пользовательское приложение</translation>
+    </message>
+    <message>
+        <location line="+5"/>
+        <source>Loaded image %1 for 0x%2 as a user application</source>
+        <translation>Загружен образ %1 для адреса 0x%2 как пользовательское приложение</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>Loaded firmware image %1 for 0x%2 (flash memory size %3, mode %4, frequency %5)</source>
+        <translation>Загружен образ прошивки %1 для адреса 0x%2 (размер флеш-памяти %3, режим %4, частота %5)</translation>
+    </message>
+    <message>
+        <location line="+14"/>
+        <location line="+20"/>
+        <source>Flash Image</source>
+        <translation>Запись образа</translation>
+    </message>
+    <message>
+        <location line="-19"/>
+        <source>Address to write %1 at:</source>
+        <translation>Адрес записи %1:</translation>
+    </message>
+    <message>
+        <location line="+8"/>
+        <source>%1 is not an address</source>
+        <translation>%1 — не адрес</translation>
+    </message>
+    <message>
+        <location line="+2"/>
+        <source>0x%1 is not the start of a 4 KiB flash sector</source>
+        <translation>0x%1 — не начало сектора флеш-памяти размером 4 КиБ</translation>
+    </message>
+    <message>
+        <location line="+2"/>
+        <source>%1 bytes at 0x%2 go past the end of the flash (%3 bytes)</source>
+        <translation>%1 байт по адресу 0x%2 выходят за конец флеш-памяти (%3 байт)</translation>
+    </message>
+    <message>
+        <location line="-290"/>
         <source>Region [address:size]:</source>
         <translation>Область [адрес:размер]:</translation>
     </message>
     <message>
-        <location line="-1"/>
+        <location line="+32"/>
         <source>Verify Flash Memory Contents</source>
         <translation>Проверка содержимого флеш-памяти</translation>
     </message>
     <message>
-        <location line="+45"/>
+        <location line="+31"/>
         <source>Start address %1 of the section no. %2 is invalid</source>
         <translation>Начальный адрес %1 секции № %2 недопустим</translation>
     </message>
@@ -373,19 +475,21 @@ The tool will be closed</source>
         <translation>Конечный адрес %1 секции № %2 недопустим</translation>
     </message>
     <message>
-        <location line="+73"/>
-        <location line="+18"/>
+        <location line="+78"/>
+        <location line="+20"/>
         <location line="+22"/>
+        <location line="+16"/>
+        <location line="+5"/>
+        <location line="+8"/>
         <source>Select scatter file</source>
         <translation>Выбор файла разметки</translation>
     </message>
     <message>
-        <location line="-39"/>
         <source>Packages and Scatter files</source>
-        <translation>Пакеты и файлы разметки</translation>
+        <translation type="vanished">Пакеты и файлы разметки</translation>
     </message>
     <message>
-        <location line="+54"/>
+        <location line="+99"/>
         <source>Select Flash Loader</source>
         <translation>Выбор загрузчика флеш-памяти</translation>
     </message>
@@ -593,12 +697,13 @@ The tool will be closed</source>
         <translation>Не удаётся прочитать scatter.txt из пакета %1</translation>
     </message>
     <message>
-        <location line="+8"/>
+        <location filename="../../flasher/espflasher.cpp" line="-378"/>
+        <location filename="../../flasher/scatterloader.cpp" line="+8"/>
         <source>%1 could not be read: %2</source>
         <translation>Не удалось прочитать %1: %2</translation>
     </message>
     <message>
-        <location line="+11"/>
+        <location filename="../../flasher/scatterloader.cpp" line="+11"/>
         <source>%1 package is invalid: %2</source>
         <translation>Пакет %1 некорректен: %2</translation>
     </message>
@@ -711,7 +816,7 @@ The tool will be closed</source>
 <context>
     <name>ESPToolWorker</name>
     <message>
-        <location filename="../../worker/esptoolworker.cpp" line="+42"/>
+        <location filename="../../worker/esptoolworker.cpp" line="+43"/>
         <source>connect</source>
         <translation>подключение</translation>
     </message>
