@@ -338,7 +338,7 @@ The tool will be closed</source>
     <message>
         <location line="+2"/>
         <source>VID:PID: %1:%2</source>
-        <translation>VID:PID: %1:%2</translation>
+        <translation>Идентификаторы USB (VID:PID): %1:%2</translation>
     </message>
     <message>
         <location line="+5"/>
