@@ -659,9 +659,9 @@ void TestEspFlasherFlash::imageFile_data()
 {
     QTest::addColumn<QString>("name");
     QTest::addColumn<QByteArray>("bytes");
-    QTest::addColumn<QStringList>("answers"); // addresses typed in; "" cancels; after a bad
-                                              // one, the warning's text
-    QTest::addColumn<QString>("type");        // "" when nothing is loaded
+    // Addresses typed in ("" cancels) and, where a box warns, its title and text (%1: the file).
+    QTest::addColumn<QStringList>("answers");
+    QTest::addColumn<QString>("type"); // "" when nothing is loaded
     QTest::addColumn<quint32>("address");
 
     // A firmware header (1 MB, qio, 26 MHz) is kept as it is.
@@ -688,6 +688,8 @@ void TestEspFlasherFlash::imageFile_data()
                        "(4194304 bytes)",
                        ""}
         << "" << 0u;
+    QTest::newRow("empty") << "empty.bin" << QByteArray()
+                           << QStringList{"Select scatter file|%1 is empty"} << "" << 0u;
 }
 
 // A plain image from the file chooser: placed at the address asked for, flashed like a scatter.
@@ -709,7 +711,7 @@ void TestEspFlasherFlash::imageFile()
     for (const QString &answer : answers) {
         if (answer.contains('|')) {
             answerer->answerBox(QMessageBox::Ok);
-            expectedModals << answer;
+            expectedModals << QString(answer).replace("%1", image);
             continue;
         }
         answerer->answerInput(answer.isEmpty() ? QString() : answer);
