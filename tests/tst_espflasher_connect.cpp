@@ -109,48 +109,30 @@ void TestEspFlasherConnect::autoconnect()
 
 void TestEspFlasherConnect::portDetails_data()
 {
-    QTest::addColumn<QString>("description");
-    QTest::addColumn<QString>("manufacturer");
-    QTest::addColumn<int>("vendorId");
-    QTest::addColumn<int>("productId");
-    QTest::addColumn<QString>("serial");
+    QTest::addColumn<QStringList>("entry"); // description, manufacturer, serial number
+    QTest::addColumn<int>("productId");     // the vendor id is 0x1234 with one
     QTest::addColumn<QString>("text");
     QTest::addColumn<QString>("details"); // lines joined by '|'
 
     QTest::newRow("every detail")
-        << "USB-serial bridge"
-        << "Adapter maker" << 0x1234 << 0xab << "A50285BI"
+        << QStringList{"USB-serial bridge", "Adapter maker", "A50285BI"} << 0xab
         << "/dev/ttyUSB0 (USB-serial bridge)"
         << "/dev/ttyUSB0|Description: USB-serial bridge|Manufacturer: Adapter maker|VID:PID: "
            "1234:00ab|Serial number: A50285BI";
-    QTest::newRow("ids only") << ""
-                              << "" << 0 << 0x6001 << ""
-                              << "/dev/ttyUSB0"
-                              << "/dev/ttyUSB0|VID:PID: 0000:6001";
-    QTest::newRow("nothing known") << ""
-                                   << "" << 0 << 0 << ""
-                                   << "/dev/ttyUSB0"
+    QTest::newRow("nothing known") << QStringList{"", "", ""} << 0 << "/dev/ttyUSB0"
                                    << "/dev/ttyUSB0";
 }
 
 // The port list names a port by its path and describes the adapter behind it.
 void TestEspFlasherConnect::portDetails()
 {
-    QComPort::PortEntry entry;
-    entry.name = "ttyUSB0";
-    entry.path = "/dev/ttyUSB0";
-    QFETCH(QString, description);
-    QFETCH(QString, manufacturer);
-    QFETCH(int, vendorId);
+    QFETCH(QStringList, entry);
     QFETCH(int, productId);
-    QFETCH(QString, serial);
-    entry.description = description;
-    entry.manufacturer = manufacturer;
-    entry.vendorId = quint16(vendorId);
-    entry.productId = quint16(productId);
-    entry.serialNumber = serial;
-    QTEST(ESPFlasher::portItemText(entry), "text");
-    QTEST(ESPFlasher::portDetails(entry).replace('\n', '|'), "details");
+    const QComPort::PortEntry port{"ttyUSB0",         entry.at(2), "/dev/ttyUSB0",
+                                   entry.at(0),       entry.at(1), quint16(productId ? 0x1234 : 0),
+                                   quint16(productId)};
+    QTEST(ESPFlasher::portItemText(port), "text");
+    QTEST(ESPFlasher::portDetails(port).replace('\n', '|'), "details");
 }
 
 // The connection settings are remembered from one start of the dialog to the next.
