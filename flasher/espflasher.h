@@ -120,7 +120,8 @@ private:
     QVariantMap connectOptions() const;
     // Index in the port list of the port of that enumeration name or path; -1 when none.
     int portIndex(const QString &port) const;
-    // Lets the user change the connection settings (port, rate, reset, skip) or not.
+    // Lets the user change the connection settings (rate, reset, skip, the port scan) or not;
+    // the port list itself is enabled by its own rules.
     void setConnectionSettingsEnabled(bool enabled);
     void restoreSettings();
     void connectSettingsPersistence();
