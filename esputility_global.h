@@ -2,7 +2,8 @@
 
 #include <QtGlobal>
 
-// The one export macro of the library: classes that a host or the tests use carry it.
+// The export macro of the widgets library (the dialog, the wizard, the widgets, the translation
+// installer): its classes and functions that a host or the tests use carry it.
 #if defined(ESPUTILITY_LIBRARY)
 #define ESPUTILITY_EXPORT Q_DECL_EXPORT
 #else

@@ -4,7 +4,7 @@
 #include "cli/scatterinput.h"
 #include "worker/esptoolworker.h"
 
-#include <QBuffer>
+#include <QIODevice>
 
 #include <algorithm>
 
@@ -140,7 +140,7 @@ void BoardSession::workerFinished(bool result, int command, const QVariantList &
         queue(FlashPlan::Command{ESPToolWorker::GetInfo, {}, QString()});
         return;
     case State::LoadingStub:
-        m_loaderBuffer.reset();
+        m_loaderEntry.reset();
         m_state = State::Identifying;
         queue(FlashPlan::Command{ESPToolWorker::GetInfo, {}, QString()});
         return;
@@ -166,7 +166,7 @@ void BoardSession::loadStub()
     QVariant stub = m_loaderFile;
     if (m_loaderInput) {
         QString error;
-        if (!m_loaderInput->loaderParameter(&stub, &m_loaderBuffer, &error)) {
+        if (!m_loaderInput->loaderParameter(&stub, &m_loaderEntry, &error)) {
             log(FlashPlan::Tone::Error, error);
             fail(error);
             return;

@@ -15,7 +15,7 @@
 
 class CliConsole;
 class ESPToolWorker;
-class QBuffer;
+class QIODevice;
 class ScatterInput;
 
 // One board: its own worker in its own thread, driven like the dialog drives it, one queued
@@ -89,7 +89,7 @@ private:
 
     QString m_loaderFile;
     ScatterInput *m_loaderInput = nullptr;
-    std::unique_ptr<QBuffer> m_loaderBuffer;
+    std::unique_ptr<QIODevice> m_loaderEntry;
 
     std::vector<std::unique_ptr<BoardOperation>> m_operations;
     size_t m_current = 0;

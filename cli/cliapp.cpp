@@ -1,6 +1,7 @@
 #include "cli/cliapp.h"
 
 #include "cli/boardsession.h"
+#include "cli/clicommandtable.h"
 #include "cli/cliconsole.h"
 #include "cli/eraseoperation.h"
 #include "cli/flashoperation.h"
@@ -20,8 +21,12 @@
 #include <QCoreApplication>
 #include <QDir>
 #include <QEventLoop>
+#include <QFile>
 #include <QFileInfo>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QSet>
+#include <QStandardPaths>
 
 namespace {
 
@@ -48,22 +53,68 @@ FlashPlan::Tone toneOf(EspPackageWriter::Severity severity)
     return FlashPlan::Tone::Error;
 }
 
-// Where the build puts the demo package, relative to this program.
-QString defaultDemoPackage()
+// Where an installation keeps the demo package, relative to this program.
+QString installedDemoPackage()
 {
-    return QDir(QCoreApplication::applicationDirPath())
-        .absoluteFilePath(QStringLiteral("../demo/demo.zip"));
+    return QDir::cleanPath(
+        QDir(QCoreApplication::applicationDirPath())
+            .absoluteFilePath(QStringLiteral(ESP_INSTALLED_DATA_DIR "/demo.zip")));
 }
 
-// The loader the build makes for real boards, else the virtual chip's stand-in; empty when
-// neither is beside this program (the write then goes through the ROM loader).
+// The build tree's demo package when this program runs from there, else the installed one.
+QString defaultDemoPackage()
+{
+    const QString built = QDir(QCoreApplication::applicationDirPath())
+                              .absoluteFilePath(QStringLiteral("../demo/demo.zip"));
+    return QFileInfo(built).isFile() ? built : installedDemoPackage();
+}
+
+// The read-back goes beside the package, except beside the installed one: that folder belongs
+// to the system's package manager, so it goes to the user's cache.
+QString defaultDemoOutput(const QString &package)
+{
+    if (QDir::cleanPath(QFileInfo(package).absoluteFilePath()) == installedDemoPackage()) {
+        return QDir(QStandardPaths::writableLocation(QStandardPaths::CacheLocation))
+            .absoluteFilePath(QStringLiteral("demo-readback"));
+    }
+    return QFileInfo(package).absoluteDir().absoluteFilePath(QStringLiteral("readback"));
+}
+
+// Larger files are no scatter file a read would have written.
+constexpr qint64 maxScatterFileBytes = 1024 * 1024;
+
+bool holdsScatterDocument(const QString &path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly) || file.size() > maxScatterFileBytes)
+        return false;
+    const QJsonDocument document = QJsonDocument::fromJson(file.readAll());
+    return document.isObject() && document.object().value(QLatin1String("sections")).isArray();
+}
+
+// The files a read of these regions writes into dir.
+QStringList regionFiles(const QVector<FlashRegion> &regions, const QDir &dir)
+{
+    QStringList files;
+    for (const FlashRegion &region : regions)
+        files << dir.absoluteFilePath(ReadOperation::fileNameFor(region));
+    return files;
+}
+
+// The loader the build makes for real boards, else the virtual chip's stand-in, beside this
+// program in the build tree or where an installation keeps them; empty when there is none (the
+// write then goes through the ROM loader).
 QString defaultLoaderPath()
 {
-    const QDir build(QCoreApplication::applicationDirPath() + QStringLiteral("/../stub"));
-    for (const QString &name : {QStringLiteral("vendor/esp8266_loader_stub.elf"),
-                                QStringLiteral("esp8266_loader_stub.elf")}) {
-        if (QFileInfo(build.absoluteFilePath(name)).isFile())
-            return build.absoluteFilePath(name);
+    const QDir program(QCoreApplication::applicationDirPath());
+    const QString installed = QStringLiteral(ESP_INSTALLED_DATA_DIR);
+    for (const QString &path :
+         {QStringLiteral("../stub/vendor/esp8266_loader_stub.elf"),
+          QStringLiteral("../stub/esp8266_loader_stub.elf"),
+          installed + QStringLiteral("/esp8266_loader_stub.elf"),
+          installed + QStringLiteral("/virtualchip/esp8266_loader_stub.elf")}) {
+        if (QFileInfo(program.absoluteFilePath(path)).isFile())
+            return QDir::cleanPath(program.absoluteFilePath(path));
     }
     return QString();
 }
@@ -89,7 +140,10 @@ int CliApp::run()
         return ExitOk;
     }
     if (m_args.help) {
-        m_console.plain(CliArguments::usage().trimmed());
+        const CliCommandTable::Command *command = CliCommandTable::findCommand(m_args.command);
+        m_console.plain(
+            (command ? CliCommandTable::commandHelp(*command) : CliCommandTable::globalHelp())
+                .trimmed());
         return ExitOk;
     }
     const QString &command = m_args.command;
@@ -115,6 +169,8 @@ int CliApp::run()
         return runDemo();
     if (command == QLatin1String("write"))
         return runWrite();
+    if (command == QLatin1String("completion"))
+        return runCompletion();
     return usage(QStringLiteral("unknown command %1 (see esp-utility --help)").arg(command));
 }
 
@@ -124,12 +180,19 @@ int CliApp::usage(const QString &message)
     return ExitUsage;
 }
 
-bool CliApp::needArguments(int count, const QString &form)
+bool CliApp::needArguments(int count)
 {
     if (m_args.positional.size() == count)
         return true;
-    usage(QStringLiteral("usage: esp-utility %1").arg(form));
+    usage(commandUsage());
     return false;
+}
+
+QString CliApp::commandUsage() const
+{
+    const CliCommandTable::Command *command = CliCommandTable::findCommand(m_args.command);
+    return QStringLiteral("usage: %1 (see esp-utility %2 --help)")
+        .arg(CliCommandTable::synopsis(*command), command->name);
 }
 
 bool CliApp::checkLoaderOption(bool required, int *exitCode)
@@ -193,6 +256,36 @@ bool CliApp::parseRegions(const QStringList &texts, QVector<FlashRegion> *region
         }
         seen.insert(name);
         regions->append(region);
+    }
+    return true;
+}
+
+bool CliApp::checkReadTargets(const QString &scatterPath, const QStringList &files, int *exitCode)
+{
+    const QString replace = QStringLiteral("pass --force to replace it");
+    for (const QString &path : files) {
+        if (path == scatterPath) {
+            *exitCode =
+                usage(QStringLiteral("%1 would hold both the scatter file and a region").arg(path));
+            return false;
+        }
+    }
+    const QStringList targets = QStringList(files) << scatterPath;
+    for (const QString &path : targets) {
+        const QFileInfo file(path);
+        if (file.isDir()) {
+            *exitCode = usage(QStringLiteral("%1 is a directory").arg(path));
+            return false;
+        }
+        if (!file.exists() || m_args.force)
+            continue;
+        if (path == scatterPath && !holdsScatterDocument(path)) {
+            *exitCode =
+                usage(QStringLiteral("%1 exists and is not a scatter file; %2").arg(path, replace));
+        } else {
+            *exitCode = usage(QStringLiteral("%1 exists; %2").arg(path, replace));
+        }
+        return false;
     }
     return true;
 }
@@ -350,7 +443,7 @@ int CliApp::runPorts()
 
 int CliApp::runImageInfo()
 {
-    if (!needArguments(1, QStringLiteral("image-info FILE [--trailer OFFSET]")))
+    if (!needArguments(1))
         return ExitUsage;
     const QString path = m_args.positional.first();
     const QFileInfo info(path);
@@ -386,8 +479,7 @@ int CliApp::runImageInfo()
 
 int CliApp::runPack()
 {
-    if (!needArguments(1,
-                       QStringLiteral("pack SCATTER -o PACKAGE.zip --description TEXT [--trim]")))
+    if (!needArguments(1))
         return ExitUsage;
     if (m_args.output.isEmpty())
         return usage(QStringLiteral("pack needs -o PACKAGE.zip"));
@@ -415,7 +507,7 @@ int CliApp::runPack()
 
 int CliApp::runInfo()
 {
-    if (!needArguments(0, QStringLiteral("info [--port PATH]... [--virtual [N]] [--stub FILE]")))
+    if (!needArguments(0))
         return ExitUsage;
     int exitCode = ExitOk;
     if (!checkLoaderOption(false, &exitCode) || !resolveBoards(&exitCode))
@@ -427,7 +519,7 @@ int CliApp::runInfo()
 
 int CliApp::runFlash()
 {
-    if (!needArguments(1, QStringLiteral("flash SCATTER|PACKAGE [--only firmware|application]")))
+    if (!needArguments(1))
         return ExitUsage;
     FlashOperation::Kinds kinds = FlashOperation::Kinds::All;
     if (m_args.only == QLatin1String("firmware"))
@@ -454,7 +546,7 @@ int CliApp::runFlash()
 
 int CliApp::runVerify()
 {
-    if (!needArguments(1, QStringLiteral("verify SCATTER|PACKAGE | verify ADDRESS:SIZE")))
+    if (!needArguments(1))
         return ExitUsage;
     const QString target = m_args.positional.first();
     int exitCode = ExitOk;
@@ -494,9 +586,10 @@ int CliApp::runRead()
         return usage(QStringLiteral("cannot create the directory %1").arg(scatter.absolutePath()));
     if (m_args.ports.size() + m_args.virtualCount > 1)
         return usage(QStringLiteral("read works on one board at a time"));
-    if (!resolveBoards(&exitCode))
-        return exitCode;
     const QString scatterPath = scatter.absoluteFilePath();
+    if (!checkReadTargets(scatterPath, regionFiles(regions, scatter.absoluteDir()), &exitCode) ||
+        !resolveBoards(&exitCode))
+        return exitCode;
     const QString loader = m_loaderFile;
     return runBoards(
         [regions, scatterPath, loader] {
@@ -507,7 +600,7 @@ int CliApp::runRead()
 
 int CliApp::runErase()
 {
-    if (!needArguments(1, QStringLiteral("erase all|ADDRESS:SIZE")))
+    if (!needArguments(1))
         return ExitUsage;
     const QString target = m_args.positional.first();
     const QString text = target == QLatin1String("all")
@@ -535,7 +628,7 @@ int CliApp::runWrite()
 {
     const QStringList &arguments = m_args.positional;
     if (arguments.isEmpty() || arguments.size() % 2 != 0)
-        return usage(QStringLiteral("usage: esp-utility write ADDRESS FILE [ADDRESS FILE...]"));
+        return usage(commandUsage());
     QVector<WriteOperation::Item> items;
     for (int i = 0; i < arguments.size(); i += 2) {
         bool ok = false;
@@ -569,7 +662,7 @@ int CliApp::runWrite()
 int CliApp::runDemo()
 {
     if (m_args.positional.size() > 1)
-        return usage(QStringLiteral("usage: esp-utility demo [PACKAGE] [--out DIR]"));
+        return usage(commandUsage());
     const QString package = m_args.positional.value(0, defaultDemoPackage());
     if (!QFileInfo(package).isFile())
         return usage(QStringLiteral("cannot read the demo package %1 (build it with scripts/build)")
@@ -580,21 +673,24 @@ int CliApp::runDemo()
     if (!checkLoaderOption(false, &exitCode) || !loadScatter(package, &exitCode))
         return exitCode;
 
-    const QDir out(m_args.out.isEmpty() ? QFileInfo(package).absoluteDir().absoluteFilePath(
-                                              QStringLiteral("readback"))
-                                        : m_args.out);
+    const QDir out(m_args.out.isEmpty() ? defaultDemoOutput(package) : m_args.out);
     if (!QDir().mkpath(out.absolutePath()))
         return usage(QStringLiteral("cannot create the directory %1").arg(out.absolutePath()));
-    QString error;
-    const QString loader = m_input->exportLoader(out, &error);
-    if (loader.isEmpty())
-        return usage(error);
     QVector<FlashRegion> regions;
     for (const ScatterSection &row : m_input->rows()) {
         if (row.hasCells && row.active)
             regions << FlashRegion(row.startAddress, row.endAddress - row.startAddress);
     }
     const QString readBack = out.absoluteFilePath(QStringLiteral("scatter.txt"));
+    QStringList written = regionFiles(regions, out);
+    if (m_input->isPackage())
+        written << m_input->exportedLoaderPath(out);
+    if (!checkReadTargets(readBack, written, &exitCode))
+        return exitCode;
+    QString error;
+    const QString loader = m_input->exportLoader(out, &error);
+    if (loader.isEmpty())
+        return usage(error);
 
     m_console.plain(QStringLiteral("Demo package %1: %2").arg(package, m_input->description()));
     if (!resolveBoards(&exitCode))
@@ -622,5 +718,13 @@ int CliApp::runDemo()
         QStringLiteral("  flash it again:    esp-utility flash %1 --virtual").arg(readBack));
     m_console.plain(QStringLiteral("  on a real board:   esp-utility flash %1 --port /dev/ttyUSB0")
                         .arg(package));
+    return ExitOk;
+}
+
+int CliApp::runCompletion()
+{
+    if (m_args.positional != QStringList{QStringLiteral("bash")})
+        return usage(commandUsage());
+    m_console.plain(CliCommandTable::bashCompletion().trimmed());
     return ExitOk;
 }

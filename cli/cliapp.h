@@ -44,12 +44,19 @@ private:
     int runErase();
     int runWrite();
     int runDemo();
+    int runCompletion();
 
     int usage(const QString &message);
-    bool needArguments(int count, const QString &form);
+    // False after a usage error when the command did not get `count` arguments.
+    bool needArguments(int count);
+    // "usage: esp-utility COMMAND ARGUMENTS (see ...)" for the command being run.
+    QString commandUsage() const;
     bool loadScatter(const QString &path, int *exitCode);
     bool checkLoaderOption(bool required, int *exitCode);
     bool parseRegions(const QStringList &texts, QVector<FlashRegion> *regions, int *exitCode);
+    // Before anything is read: refuses a directory in the way of a file, a scatter file that is
+    // also a region's file, and, unless --force, any file that is there already.
+    bool checkReadTargets(const QString &scatterPath, const QStringList &files, int *exitCode);
     // Starts the virtual chips and checks the ports; *exitCode set on failure.
     bool resolveBoards(int *exitCode);
     // One session per board, all in parallel; prints the summary table.

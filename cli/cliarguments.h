@@ -4,8 +4,9 @@
 #include <QStringList>
 
 // The command line, parsed: one command word, its positional arguments and the options, which
-// may stand anywhere. Parsing checks only the form; what a command needs is checked by the
-// command itself.
+// may stand anywhere. Parsing checks the form against the command table (CliCommandTable): a
+// known command, only the options it takes, their values; what a command needs beyond that is
+// checked by the command itself.
 struct CliArguments
 {
     QString command;
@@ -15,6 +16,7 @@ struct CliArguments
     int virtualCount = 0; // --virtual [N], repeatable, adds up
     QString stub;         // --stub
     bool yes = false;     // --yes
+    bool force = false;   // --force (read, demo: replace files that are there)
     QString only;         // --only firmware|application
     QString scatter;      // --scatter (read: the scatter file to write)
     QString output;       // -o / --output (pack)
@@ -33,7 +35,7 @@ struct CliArguments
     bool help = false;
     bool version = false;
 
-    // False with one line in *error for an unknown option or a missing value.
+    // False with one line in *error for an unknown command, an option the command does not take
+    // or a missing or unwanted value.
     static bool parse(const QStringList &arguments, CliArguments *result, QString *error);
-    static QString usage();
 };

@@ -3,7 +3,7 @@
 #include "cli/boardcontext.h"
 #include "cli/scatterinput.h"
 
-#include <QBuffer>
+#include <QIODevice>
 
 #include <algorithm>
 
@@ -29,7 +29,7 @@ bool FlashOperation::selectKinds(QVector<ScatterSection> *rows, Kinds kinds)
 bool FlashOperation::begin(BoardContext &board)
 {
     QString error;
-    if (!m_input.validate(board.chipDescription(), &m_rows, &error)) {
+    if (!m_input.validate(board.chipDescription(), board.detectedFlashSize(), &m_rows, &error)) {
         board.log(FlashPlan::Tone::Error, error);
         return false;
     }
@@ -61,7 +61,7 @@ BoardOperation::Step FlashOperation::next(BoardContext &board, FlashPlan::Comman
         }
         QVariant file;
         QString error;
-        if (!m_input.rowParameter(row, &file, &m_buffer, &error)) {
+        if (!m_input.rowParameter(row, &file, &m_entry, &error)) {
             board.log(FlashPlan::Tone::Error, error);
             return Step::Failed;
         }
@@ -75,7 +75,7 @@ BoardOperation::Step FlashOperation::next(BoardContext &board, FlashPlan::Comman
 
 bool FlashOperation::handle(BoardContext &, int, const QVariantList &)
 {
-    m_buffer.reset();
+    m_entry.reset();
     ++m_written;
     ++m_index;
     return true;

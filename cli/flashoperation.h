@@ -8,7 +8,7 @@
 
 #include <memory>
 
-class QBuffer;
+class QIODevice;
 class ScatterInput;
 
 // Writes the active rows of a scatter file or package, in table order: firmware rows with their
@@ -38,5 +38,5 @@ private:
     int m_index = 0;
     int m_written = 0;
     // The in-memory copy of the package entry the worker is writing.
-    std::unique_ptr<QBuffer> m_buffer;
+    std::unique_ptr<QIODevice> m_entry;
 };

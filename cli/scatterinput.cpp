@@ -5,24 +5,17 @@
 #include "flasher/scattervalidator.h"
 #include "worker/esptoolworker.h"
 
-#include <QBuffer>
 #include <QCoreApplication>
 #include <QFile>
 #include <QFileInfo>
+#include <QSaveFile>
+#include <QTemporaryFile>
 
 namespace {
 
 QString dialogText(const char *source)
 {
     return QCoreApplication::translate("ESPFlasher", source);
-}
-
-std::unique_ptr<QBuffer> bufferOf(const QByteArray &data)
-{
-    auto buffer = std::make_unique<QBuffer>();
-    buffer->setData(data);
-    buffer->open(QIODevice::ReadOnly);
-    return buffer;
 }
 
 } // namespace
@@ -92,40 +85,41 @@ bool ScatterInput::preflight(const CliScatterPrompts::Sink &sink, QString *error
     return valid;
 }
 
-bool ScatterInput::validate(const QString &chipDescription, QVector<ScatterSection> *rows,
-                            QString *error)
+bool ScatterInput::validate(const QString &chipDescription, quint32 flashSize,
+                            QVector<ScatterSection> *rows, QString *error)
 {
+    if (m_package && !ScatterLoader::checkPackageSize(*m_package, flashSize, error))
+        return false;
     CliScatterPrompts prompts(m_yes, m_loaderPath);
     QString loaderText;
     return run(chipDescription, prompts, rows, &loaderText, error);
 }
 
-bool ScatterInput::entryData(const QString &name, QByteArray *data, QString *error)
+std::unique_ptr<QIODevice> ScatterInput::extractEntry(const QString &name, QString *error)
 {
-    const auto cached = m_entries.constFind(name);
-    if (cached != m_entries.constEnd()) {
-        *data = *cached;
-        return true;
+    EspPackage::EntryStatus status = EspPackage::EntryStatus::Ok;
+    std::unique_ptr<QTemporaryFile> file = m_package->extractEntry(name, &status);
+    if (!file) {
+        switch (status) {
+        case EspPackage::EntryStatus::NotFound:
+            *error = dialogText(QT_TRANSLATE_NOOP("ESPFlasher", "File %1 is not in the package"))
+                         .arg(name);
+            break;
+        case EspPackage::EntryStatus::OutputFailed:
+            *error = dialogText(QT_TRANSLATE_NOOP("ESPFlasher", "File %1 cannot be read (%2)"))
+                         .arg(name, m_package->outputError());
+            break;
+        default:
+            *error = dialogText(QT_TRANSLATE_NOOP("ESPFlasher", "File %1 cannot be read (%2)"))
+                         .arg(name)
+                         .arg(m_package->zipError());
+            break;
+        }
     }
-    switch (m_package->readEntry(name, data)) {
-    case EspPackage::EntryStatus::Ok:
-        m_entries.insert(name, *data);
-        return true;
-    case EspPackage::EntryStatus::NotFound:
-        *error =
-            dialogText(QT_TRANSLATE_NOOP("ESPFlasher", "File %1 is not in the package")).arg(name);
-        return false;
-    case EspPackage::EntryStatus::CannotOpen:
-    case EspPackage::EntryStatus::Corrupt:
-        break;
-    }
-    *error = dialogText(QT_TRANSLATE_NOOP("ESPFlasher", "File %1 cannot be read (%2)"))
-                 .arg(name)
-                 .arg(m_package->zipError());
-    return false;
+    return file;
 }
 
-bool ScatterInput::loaderParameter(QVariant *parameter, std::unique_ptr<QBuffer> *holder,
+bool ScatterInput::loaderParameter(QVariant *parameter, std::unique_ptr<QIODevice> *holder,
                                    QString *error)
 {
     if (!m_isPackage) {
@@ -138,38 +132,32 @@ bool ScatterInput::loaderParameter(QVariant *parameter, std::unique_ptr<QBuffer>
         *parameter = m_loaderText;
         return true;
     }
-    QByteArray data;
-    if (!entryData(m_loaderText, &data, error))
+    *holder = extractEntry(m_loaderText, error);
+    if (!*holder)
         return false;
-    *holder = bufferOf(data);
     *parameter = QVariant::fromValue(IODeviceDescriptor{holder->get(), m_loaderText});
     return true;
 }
 
 bool ScatterInput::rowParameter(const ScatterSection &row, QVariant *parameter,
-                                std::unique_ptr<QBuffer> *holder, QString *error)
+                                std::unique_ptr<QIODevice> *holder, QString *error)
 {
     if (!m_isPackage) {
         // A missing file fails in the worker, with its own message.
         *parameter = row.source;
         return true;
     }
-    QByteArray data;
-    if (!entryData(row.file, &data, error))
+    *holder = extractEntry(row.file, error);
+    if (!*holder)
         return false;
-    *holder = bufferOf(data);
     *parameter = QVariant::fromValue(IODeviceDescriptor{holder->get(), row.file});
     return true;
 }
 
 std::unique_ptr<QIODevice> ScatterInput::openRow(const ScatterSection &row, QString *error)
 {
-    if (m_isPackage) {
-        QByteArray data;
-        if (!entryData(row.file, &data, error))
-            return nullptr;
-        return bufferOf(data);
-    }
+    if (m_isPackage)
+        return extractEntry(row.file, error);
     auto file = std::make_unique<QFile>(row.source);
     if (!file->open(QIODevice::ReadOnly)) {
         *error = dialogText(QT_TRANSLATE_NOOP("ESPFlasher", "File %1 cannot be read (%2)"))
@@ -183,14 +171,18 @@ QString ScatterInput::exportLoader(const QDir &dir, QString *error)
 {
     if (!m_isPackage)
         return m_loaderText;
-    QByteArray data;
-    if (!entryData(m_loaderText, &data, error))
-        return QString();
-    QFile file(dir.absoluteFilePath(QFileInfo(m_loaderText).fileName()));
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate) || file.write(data) != data.size()) {
+    QSaveFile file(exportedLoaderPath(dir));
+    if (!file.open(QIODevice::WriteOnly) ||
+        m_package->copyEntry(m_loaderText, &file) != EspPackage::EntryStatus::Ok ||
+        !file.commit()) {
         *error = dialogText(QT_TRANSLATE_NOOP("ESPFlasher", "Cannot write to %1: %2"))
                      .arg(file.fileName(), file.errorString());
         return QString();
     }
     return file.fileName();
+}
+
+QString ScatterInput::exportedLoaderPath(const QDir &dir) const
+{
+    return dir.absoluteFilePath(QFileInfo(m_loaderText).fileName());
 }

@@ -5,7 +5,6 @@
 
 #include <QByteArray>
 #include <QDir>
-#include <QHash>
 #include <QJsonObject>
 #include <QString>
 #include <QVariant>
@@ -14,13 +13,12 @@
 #include <memory>
 
 class EspPackage;
-class QBuffer;
 class QIODevice;
 
 // The scatter file or package a command works on, loaded once and shared by every board.
 // Validation is the library's: once up front against the document's own chip (files,
 // checksums, loader, questions answered once), then for every board against its chip.
-// Package entries are read once and handed to the workers as in-memory copies.
+// A package entry is handed to a worker as a temporary file of its own, one at a time.
 // Lives in the main thread; nothing here is touched by a worker.
 class ScatterInput
 {
@@ -36,7 +34,9 @@ public:
     // Every check but the chip, with questions and notices going to sink.
     bool preflight(const CliScatterPrompts::Sink &sink, QString *error);
     // The check a board makes once it is identified; answers as the preflight did, silently.
-    bool validate(const QString &chipDescription, QVector<ScatterSection> *rows, QString *error);
+    // A package must fit the board's flash (flashSize bytes, 0: not known).
+    bool validate(const QString &chipDescription, quint32 flashSize, QVector<ScatterSection> *rows,
+                  QString *error);
 
     bool isPackage() const { return m_isPackage; }
     QString path() const { return m_path; }
@@ -51,20 +51,23 @@ public:
     // True when the preflight failed because a question was answered No for want of --yes.
     bool needsYes() const { return m_needsYes; }
 
-    // The "load stub" parameter: the loader's path, or a descriptor of an in-memory copy of the
-    // package entry (kept alive by *holder until the command finished).
-    bool loaderParameter(QVariant *parameter, std::unique_ptr<QBuffer> *holder, QString *error);
+    // The "load stub" parameter: the loader's path, or a descriptor of a copy of the package
+    // entry (kept alive by *holder until the command finished).
+    bool loaderParameter(QVariant *parameter, std::unique_ptr<QIODevice> *holder, QString *error);
     // The file parameter of a row's write command, the same way.
     bool rowParameter(const ScatterSection &row, QVariant *parameter,
-                      std::unique_ptr<QBuffer> *holder, QString *error);
+                      std::unique_ptr<QIODevice> *holder, QString *error);
     // The flash loader as a file in dir, for a scatter written there: a loose loader stays
     // where it is; a package's loader is copied out. Empty with *error on failure.
     QString exportLoader(const QDir &dir, QString *error);
+    // Where exportLoader() puts a package's loader.
+    QString exportedLoaderPath(const QDir &dir) const;
     // The row's bytes as an open, seekable device (for the image a verify expects).
     std::unique_ptr<QIODevice> openRow(const ScatterSection &row, QString *error);
 
 private:
-    bool entryData(const QString &name, QByteArray *data, QString *error);
+    // A copy of a package entry in a temporary file, open at its start.
+    std::unique_ptr<QIODevice> extractEntry(const QString &name, QString *error);
     bool run(const QString &chipDescription, CliScatterPrompts &prompts,
              QVector<ScatterSection> *rows, QString *loaderText, QString *error);
 
@@ -74,7 +77,6 @@ private:
     bool m_isPackage = false;
     QJsonObject m_document;
     std::unique_ptr<EspPackage> m_package;
-    QHash<QString, QByteArray> m_entries;
     QVector<ScatterSection> m_rows;
     QString m_loaderText;
     bool m_needsYes = false;

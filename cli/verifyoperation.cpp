@@ -17,7 +17,7 @@ bool VerifyOperation::begin(BoardContext &board)
         return true;
     }
     QString error;
-    if (!m_input->validate(board.chipDescription(), &m_rows, &error)) {
+    if (!m_input->validate(board.chipDescription(), board.detectedFlashSize(), &m_rows, &error)) {
         board.log(FlashPlan::Tone::Error, error);
         return false;
     }
@@ -43,13 +43,17 @@ BoardOperation::Step VerifyOperation::nextRow(BoardContext &board, FlashPlan::Co
         const ScatterSection &row = m_rows.at(m_index);
         if (!row.hasCells || !row.active)
             continue;
-        QString error;
-        const std::unique_ptr<QIODevice> image = m_input->openRow(row, &error);
-        if (!image) {
-            board.log(FlashPlan::Tone::Error, error);
-            ++m_checked;
-            ++m_failures;
-            continue;
+        // Only a firmware row with a saved md5 needs its image: the header is patched on writing.
+        std::unique_ptr<QIODevice> image;
+        if (!row.md5.isEmpty() && !row.isApplication()) {
+            QString error;
+            image = m_input->openRow(row, &error);
+            if (!image) {
+                board.log(FlashPlan::Tone::Error, error);
+                ++m_checked;
+                ++m_failures;
+                continue;
+            }
         }
         QString expected;
         FlashPlan::Line line;

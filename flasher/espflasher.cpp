@@ -11,6 +11,7 @@
 #include "serial/qcomport.h"
 #include "widgets/flashtypeselector.h"
 #include "widgets/qautoclosemessagebox.h"
+#include "widgets/textbrowserscroll.h"
 #include "widgets/texthelpers.h"
 #include "wizard/espscatterwizard.h"
 #include "worker/esptoolworker.h"
@@ -19,7 +20,6 @@
 
 #include <QAbstractItemView>
 #include <QAction>
-#include <QBuffer>
 #include <QCoreApplication>
 #include <QDir>
 #include <QEventLoop>
@@ -32,6 +32,7 @@
 #include <QProgressDialog>
 #include <QSet>
 #include <QSettings>
+#include <QTemporaryFile>
 #include <QTextCursor>
 #include <QTimer>
 
@@ -567,8 +568,9 @@ bool ESPFlasher::startLoadStub()
 {
     const QString stub = ui->stubEdit->text();
     QVariant source;
-    // A relative name with a package open is an entry; an absolute path is read from disk.
-    if (zip && QDir::isRelativePath(stub)) {
+    // With a package open the loader is its entry, whatever the name looks like: a package
+    // never makes the tool read a file on this computer.
+    if (zip) {
         if (packageFile) {
             QMessageBox::critical(this, tr("Flash Loader"),
                                   tr("The device is busy. Please try again later."),
@@ -576,9 +578,9 @@ bool ESPFlasher::startLoadStub()
             cancelStubWait();
             return false;
         }
-        QByteArray bytes;
-        const EspPackage::EntryStatus status = zip->readEntry(stub, &bytes);
-        if (status != EspPackage::EntryStatus::Ok) {
+        EspPackage::EntryStatus status = EspPackage::EntryStatus::Ok;
+        std::unique_ptr<QTemporaryFile> entry = zip->extractEntry(stub, &status);
+        if (!entry) {
             const QString text = status == EspPackage::EntryStatus::NotFound
                                      ? tr("The stub file %1 is not in the package").arg(stub)
                                      : tr("The stub file %1 cannot be read").arg(stub);
@@ -586,7 +588,7 @@ bool ESPFlasher::startLoadStub()
             cancelStubWait();
             return false;
         }
-        source = handOverPackageEntry(bytes, stub);
+        source = handOverPackageEntry(std::move(entry), stub);
     } else {
         const QString path = resolveScatterPath(stub);
         // An empty name resolves to the folder itself, which is no loader either.
@@ -701,12 +703,12 @@ void ESPFlasher::writeNextSection()
                                  QMessageBox::Ok);
             return;
         }
-        QByteArray bytes;
-        if (!readPackageEntry(file, &bytes)) {
+        std::unique_ptr<QTemporaryFile> entry = extractPackageEntry(file);
+        if (!entry) {
             scheduleAutoClose(false, tr("Invalid package"));
             return;
         }
-        source = handOverPackageEntry(bytes, file);
+        source = handOverPackageEntry(std::move(entry), file);
     } else {
         // A missing file fails in the worker.
         source = resolveScatterPath(file);
@@ -758,16 +760,13 @@ void ESPFlasher::stubLoadFinished()
     }
 }
 
-QVariant ESPFlasher::handOverPackageEntry(const QByteArray &bytes, const QString &name)
+QVariant ESPFlasher::handOverPackageEntry(std::unique_ptr<QIODevice> entry, const QString &name)
 {
-    // The worker reads a copy in memory, so its thread never touches the archive.
-    auto buffer = std::make_unique<QBuffer>(this);
-    buffer->setData(bytes);
-    buffer->open(QIODevice::ReadWrite);
+    // The worker reads a copy of the entry, so its thread never touches the archive.
     IODeviceDescriptor descriptor;
-    descriptor.device = buffer.get();
+    descriptor.device = entry.get();
     descriptor.description = name;
-    packageFile = std::move(buffer);
+    packageFile = std::move(entry);
     return QVariant::fromValue(descriptor);
 }
 
@@ -808,30 +807,25 @@ void ESPFlasher::on_readTool_clicked()
 
 bool ESPFlasher::useScatterAsTemplate(const QString &scatter)
 {
-    QString target = QFileDialog::getSaveFileName(
-        this, tr("Save As"), QFileInfo(scatter).absolutePath(), tr("Scatter files (*.txt)"));
+    const QString target = chooseScatterTarget(QFileInfo(scatter).absolutePath());
     if (target.isEmpty())
         return false;
-    target = withTxtSuffix(target);
-    QSettings().setValue(QLatin1String(scatterDirKey), QFileInfo(target).absolutePath());
 
-    // Reading must not overwrite files that are already there.
+    // Reading must not overwrite files that are already there: a taken name is replaced by one
+    // the user gives, which must be free too.
     const QDir targetDir = QFileInfo(target).absoluteDir();
     for (int row = 0; row < ui->scatterTable->rowCount(); ++row) {
         QTableWidgetItem *source = ui->scatterTable->item(row, SourceColumn);
-        if (!source)
-            continue;
-        const QString name = QFileInfo(source->text()).fileName();
-        if (!targetDir.exists(name))
-            continue;
-        bool accepted = false;
-        const QString other = QInputDialog::getText(
-            this, tr("Read Flash Memory"),
-            tr("File with the same name already exists. Please choose another name:"),
-            QLineEdit::Normal, name, &accepted);
-        if (!accepted || other.isEmpty())
-            return false;
-        source->setText(other);
+        while (source && targetDir.exists(source->text())) {
+            bool accepted = false;
+            const QString other = QInputDialog::getText(
+                this, tr("Read Flash Memory"),
+                tr("File with the same name already exists. Please choose another name:"),
+                QLineEdit::Normal, QFileInfo(source->text()).fileName(), &accepted);
+            if (!accepted || other.isEmpty())
+                return false;
+            source->setText(other);
+        }
     }
     ui->scatterEdit->setText(target);
     return true;
@@ -839,23 +833,49 @@ bool ESPFlasher::useScatterAsTemplate(const QString &scatter)
 
 bool ESPFlasher::composeScatter()
 {
-    QString target = QFileDialog::getSaveFileName(
-        this, tr("Save As"), QSettings().value(QLatin1String(scatterDirKey)).toString(),
-        tr("Scatter files (*.txt)"));
+    const QString target =
+        chooseScatterTarget(QSettings().value(QLatin1String(scatterDirKey)).toString());
     if (target.isEmpty())
         return false;
-    target = withTxtSuffix(target);
-    QSettings().setValue(QLatin1String(scatterDirKey), QFileInfo(target).absolutePath());
 
     EspScatterWizard wizard(this);
     if (wizard.exec() != QDialog::Accepted || wizard.scatter().isEmpty())
         return false;
-    // Not strict: the chip and the loader come from the dialog, the files do not exist yet.
     QJsonObject scatter = wizard.scatter();
+    const QDir targetDir = QFileInfo(target).absoluteDir();
+    for (const QJsonValue &section : scatter.value(QLatin1String("sections")).toArray()) {
+        const QString file = section.toObject().value(QLatin1String("file")).toString();
+        if (!confirmReplacing(targetDir.absoluteFilePath(file)))
+            return false;
+    }
+    // Not strict: the chip and the loader come from the dialog, the files do not exist yet.
     QString error;
     parseScatterObject(scatter, false, QFileInfo(), &error);
     ui->scatterEdit->setText(target);
     return true;
+}
+
+QString ESPFlasher::chooseScatterTarget(const QString &startDir)
+{
+    // The dialog's own overwrite question would see the name before ".txt" is added: the
+    // question is asked here, about the file that is replaced.
+    const QString chosen =
+        QFileDialog::getSaveFileName(this, tr("Save As"), startDir, tr("Scatter files (*.txt)"),
+                                     nullptr, QFileDialog::DontConfirmOverwrite);
+    if (chosen.isEmpty())
+        return QString();
+    const QString target = withTxtSuffix(chosen);
+    QSettings().setValue(QLatin1String(scatterDirKey), QFileInfo(target).absolutePath());
+    return confirmReplacing(target) ? target : QString();
+}
+
+bool ESPFlasher::confirmReplacing(const QString &path)
+{
+    if (!QFileInfo::exists(path))
+        return true;
+    return QMessageBox::question(
+               this, tr("Read Flash Memory"), tr("File %1 already exists. Replace it?").arg(path),
+               QMessageBox::Yes | QMessageBox::No, QMessageBox::No) == QMessageBox::Yes;
 }
 
 void ESPFlasher::startReading()
@@ -1040,29 +1060,32 @@ bool ESPFlasher::expectedMd5ForRow(const ScatterSection &row, QString *md5)
     return true;
 }
 
-bool ESPFlasher::readPackageEntry(const QString &file, QByteArray *bytes)
+std::unique_ptr<QTemporaryFile> ESPFlasher::extractPackageEntry(const QString &file)
 {
-    const EspPackage::EntryStatus status = zip->readEntry(file, bytes);
-    if (status == EspPackage::EntryStatus::Ok)
-        return true;
-    const QString text = status == EspPackage::EntryStatus::NotFound
-                             ? tr("File %1 is not in the package").arg(file)
-                             : tr("File %1 cannot be read (%2)").arg(file).arg(zip->zipError());
+    EspPackage::EntryStatus status = EspPackage::EntryStatus::Ok;
+    std::unique_ptr<QTemporaryFile> entry = zip->extractEntry(file, &status);
+    if (entry)
+        return entry;
+    QString text;
+    switch (status) {
+    case EspPackage::EntryStatus::NotFound:
+        text = tr("File %1 is not in the package").arg(file);
+        break;
+    case EspPackage::EntryStatus::OutputFailed:
+        text = tr("File %1 cannot be read (%2)").arg(file, zip->outputError());
+        break;
+    default:
+        text = tr("File %1 cannot be read (%2)").arg(file).arg(zip->zipError());
+        break;
+    }
     QMessageBox::critical(this, tr("Flash Loader"), text, QMessageBox::Ok);
-    return false;
+    return nullptr;
 }
 
 std::unique_ptr<QIODevice> ESPFlasher::openSectionImage(const QString &file)
 {
-    if (zip) {
-        QByteArray bytes;
-        if (!readPackageEntry(file, &bytes))
-            return nullptr;
-        auto buffer = std::make_unique<QBuffer>();
-        buffer->setData(bytes);
-        buffer->open(QIODevice::ReadOnly);
-        return buffer;
-    }
+    if (zip)
+        return extractPackageEntry(file);
     auto image = std::make_unique<QFile>(resolveScatterPath(file));
     if (!image->open(QIODevice::ReadOnly)) {
         QMessageBox::critical(this, tr("Flash Loader"),
@@ -1101,7 +1124,7 @@ bool ESPFlasher::on_scatterSelTool_clicked()
 bool ESPFlasher::loadScatter(const QString &path)
 {
     ScatterLoader loader;
-    if (!loader.load(path)) {
+    if (!loader.load(path, detectedFlashSize)) {
         clearScatterTable();
         QMessageBox::warning(this, tr("Select scatter file"), loader.error());
         return false;

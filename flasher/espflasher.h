@@ -1,10 +1,10 @@
 #pragma once
 
-#include "esputility_global.h"
-#include "flasher/flashplan.h"
-#include "flasher/scatterprompts.h"
-#include "flasher/scattersection.h"
-#include "serial/qcomport.h"
+#include <esputility/esputility_global.h>
+#include <esputility/flashplan.h>
+#include <esputility/qcomport.h>
+#include <esputility/scatterprompts.h>
+#include <esputility/scattersection.h>
 
 #include <QDialog>
 #include <QJsonObject>
@@ -22,6 +22,7 @@ class QAction;
 class QFileInfo;
 class QIODevice;
 class QProgressDialog;
+class QTemporaryFile;
 class Ui_ESPFlasher;
 
 // The main window of the utility: connects to a board through the operation worker, loads
@@ -155,6 +156,11 @@ private:
     // Reading flash into a scatter file.
     bool useScatterAsTemplate(const QString &scatter);
     bool composeScatter();
+    // The scatter file a read saves, with ".txt"; empty when cancelled or when the user keeps
+    // the file that is there.
+    QString chooseScatterTarget(const QString &startDir);
+    // Asks before a read replaces a file that is there; false when the user keeps it.
+    bool confirmReplacing(const QString &path);
     void startReading();
     void readNextSection();
     void sectionRead();
@@ -166,14 +172,15 @@ private:
     // sure that the loader runs. False when cancelled or not usable (a format error is logged).
     bool askRegion(const QString &title, const QString &preset, bool erase, FlashRegion *region);
     bool expectedMd5ForRow(const ScatterSection &row, QString *md5);
-    // Reads an entry of the open package; a missing or unreadable one is reported in a box.
-    bool readPackageEntry(const QString &file, QByteArray *bytes);
+    // An entry of the open package copied into a temporary file; a missing or unreadable one
+    // is reported in a box.
+    std::unique_ptr<QTemporaryFile> extractPackageEntry(const QString &file);
     std::unique_ptr<QIODevice> openSectionImage(const QString &file);
 
     void stubLoadFinished();
-    // A copy of a package entry in a buffer of the dialog, kept as packageFile until the
-    // worker has finished with it.
-    QVariant handOverPackageEntry(const QByteArray &bytes, const QString &name);
+    // A copy of a package entry for the worker, kept as packageFile until the worker has
+    // finished with it.
+    QVariant handOverPackageEntry(std::unique_ptr<QIODevice> entry, const QString &name);
     // A scatter file name as a path: relative names resolve against the scatter file's folder.
     QString resolveScatterPath(const QString &path) const;
     bool rowActive(int row) const;
@@ -199,7 +206,7 @@ private:
     QProgressDialog *stubWaitDialog = nullptr;
     // The open package; null while a loose scatter file (or nothing) is loaded.
     std::unique_ptr<EspPackage> zip;
-    // The package entry copied into memory for the worker; non-null while the worker uses it.
+    // The copy of a package entry handed to the worker; non-null while the worker uses it.
     std::unique_ptr<QIODevice> packageFile;
     bool stubLoaded = false;
     RUN_MODE runMode;

@@ -1,11 +1,14 @@
 #include "flasher/esppackage.h"
 
 #include <QCryptographicHash>
+#include <QTemporaryFile>
 #include <QVector>
 
 #include <quazip.h>
 #include <quazipfile.h>
 #include <quazipfileinfo.h>
+
+#include <limits>
 
 const char *const EspPackage::stubEntryName = "esp8266_loader_stub.elf";
 const char *const EspPackage::scatterEntryName = "scatter.txt";
@@ -42,9 +45,10 @@ const QVector<QByteArray> &packageSalt()
 
 // Bit 0 of the general purpose flags: the entry is encrypted.
 constexpr quint16 encryptedEntryFlag = 0x0001;
-// Largest entry read into memory, in bytes: far above any ESP8266 flash (16 MiB), low enough
-// that a forged size field cannot make us allocate without bound.
-constexpr quint64 maxEntryBytes = 64u * 1024u * 1024u;
+// Largest entry read into memory as a whole, in bytes: a scatter file is far smaller.
+constexpr quint64 maxWholeEntryBytes = EspPackage::largestFlashBytes;
+// Entries are read in pieces of this many bytes.
+constexpr qint64 readPieceBytes = 64 * 1024;
 
 } // namespace
 
@@ -60,6 +64,11 @@ QByteArray EspPackage::password(const QString &comment)
     if (zero >= 0)
         digest.truncate(zero);
     return digest;
+}
+
+quint64 EspPackage::sizeLimit(quint32 flashSize)
+{
+    return flashSize != 0 ? flashSize : largestFlashBytes;
 }
 
 EspPackage::EspPackage(const QString &path) : m_path(path) {}
@@ -83,8 +92,23 @@ bool EspPackage::open()
     // Listed once: the archive code lists relative to its current entry, and on a damaged
     // archive a second listing may come back empty although the first one found every entry.
     m_names = m_zip->getFileNameList();
+    sumSizes();
     m_password = password(comment());
     return true;
+}
+
+void EspPackage::sumSizes()
+{
+    // Record by record: one that cannot be read must not hide the sizes of the others.
+    m_totalSize = 0;
+    for (bool more = m_zip->goToFirstFile(); more; more = m_zip->goToNextFile()) {
+        QuaZipFileInfo64 info;
+        if (!m_zip->getCurrentFileInfo(&info))
+            continue;
+        // Saturating: sizes near 2^64 from a forged record must not wrap to a small sum.
+        const quint64 room = std::numeric_limits<quint64>::max() - m_totalSize;
+        m_totalSize += qMin(room, info.uncompressedSize);
+    }
 }
 
 void EspPackage::close()
@@ -93,6 +117,7 @@ void EspPackage::close()
         m_zip->close();
     m_zip.reset();
     m_names.clear();
+    m_totalSize = 0;
 }
 
 bool EspPackage::isOpen() const
@@ -131,6 +156,64 @@ EspPackage::EntryStatus EspPackage::readEntry(const QString &name, QByteArray *d
     QByteArray bytes;
     if (data)
         data->clear();
+    if (uncompressedSize(name) > qint64(maxWholeEntryBytes)) {
+        m_zipError = UNZ_BADZIPFILE;
+        return EntryStatus::Corrupt;
+    }
+    const EntryStatus status = streamEntry(name, [&bytes](const QByteArray &piece) {
+        bytes.append(piece);
+        return true;
+    });
+    if (status == EntryStatus::Ok && data)
+        *data = bytes;
+    return status;
+}
+
+EspPackage::EntryStatus EspPackage::copyEntry(const QString &name, QIODevice *out)
+{
+    return streamEntry(name, [this, out](const QByteArray &piece) {
+        if (out->write(piece) == piece.size())
+            return true;
+        m_outputError = out->errorString();
+        return false;
+    });
+}
+
+EspPackage::EntryStatus EspPackage::entryMd5(const QString &name, QByteArray *md5)
+{
+    QCryptographicHash hash(QCryptographicHash::Md5);
+    const EntryStatus status = streamEntry(name, [&hash](const QByteArray &piece) {
+        hash.addData(piece);
+        return true;
+    });
+    if (md5)
+        *md5 = status == EntryStatus::Ok ? hash.result() : QByteArray();
+    return status;
+}
+
+std::unique_ptr<QTemporaryFile> EspPackage::extractEntry(const QString &name, EntryStatus *status)
+{
+    auto file = std::make_unique<QTemporaryFile>();
+    EntryStatus result = EntryStatus::OutputFailed;
+    if (!file->open()) {
+        m_outputError = file->errorString();
+    } else {
+        result = copyEntry(name, file.get());
+        if (result == EntryStatus::Ok && (!file->flush() || !file->seek(0))) {
+            m_outputError = file->errorString();
+            result = EntryStatus::OutputFailed;
+        }
+    }
+    if (status)
+        *status = result;
+    if (result != EntryStatus::Ok)
+        file.reset();
+    return file;
+}
+
+EspPackage::EntryStatus EspPackage::streamEntry(const QString &name,
+                                                const std::function<bool(const QByteArray &)> &sink)
+{
     if (!isOpen()) {
         m_zipError = UNZ_PARAMERROR;
         return EntryStatus::CannotOpen;
@@ -150,29 +233,44 @@ EspPackage::EntryStatus EspPackage::readEntry(const QString &name, QByteArray *d
         return EntryStatus::Corrupt;
     }
 
-    if (info.uncompressedSize > maxEntryBytes) {
-        m_zipError = UNZ_BADZIPFILE;
-        return EntryStatus::Corrupt;
-    }
-
     QuaZipFile entry(m_zip.get());
     if (!entry.open(QIODevice::ReadOnly, m_password.constData())) {
         m_zipError = entry.getZipError() != UNZ_OK ? entry.getZipError() : m_zip->getZipError();
         return EntryStatus::CannotOpen;
     }
-    bytes = entry.readAll();
+    quint64 received = 0;
+    bool stored = true;
+    bool tooLong = false;
+    QByteArray piece(int(readPieceBytes), Qt::Uninitialized);
+    for (;;) {
+        const qint64 size = entry.read(piece.data(), readPieceBytes);
+        if (size <= 0)
+            break;
+        // Never more than the record says, whatever the compressed data unpacks to.
+        if (received + quint64(size) > info.uncompressedSize) {
+            tooLong = true;
+            break;
+        }
+        received += quint64(size);
+        if (!sink(piece.left(int(size)))) {
+            stored = false;
+            break;
+        }
+    }
     const int readError = entry.getZipError();
     entry.close();
     // A wrong password yields bytes that fail inflation or the CRC check at close.
     const int closeError = entry.getZipError();
-    if (readError != UNZ_OK || closeError != UNZ_OK ||
-        static_cast<quint64>(bytes.size()) != info.uncompressedSize) {
+    if (!stored) {
+        m_zipError = UNZ_OK;
+        return EntryStatus::OutputFailed;
+    }
+    if (tooLong || readError != UNZ_OK || closeError != UNZ_OK ||
+        received != info.uncompressedSize) {
         m_zipError =
             readError != UNZ_OK ? readError : (closeError != UNZ_OK ? closeError : UNZ_BADZIPFILE);
         return EntryStatus::Corrupt;
     }
     m_zipError = UNZ_OK;
-    if (data)
-        *data = bytes;
     return EntryStatus::Ok;
 }

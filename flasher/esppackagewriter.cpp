@@ -1,6 +1,7 @@
 #include "flasher/esppackagewriter.h"
 
 #include "flasher/esppackage.h"
+#include "flasher/packagefile.h"
 #include "flasher/scatterwriter.h"
 #include "widgets/texthelpers.h"
 
@@ -27,16 +28,27 @@ QString dialogText(const char *source)
     return QCoreApplication::translate("ESPFlasher", source);
 }
 
+QString ownSourceMessage(const QString &target, const QString &source)
+{
+    return dialogText(
+               QT_TRANSLATE_NOOP("ESPFlasher", "Package %1 would replace its source file %2"))
+        .arg(target, source);
+}
+
 } // namespace
 
-EspPackageWriter::EspPackageWriter(LogSink log) : m_log(std::move(log)) {}
+EspPackageWriter::EspPackageWriter(LogSink log)
+    : m_log(std::move(log)), m_file(std::make_unique<PackageFile>())
+{}
+
+QString EspPackageWriter::target() const
+{
+    return m_file->fileName();
+}
 
 EspPackageWriter::~EspPackageWriter()
 {
-    if (m_zip && m_zip->isOpen())
-        m_zip->close();
-    m_zip.reset();
-    m_file.close();
+    discard();
 }
 
 QString EspPackageWriter::withZipSuffix(const QString &fileName)
@@ -56,6 +68,7 @@ bool EspPackageWriter::failed(const QString &message)
 {
     m_lastError = message;
     log(Severity::Error, message);
+    discard();
     return false;
 }
 
@@ -66,30 +79,59 @@ bool EspPackageWriter::ready()
     return failed(dialogText(QT_TRANSLATE_NOOP("ESPFlasher", "No package is open for writing")));
 }
 
-bool EspPackageWriter::open(const QString &target)
+void EspPackageWriter::discard()
 {
+    if (m_file->isOpen())
+        m_file->cancelWriting();
     if (m_zip && m_zip->isOpen())
         m_zip->close();
     m_zip.reset();
-    m_file.close();
+    // A cancelled file is removed, not moved over the target.
+    if (m_file->isOpen())
+        m_file->commit();
+}
+
+bool EspPackageWriter::isTarget(const QString &source) const
+{
+    return !m_canonicalTarget.isEmpty() &&
+           QFileInfo(source).canonicalFilePath() == m_canonicalTarget;
+}
+
+QString EspPackageWriter::writeError(const QuaZipFile &entry) const
+{
+    return m_file->firstWriteError().isEmpty() ? entry.errorString() : m_file->firstWriteError();
+}
+
+bool EspPackageWriter::targetFailed(const QString &reason)
+{
+    return failed(dialogText(QT_TRANSLATE_NOOP("ESPFlasher", "File %1 is not writable: %2"))
+                      .arg(m_file->fileName(), reason));
+}
+
+bool EspPackageWriter::open(const QString &target)
+{
+    discard();
     m_sections = QJsonArray();
+    m_entrySources.clear();
     m_lastError.clear();
 
-    m_file.setFileName(target);
-    const QString notWritable =
-        dialogText(QT_TRANSLATE_NOOP("ESPFlasher", "File %1 is not writable: %2"));
-    if (!m_file.open(QIODevice::WriteOnly | QIODevice::Truncate))
-        return failed(notWritable.arg(m_file.fileName(), m_file.errorString()));
+    m_file->setFileName(target);
+    m_file->clearWriteError();
+    m_canonicalTarget = QFileInfo(target).canonicalFilePath();
+    // Unbuffered: a write that fails says so at once, with the system's reason.
+    if (!m_file->open(QIODevice::WriteOnly | QIODevice::Unbuffered))
+        return targetFailed(m_file->errorString());
 
-    m_zip = std::make_unique<QuaZip>(&m_file);
+    m_zip = std::make_unique<QuaZip>(m_file.get());
+    // The file is committed or dropped here, not by the archive.
+    m_zip->setAutoClose(false);
     m_zip->setCommentCodec("UTF-8");
     // Entry names are flagged as UTF-8 so that they read back the same under any locale.
     m_zip->setUtf8Enabled(true);
     if (!m_zip->open(QuaZip::mdCreate)) {
         const int code = m_zip->getZipError();
-        m_zip.reset();
-        m_file.close();
-        return failed(notWritable.arg(m_file.fileName(), QStringLiteral("zip error %1").arg(code)));
+        discard();
+        return targetFailed(QStringLiteral("zip error %1").arg(code));
     }
     setDescription(QString());
     return true;
@@ -125,17 +167,40 @@ bool EspPackageWriter::addStub(const QString &loaderPath)
     const QString message =
         dialogText(QT_TRANSLATE_NOOP("ESPFlasher", "Stub file could not be copied: %1"));
     QFile stub(loaderPath);
+    if (isTarget(stub.fileName()))
+        return failed(ownSourceMessage(m_file->fileName(), stub.fileName()));
     if (!stub.open(QIODevice::ReadOnly))
         return failed(message.arg(stub.errorString()));
 
-    QuaZipFile entry(m_zip.get());
-    if (!openEntry(entry, QString::fromLatin1(EspPackage::stubEntryName), stub.fileName()))
-        return failed(message.arg(entry.errorString()));
-    const QByteArray data = stub.readAll();
+    const QString name = QString::fromLatin1(EspPackage::stubEntryName);
+    QCryptographicHash unused(QCryptographicHash::Md5);
+    QString error;
+    const bool written = writeEntry(
+        name, stub.fileName(), [&](QuaZipFile &entry) { return copyPlain(stub, entry, unused); },
+        &error);
     if (stub.error() != QFileDevice::NoError)
         return failed(message.arg(stub.errorString()));
-    if (entry.write(data) != data.size() || !closeEntry(entry))
-        return failed(message.arg(entry.errorString()));
+    if (!written)
+        return targetFailed(error);
+    m_entrySources.insert(name, stub.fileName());
+    return true;
+}
+
+bool EspPackageWriter::writeEntry(const QString &name, const QString &sourcePath,
+                                  const std::function<bool(QuaZipFile &)> &copy, QString *error)
+{
+    // The entry is gone before the caller handles a failure, which drops the archive: an entry
+    // whose closing failed still refers to it.
+    QuaZipFile entry(m_zip.get());
+    if (!openEntry(entry, name, sourcePath)) {
+        *error = writeError(entry);
+        return false;
+    }
+    const bool copied = copy(entry);
+    if (!closeEntry(entry) || !copied) {
+        *error = writeError(entry);
+        return false;
+    }
     return true;
 }
 
@@ -187,23 +252,41 @@ bool EspPackageWriter::addSection(const ScatterSection &row, const QDir &scatter
     const QString message =
         dialogText(QT_TRANSLATE_NOOP("ESPFlasher", "File %1 could not be copied: %2"));
     QFile source(scatterDir.absoluteFilePath(row.file));
+    const QString entryName = QFileInfo(source.fileName()).fileName();
+    if (isTarget(source.fileName()))
+        return failed(ownSourceMessage(m_file->fileName(), source.fileName()));
+    if (entryName == QLatin1String(EspPackage::stubEntryName) ||
+        entryName == QLatin1String(EspPackage::scatterEntryName)) {
+        return failed(dialogText(QT_TRANSLATE_NOOP("ESPFlasher",
+                                                   "Section file %1 cannot be packed: the package "
+                                                   "keeps its own %2 under that name"))
+                          .arg(source.fileName(), entryName));
+    }
+    if (m_entrySources.contains(entryName)) {
+        return failed(
+            dialogText(QT_TRANSLATE_NOOP("ESPFlasher",
+                                         "Section files %1 and %2 would both be stored as %3"))
+                .arg(m_entrySources.value(entryName), source.fileName(), entryName));
+    }
     if (!source.open(QIODevice::ReadOnly))
         return failed(message.arg(source.fileName(), source.errorString()));
-
-    const QString entryName = QFileInfo(source.fileName()).fileName();
-    QuaZipFile entry(m_zip.get());
-    if (!openEntry(entry, entryName, source.fileName()))
-        return failed(message.arg(source.fileName(), entry.errorString()));
 
     QCryptographicHash md5(QCryptographicHash::Md5);
     int droppedBlocks = 0;
     const bool trim = trimApplications && row.isApplication();
-    const bool copied =
-        trim ? copyTrimmed(source, entry, md5, &droppedBlocks) : copyPlain(source, entry, md5);
+    QString error;
+    const bool written = writeEntry(
+        entryName, source.fileName(),
+        [&](QuaZipFile &entry) {
+            return trim ? copyTrimmed(source, entry, md5, &droppedBlocks)
+                        : copyPlain(source, entry, md5);
+        },
+        &error);
     if (source.error() != QFileDevice::NoError)
         return failed(message.arg(source.fileName(), source.errorString()));
-    if (!copied || !closeEntry(entry))
-        return failed(message.arg(source.fileName(), entry.errorString()));
+    if (!written)
+        return targetFailed(error);
+    m_entrySources.insert(entryName, source.fileName());
 
     if (droppedBlocks > 0) {
         // Counted in whole blocks even when the last dropped piece was shorter.
@@ -238,25 +321,27 @@ bool EspPackageWriter::finish(const QString &chipDescription)
     if (!ready())
         return false;
     const QString name = QString::fromLatin1(EspPackage::scatterEntryName);
-    const QString message =
-        dialogText(QT_TRANSLATE_NOOP("ESPFlasher", "File %1 could not be copied: %2"));
     const QByteArray text =
         QJsonDocument(document(chipDescription)).toJson(QJsonDocument::Indented);
-    QuaZipFile entry(m_zip.get());
-    if (!openEntry(entry, name, QString()))
-        return failed(message.arg(name, entry.errorString()));
-    if (entry.write(text) != text.size() || !closeEntry(entry))
-        return failed(message.arg(name, entry.errorString()));
+    QString error;
+    if (!writeEntry(
+            name, QString(),
+            [&text](QuaZipFile &entry) { return entry.write(text) == text.size(); }, &error))
+        return targetFailed(error);
 
     m_zip->close();
     const int code = m_zip->getZipError();
     m_zip.reset();
-    m_file.close();
     if (code != ZIP_OK) {
-        return failed(dialogText(QT_TRANSLATE_NOOP("ESPFlasher", "File %1 is not writable: %2"))
-                          .arg(m_file.fileName(), QStringLiteral("zip error %1").arg(code)));
+        const QString reason = m_file->firstWriteError().isEmpty()
+                                   ? QStringLiteral("zip error %1").arg(code)
+                                   : m_file->firstWriteError();
+        return targetFailed(reason);
     }
+    // Only now is the target replaced, at once.
+    if (!m_file->commit())
+        return targetFailed(m_file->errorString());
     log(Severity::Success, dialogText(QT_TRANSLATE_NOOP("ESPFlasher", "Created zip package in %1"))
-                               .arg(m_file.fileName()));
+                               .arg(m_file->fileName()));
     return true;
 }

@@ -1,10 +1,10 @@
 #pragma once
 
-#include "esputility_global.h"
-#include "flasher/scattersection.h"
+#include <esputility/esputility_core_global.h>
+#include <esputility/scattersection.h>
 
 #include <QByteArray>
-#include <QFile>
+#include <QHash>
 #include <QJsonArray>
 #include <QString>
 #include <QVector>
@@ -16,14 +16,16 @@ class QCryptographicHash;
 class QDir;
 class QIODevice;
 class QuaZip;
+class PackageFile;
 class QuaZipFile;
 
 // Writes a package step by step, so that a caller can ask its questions in between:
 // open(target) -> setDescription() -> addStub() -> addSection() per active row -> finish().
 // Every entry is deflated and protected with the password of the description; "scatter.txt"
-// is written last, by finish(). A failed step logs its error and leaves the partly written
-// archive as it is (it is closed when the writer goes away).
-class ESPUTILITY_EXPORT EspPackageWriter
+// is written last, by finish(). The archive is written beside the target and moved over it only
+// by a successful finish(): a failed or refused step logs its error, and the target, a previous
+// package of that name included, stays as it was.
+class ESPUTILITY_CORE_EXPORT EspPackageWriter
 {
 public:
     enum class Severity { Success, Notice, Error };
@@ -47,6 +49,8 @@ public:
     // Copies one row's image; row.file is the "Source" text, relative names resolve against
     // scatterDir; the entry is named after the file-name part. With trimApplications, trailing
     // 0xFF blocks of application images are dropped. Error: "File %1 could not be copied: %2".
+    // Refused: a source that is the target, an entry name taken by another section or by the
+    // package's own loader and scatter entries.
     bool addSection(const ScatterSection &row, const QDir &scatterDir, bool trimApplications);
     // Every active row that has cells, in order; stops at the first failure.
     bool addSections(const QVector<ScatterSection> &rows, const QDir &scatterDir,
@@ -58,7 +62,7 @@ public:
     QJsonObject document(const QString &chipDescription) const;
     // The text of the last error logged, empty when none.
     QString lastError() const { return m_lastError; }
-    QString target() const { return m_file.fileName(); }
+    QString target() const;
 
 private:
     bool openEntry(QuaZipFile &entry, const QString &name, const QString &sourcePath);
@@ -66,14 +70,28 @@ private:
     bool copyTrimmed(QIODevice &source, QuaZipFile &entry, QCryptographicHash &md5,
                      int *droppedBlocks);
     bool closeEntry(QuaZipFile &entry);
+    // Opens the entry, lets `copy` write it and closes it. *error: why the archive failed.
+    bool writeEntry(const QString &name, const QString &sourcePath,
+                    const std::function<bool(QuaZipFile &)> &copy, QString *error);
     bool ready();
+    bool isTarget(const QString &source) const;
+    // Why writing an entry failed: the package file's error (a full disk) before the entry's.
+    QString writeError(const QuaZipFile &entry) const;
+    bool targetFailed(const QString &reason);
     bool failed(const QString &message);
+    // Drops the archive written so far; the target stays as it was.
+    void discard();
     void log(Severity severity, const QString &text) const;
 
     LogSink m_log;
-    QFile m_file;
+    // The archive goes into a temporary file that replaces the target on success only.
+    std::unique_ptr<PackageFile> m_file;
+    // The target as it is on disk (links resolved); empty when there is none yet.
+    QString m_canonicalTarget;
     std::unique_ptr<QuaZip> m_zip;
     QByteArray m_password;
     QJsonArray m_sections;
+    // Entry name -> the file stored under it.
+    QHash<QString, QString> m_entrySources;
     QString m_lastError;
 };

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "esputility_global.h"
-#include "flasher/scattersection.h"
+#include <esputility/esputility_core_global.h>
+#include <esputility/scattersection.h>
 
 #include <QString>
 #include <QVariant>
@@ -13,7 +13,7 @@ class QIODevice;
 // The rules that turn scatter rows into worker commands and worker results into log lines,
 // shared by every front end that drives the worker (the dialog, the command line). Texts are
 // the dialog's own, translated in its context.
-class ESPUTILITY_EXPORT FlashPlan
+class ESPUTILITY_CORE_EXPORT FlashPlan
 {
 public:
     // The log's three colours: green, amber and red.

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "esputility_global.h"
+#include <esputility/esputility_core_global.h>
 
 #include <QString>
 #include <QVariantList>
@@ -8,7 +8,7 @@
 // A flash region as users type it: "address:size" with both numbers in the syntax of
 // parseUnsignedInteger, or, for an erase only, the single value 0x911 that stands for the whole
 // chip. The command line also takes "address-end" (end exclusive).
-class ESPUTILITY_EXPORT FlashRegion
+class ESPUTILITY_CORE_EXPORT FlashRegion
 {
 public:
     enum class Parse {

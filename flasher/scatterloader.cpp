@@ -27,7 +27,7 @@ bool ScatterLoader::failed(const QString &message)
     return false;
 }
 
-bool ScatterLoader::load(const QString &path)
+bool ScatterLoader::load(const QString &path, quint32 flashSize)
 {
     m_package.reset();
     m_document = QJsonObject();
@@ -35,7 +35,7 @@ bool ScatterLoader::load(const QString &path)
     m_isPackage = isPackagePath(path);
 
     QByteArray bytes;
-    if (!(m_isPackage ? readPackage(path, &bytes) : readLooseFile(path, &bytes)))
+    if (!(m_isPackage ? readPackage(path, flashSize, &bytes) : readLooseFile(path, &bytes)))
         return false;
 
     QJsonParseError parseError;
@@ -50,7 +50,24 @@ bool ScatterLoader::load(const QString &path)
     return true;
 }
 
-bool ScatterLoader::readPackage(const QString &path, QByteArray *bytes)
+bool ScatterLoader::checkPackageSize(const EspPackage &package, quint32 flashSize, QString *error)
+{
+    const quint64 limit = EspPackage::sizeLimit(flashSize);
+    if (package.totalUncompressedSize() <= limit)
+        return true;
+    if (error) {
+        *error = QCoreApplication::translate(
+                     "ESPFlasher",
+                     "Package %1 unpacks to %2 bytes, more than the flash memory can hold (%3 "
+                     "bytes)")
+                     .arg(package.path())
+                     .arg(package.totalUncompressedSize())
+                     .arg(limit);
+    }
+    return false;
+}
+
+bool ScatterLoader::readPackage(const QString &path, quint32 flashSize, QByteArray *bytes)
 {
     m_package = std::make_unique<EspPackage>(path);
     if (!m_package->open()) {
@@ -58,6 +75,10 @@ bool ScatterLoader::readPackage(const QString &path, QByteArray *bytes)
             QCoreApplication::translate("ESPFlasher", "Package %1 is invalid and cannot be opened")
                 .arg(path));
     }
+    // Checked on the central directory, before anything is unpacked.
+    QString tooLarge;
+    if (!checkPackageSize(*m_package, flashSize, &tooLarge))
+        return failed(tooLarge);
     const QString name = QString::fromLatin1(EspPackage::scatterEntryName);
     switch (m_package->readEntry(name, bytes)) {
     case EspPackage::EntryStatus::Ok:
@@ -68,6 +89,7 @@ bool ScatterLoader::readPackage(const QString &path, QByteArray *bytes)
                 .arg(path));
     case EspPackage::EntryStatus::CannotOpen:
     case EspPackage::EntryStatus::Corrupt:
+    case EspPackage::EntryStatus::OutputFailed:
         break;
     }
     return failed(

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "esputility_global.h"
+#include <esputility/esputility_core_global.h>
 
 #include <QJsonObject>
 #include <QString>
@@ -13,7 +13,7 @@ class EspPackage;
 // package (any path ending in ".zip", whatever its letter case). Validation is the
 // ScatterValidator's job; this class only gets the document and, for a package, keeps the
 // archive open so that the caller can take it over.
-class ESPUTILITY_EXPORT ScatterLoader
+class ESPUTILITY_CORE_EXPORT ScatterLoader
 {
 public:
     ScatterLoader();
@@ -24,8 +24,11 @@ public:
     static bool isPackagePath(const QString &path);
 
     // On failure error() holds the text the dialog shows in its warning box, and no package
-    // stays open.
-    bool load(const QString &path);
+    // stays open. flashSize: the chip's flash in bytes (0: not known), which caps what a
+    // package may unpack to.
+    bool load(const QString &path, quint32 flashSize = 0);
+    // The same cap, for a package opened before the chip was known; *error: the refusal.
+    static bool checkPackageSize(const EspPackage &package, quint32 flashSize, QString *error);
 
     bool isPackage() const { return m_isPackage; }
     QJsonObject document() const { return m_document; }
@@ -41,7 +44,7 @@ public:
     static QString loadedPackageMessage(const QString &path, const QString &description);
 
 private:
-    bool readPackage(const QString &path, QByteArray *bytes);
+    bool readPackage(const QString &path, quint32 flashSize, QByteArray *bytes);
     bool readLooseFile(const QString &path, QByteArray *bytes);
     bool failed(const QString &message);
 

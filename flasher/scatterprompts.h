@@ -1,13 +1,13 @@
 #pragma once
 
-#include "esputility_global.h"
+#include <esputility/esputility_core_global.h>
 
 #include <QString>
 
 // The questions a scatter validation may need answered, in the order it asks them. The dialog
 // answers with message boxes and its log; the command line with flags. Every question text
 // arrives already built and translated, so no caller words them again.
-class ESPUTILITY_EXPORT ScatterPrompts
+class ESPUTILITY_CORE_EXPORT ScatterPrompts
 {
 public:
     virtual ~ScatterPrompts();

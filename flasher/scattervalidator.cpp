@@ -79,10 +79,8 @@ public:
     bool checksums() const override { return true; }
     bool digest(const QString &file, QByteArray *md5, QString *error) override
     {
-        QByteArray data;
-        switch (m_package.readEntry(file, &data)) {
+        switch (m_package.entryMd5(file, md5)) {
         case EspPackage::EntryStatus::Ok:
-            *md5 = ESPTool::get_data_md5(data);
             return true;
         case EspPackage::EntryStatus::NotFound:
             return fail(error, QCoreApplication::translate(
@@ -90,6 +88,7 @@ public:
                                    .arg(file));
         case EspPackage::EntryStatus::CannotOpen:
         case EspPackage::EntryStatus::Corrupt:
+        case EspPackage::EntryStatus::OutputFailed:
             break;
         }
         return fail(error, QCoreApplication::translate(

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "esputility_global.h"
-#include "flasher/scattersection.h"
+#include <esputility/esputility_core_global.h>
+#include <esputility/scattersection.h>
 
 #include <QString>
 #include <QVector>
@@ -19,7 +19,7 @@ class ScatterPrompts;
 //
 // Questions and amber log lines go through ScatterPrompts while the check runs, in the order
 // the dialog shows them. Error texts are translated in the dialog's context.
-class ESPUTILITY_EXPORT ScatterValidator
+class ESPUTILITY_CORE_EXPORT ScatterValidator
 {
 public:
     // chipDescription: the connected chip as the dialog shows it ("ESP8266EX / 00a1b2c3").

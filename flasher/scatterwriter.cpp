@@ -6,8 +6,8 @@
 
 #include <QCoreApplication>
 #include <QDir>
-#include <QFile>
 #include <QJsonDocument>
+#include <QSaveFile>
 
 QString ScatterWriter::chipName(const QString &chipDescription)
 {
@@ -69,10 +69,11 @@ QJsonObject ScatterWriter::savedDocument(const QString &chipDescription, const Q
 
 bool ScatterWriter::save(const QString &path, const QJsonObject &document, QString *error)
 {
-    QFile file(path);
+    // Written beside the file and moved over it at once: a failure leaves the old one whole.
+    QSaveFile file(path);
     const QByteArray text = QJsonDocument(document).toJson(QJsonDocument::Indented);
-    const bool written = file.open(QIODevice::WriteOnly | QIODevice::Truncate) &&
-                         file.write(text) == text.size() && file.flush();
+    const bool written =
+        file.open(QIODevice::WriteOnly) && file.write(text) == text.size() && file.commit();
     if (!written && error) {
         *error = QCoreApplication::translate("ESPFlasher", "Cannot write to %1: %2")
                      .arg(file.fileName(), file.errorString());

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "esputility_global.h"
-#include "flasher/scattersection.h"
+#include <esputility/esputility_core_global.h>
+#include <esputility/scattersection.h>
 
 #include <QJsonArray>
 #include <QJsonObject>
@@ -12,7 +12,7 @@ class QDir;
 
 // Builds and writes scatter documents: the one a package carries and the one saved after
 // reading flash. The keys are the ones the validators read.
-class ESPUTILITY_EXPORT ScatterWriter
+class ESPUTILITY_CORE_EXPORT ScatterWriter
 {
 public:
     // The chip name a document carries: the chip description up to its first "/", trimmed.
@@ -30,7 +30,7 @@ public:
     // `file` is the "Source" text: relative names resolve against dir.
     static QJsonObject savedDocument(const QString &chipDescription, const QString &loaderPath,
                                      const QVector<ScatterSection> &rows, const QDir &dir);
-    // Replaces the file with the indented document. On failure *error receives
-    // "Cannot write to %1: %2".
+    // Replaces the file with the indented document, at once: on failure the file stays as it
+    // was and *error receives "Cannot write to %1: %2".
     static bool save(const QString &path, const QJsonObject &document, QString *error);
 };

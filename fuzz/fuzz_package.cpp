@@ -8,6 +8,7 @@
 #include "flasher/scattervalidator.h"
 #include "fuzzsupport.h"
 
+#include <QCryptographicHash>
 #include <QFile>
 #include <QSet>
 
@@ -46,6 +47,14 @@ void readEntries(EspPackage &package)
         } else {
             check(bytes.isEmpty(), "a failed read leaves no bytes");
         }
+        // Whole, piece by piece into a digest: the same outcome.
+        QByteArray md5;
+        const EspPackage::EntryStatus hashed = package.entryMd5(name, &md5);
+        check(hashed == status || status == EspPackage::EntryStatus::Corrupt,
+              "a digest reads what a whole read does");
+        if (status == EspPackage::EntryStatus::Ok)
+            check(md5 == QCryptographicHash::hash(bytes, QCryptographicHash::Md5),
+                  "the digest is the entry's");
     }
     QByteArray none("stale");
     check(package.readEntry(QStringLiteral("no such entry\x01"), &none) ==

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "esputility_global.h"
+#include <esputility/esputility_core_global.h>
 
 #include <QByteArray>
 #include <QList>
@@ -17,7 +17,7 @@ class QIODevice;
 //
 // Flash parameter codes are those of the image header; 0xFF means "not given": the text parsers
 // return it for unknown text, and load() keeps the header's own value for it.
-class ESPUTILITY_EXPORT ESPImageParser : public QObject
+class ESPUTILITY_CORE_EXPORT ESPImageParser : public QObject
 {
     Q_OBJECT
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "esputility_global.h"
+#include "esputility_core_global.h"
 
 #include <QByteArray>
 #include <QString>
@@ -14,7 +14,7 @@ class QIODevice;
 // "data_start", and "entry"); the form is recognised by content. Everything kept is copied out,
 // so no parser state outlives load(). Any input bytes are safe to hand in: a file that cannot be
 // read completely and consistently is refused with a message for the user.
-class ESPUTILITY_EXPORT ElfStubImage
+class ESPUTILITY_CORE_EXPORT ElfStubImage
 {
 public:
     struct Section

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "esputility_global.h"
+#include <esputility/esputility_core_global.h>
 
 #include <QByteArray>
 #include <QList>
@@ -8,7 +8,7 @@
 
 // SLIP framing of the boot-loader protocol: encodes outgoing packets and assembles incoming
 // bytes into whole packets, queued oldest first.
-class ESPUTILITY_EXPORT ESPProtocol : public QObject
+class ESPUTILITY_CORE_EXPORT ESPProtocol : public QObject
 {
     Q_OBJECT
 

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "esputility_global.h"
-#include "protocol/espprotocol.h"
-#include "serial/espcommunicator.h"
+#include <esputility/esputility_core_global.h>
+#include <esputility/espprotocol.h>
+#include <esputility/espcommunicator.h>
 
 #include <QByteArray>
 #include <QEventLoop>
@@ -20,7 +20,7 @@ class ESPImageParser;
 // Client of the ESP8266 serial boot-loader protocol: talks to the chip's ROM loader and, once
 // uploaded, to the RAM flash stub. Every operation is synchronous and waits in a nested event
 // loop; failures set the failed flag and leave through commandError()/operationError().
-class ESPUTILITY_EXPORT ESPTool : public QObject
+class ESPUTILITY_CORE_EXPORT ESPTool : public QObject
 {
     Q_OBJECT
 
@@ -76,7 +76,7 @@ public:
         quint32 address = 0;
     };
 
-    struct ESPUTILITY_EXPORT SPIFLASH_IDENTIFIER
+    struct ESPUTILITY_CORE_EXPORT SPIFLASH_IDENTIFIER
     {
         quint8 manufacturer = 0;
         quint16 device = 0; // memory type * 256 + capacity code

@@ -1,17 +1,17 @@
 #pragma once
 
-#include "esputility_global.h"
+#include <esputility/esputility_core_global.h>
 
 #include <QObject>
 #include <QSerialPort>
 
-#include "serial/qcomport.h"
+#include <esputility/qcomport.h>
 
 class ESPProtocol;
 
 // Owns the serial line to the chip: opens it, writes SLIP frames, feeds received bytes to the
 // SLIP decoder and reports port errors and an unexpected close.
-class ESPUTILITY_EXPORT ESPCommunicator : public QObject
+class ESPUTILITY_CORE_EXPORT ESPCommunicator : public QObject
 {
     Q_OBJECT
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "esputility_global.h"
+#include <esputility/esputility_core_global.h>
 
 #include <QString>
 
@@ -9,7 +9,7 @@
 // Lets a program that runs a chip of its own (a virtual board on a pseudo-terminal, which has
 // no modem lines) receive the DTR/RTS changes meant for that port. Real ports never consult it.
 // Thread-safe: the worker thread looks up setters while the owner registers and removes them.
-class ESPUTILITY_EXPORT ModemLineRegistry
+class ESPUTILITY_CORE_EXPORT ModemLineRegistry
 {
 public:
     // Called with the levels as the host asserts them (true = asserted, i.e. the line low).

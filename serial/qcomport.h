@@ -1,6 +1,6 @@
 #pragma once
 
-#include "esputility_global.h"
+#include <esputility/esputility_core_global.h>
 
 #include <QHash>
 #include <QSerialPort>
@@ -50,32 +50,32 @@ enum class OpenFailure {
 };
 
 // The enumerated ports in enumeration order, then the extra paths that exist.
-ESPUTILITY_EXPORT QVector<PortEntry> availablePortEntries();
+ESPUTILITY_CORE_EXPORT QVector<PortEntry> availablePortEntries();
 // Their names.
-ESPUTILITY_EXPORT QStringList availableComPorts();
+ESPUTILITY_CORE_EXPORT QStringList availableComPorts();
 
 // The device path that `name` stands for: /dev/ttyUSB0 for ttyUSB0, /dev/ttyUSB0 or an extra
 // path as it is, a symbolic link (/dev/serial/by-id/...) resolved; compared with the
 // enumerated ports and the extra paths. Empty when no listed port matches.
-ESPUTILITY_EXPORT QString resolvePortName(const QString &name);
+ESPUTILITY_CORE_EXPORT QString resolvePortName(const QString &name);
 
 // The reason for an errno value met while opening a device.
-ESPUTILITY_EXPORT OpenFailure openFailureFromErrno(int error);
+ESPUTILITY_CORE_EXPORT OpenFailure openFailureFromErrno(int error);
 // Looks at the device itself after QSerialPort failed to open it with `portError`.
-ESPUTILITY_EXPORT OpenFailure diagnoseOpenFailure(const QString &path,
-                                                  QSerialPort::SerialPortError portError);
+ESPUTILITY_CORE_EXPORT OpenFailure diagnoseOpenFailure(const QString &path,
+                                                       QSerialPort::SerialPortError portError);
 // One line for the user: "Cannot open PATH: ..." (portErrorText is used for Other).
-ESPUTILITY_EXPORT QString openFailureText(OpenFailure failure, const QString &path,
-                                          const QString &portErrorText = QString());
+ESPUTILITY_CORE_EXPORT QString openFailureText(OpenFailure failure, const QString &path,
+                                               const QString &portErrorText = QString());
 
 // Maps a settings table to port settings; absent keys take their defaults and refused values
 // fall back to them (values are compared as unsigned, so negative ones are refused).
-ESPUTILITY_EXPORT Settings settingsFromHash(const QHash<QString, QVariant> &settings);
+ESPUTILITY_CORE_EXPORT Settings settingsFromHash(const QHash<QString, QVariant> &settings);
 
 // Finds the port by its exact name, configures it from the table and opens it read-write.
 // Returns false without touching the port when no port has that name.
-ESPUTILITY_EXPORT bool setupComPortFromHash(const QString &portName,
-                                            const QHash<QString, QVariant> &settings,
-                                            QSerialPort &port);
+ESPUTILITY_CORE_EXPORT bool setupComPortFromHash(const QString &portName,
+                                                 const QHash<QString, QVariant> &settings,
+                                                 QSerialPort &port);
 
 } // namespace QComPort

@@ -2,6 +2,7 @@
 #include "scattertestfiles.h"
 #include "testpaths.h"
 
+#include "flasher/esppackage.h"
 #include "tools/imagegen/espimagebuilder.h"
 
 #include <QProcess>
@@ -29,6 +30,12 @@ QByteArray firmwareImage(bool asWritten = false)
     builder.addRandomSegment(0x3FFE8000, 0x200, 12);
     QByteArray image = builder.build();
     return asWritten ? image.replace(2, 2, "\x02\x40") : image; // dio, 4MB << 4 | 40m
+}
+
+QByteArray readFile(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("missing");
 }
 
 bool flashed(VirtualEsp8266 &board)
@@ -132,14 +139,15 @@ private slots:
         QVERIFY(run(0, {"verify", path("scatter.txt")}));
         QVERIFY(m_out.contains("2 of 2 section(s) verified"));
 
-        // A region whose file name a directory takes: the worker cannot write it, nothing saved.
+        // A region whose file name a directory takes cannot be read, even with --force.
         chip().reset();
+        chip().clearCommandLog();
         const QString copy = path("read/copy.txt");
         QVERIFY(QDir().mkpath(path("read/region-00000000-00002000.bin")));
-        QVERIFY(run(1, {"read", "--scatter", copy, "0x0:0x2000"}, true, true));
-        QVERIFY(m_err.contains("Invalid parameters: cannot write to") && !QFile::exists(copy));
+        QVERIFY(run(2, {"read", "--scatter", copy, "0x0:0x2000", "--force"}, true, true));
+        QVERIFY(m_err.contains("region-00000000-00002000.bin is a directory"));
+        QVERIFY(!QFile::exists(copy) && chip().commandLog().isEmpty());
         QVERIFY(QDir(path("read/region-00000000-00002000.bin")).removeRecursively());
-        chip().reset();
         QVERIFY(run(0, {"read", "--scatter", copy, "0x0:0x2000", "0x10000-0x18000"}, true, true));
         // The saved scatter passes the strict check and writes the same flash, headers included.
         ChipFixture second;
@@ -167,6 +175,83 @@ private slots:
         QVERIFY(out("MD5: " + md5Hex(damaged.left(0x1000))));
     }
 
+    // A read never destroys a file that is there. Without --force it refuses before any
+    // transfer; with it a failed read keeps the earlier files, and a region the chip does not
+    // confirm leaves no file of its own and no scatter file claiming it.
+    void readKeepsExistingFiles_data()
+    {
+        QTest::addColumn<QString>("existing"); // files there before: region, scatter, firmware
+        QTest::addColumn<bool>("force");
+        QTest::addColumn<QString>(
+            "fault"); // of the chip: change (its flash under the read), vanish
+        QTest::addColumn<int>("exitCode");
+        QTest::addColumn<QString>("message"); // on stderr
+        const auto row = [](const char *name, const char *existing, bool force, const char *fault,
+                            int exitCode, const char *message) {
+            QTest::newRow(name) << existing << force << fault << exitCode << message;
+        };
+        const char *const exists = "exists; pass --force to replace it";
+        row("region file there", "region", false, "", 2, exists);
+        row("scatter file there", "scatter", false, "", 2, exists);
+        row("--scatter names a firmware image", "firmware", false, "", 2,
+            "firmware.bin exists and is not a scatter file; pass --force to replace it");
+        row("forced re-read fails", "region scatter", true, "vanish", 1,
+            "UBoot operation read data (6) finished with error");
+        row("chip does not confirm", "", false, "change", 1,
+            "Error reading data: MD5 digest did not match the received data");
+        row("forced re-read", "region scatter", true, "", 0, "");
+    }
+
+    void readKeepsExistingFiles()
+    {
+        QFETCH(QString, existing);
+        QFETCH(QString, fault);
+        QFETCH(int, exitCode);
+        QFETCH(QString, message);
+        const QByteArray flash = EspImageBuilder::pseudoRandomBytes(0x80000, 81);
+        chip().setFlash(0, flash);
+        chip().setCommandObserver([this, fault](const VirtualEsp8266::CommandRecord &record) {
+            if (record.opcode != VirtualEsp8266::ReadFlash)
+                return;
+            if (fault == "change") // the first block is on its way already
+                chip().setFlash(0, "changed");
+            else if (fault == "vanish")
+                chip().armVanishAfterBytes(40);
+        });
+        const QString scatter = existing == "firmware" ? "firmware.bin" : "scatter.txt";
+        const QString region = "region-00000000-00080000.bin";
+        QMap<QString, QByteArray> before; // file name -> contents
+        if (existing.contains("region"))
+            before[region] = "an earlier read";
+        if (existing.contains("scatter"))
+            before[scatter] = R"({"chip": "ESP8266EX", "sections": []})";
+        if (existing == "firmware")
+            before[scatter] = firmwareImage();
+        for (auto file = before.cbegin(); file != before.cend(); ++file)
+            QVERIFY(!writeTestFile(path("out"), file.key(), file.value()).isEmpty());
+        QVERIFY(QDir().mkpath(path("out")));
+
+        QStringList arguments{"read", "--scatter", path("out/" + scatter), "0x0:0x80000"};
+        QFETCH(bool, force);
+        if (force)
+            arguments << "--force";
+        QVERIFY(run(exitCode, arguments, true, true));
+        QVERIFY2(m_err.contains(message), qPrintable(m_err));
+        if (exitCode == 2)
+            QCOMPARE(chip().commandLog().size(), 0);
+        const QStringList files = QDir(path("out")).entryList(QDir::Files);
+        if (exitCode == 0) {
+            QCOMPARE(files, (QStringList{region, scatter}));
+            QCOMPARE(readFile(path("out/" + region)), flash);
+            return;
+        }
+        QCOMPARE(files, before.keys());
+        for (auto file = before.cbegin(); file != before.cend(); ++file)
+            QCOMPARE(readFile(path("out/" + file.key())), file.value());
+        // No success is claimed for the step that failed.
+        QVERIFY(!m_out.contains("Flash memory section has been successfully read."));
+    }
+
     void packThenFlashThePackage()
     {
         QVERIFY(run(
@@ -179,6 +264,104 @@ private slots:
         QVERIFY(out("Start writing user application from app.bin to 0x00010000 (max size 4MB)"));
         // A trimmed image on an erased chip reads back as the whole one.
         QVERIFY(flashed(chip()));
+    }
+
+    // A full disk is reported as such, and the previous file survives it. The disk is a small
+    // tmpfs in a mount namespace of a child shell (which needs root); the shell reports what
+    // the folder holds afterwards, since the tmpfs goes away with it.
+    void fullDiskKeepsThePreviousFile_data()
+    {
+        QTest::addColumn<QString>("command"); // esp-utility's arguments; DISK: the tmpfs
+        QTest::addColumn<QString>("kept");    // the previous file, in the tmpfs
+        QTest::addColumn<QString>("reason");  // on stderr
+        QTest::newRow("pack") << "pack SCATTER -o DISK/p.zip --description new"
+                              << "p.zip"
+                              << "File DISK/p.zip is not writable: No space left on device";
+        QTest::newRow("read") << "read --scatter DISK/r.txt 0x0:0x80000 --force --stub STUB "
+                                 "--port PORT"
+                              << "region-00000000-00080000.bin"
+                              << "Error reading data: cannot save "
+                                 "DISK/region-00000000-00080000.bin (No space left on device)";
+    }
+
+    void fullDiskKeepsThePreviousFile()
+    {
+        QFETCH(QString, command);
+        QFETCH(QString, kept);
+        QFETCH(QString, reason);
+        const QString previous = path("previous");
+        QVERIFY(run(0, {"pack", writeScatterSet(), "-o", previous, "--description", "old"}, false));
+        const qint64 size = QFileInfo(previous + ".zip").size();
+        QVERIFY(QFile::rename(previous + ".zip", previous));
+        const auto expand = [&](QString text) {
+            return text.replace("DISK", path("disk"))
+                .replace("SCATTER", path("scatter.txt"))
+                .replace("STUB", generatedStubPath())
+                .replace("PORT", m_chip->port());
+        };
+        // Room for the previous file and about half of what comes: 40 KiB of package, 512 KiB
+        // read.
+        const qint64 room = size + (command.startsWith("pack") ? size / 2 : 0x40000);
+        const QString script =
+            QStringLiteral("d=$1 previous=$2 name=$3; shift 3\n"
+                           "mount -t tmpfs -o size=%1 tmpfs \"$d\" || exit 0\n"
+                           "cp \"$previous\" \"$d/$name\" || exit 0\n"
+                           "\"$@\"; echo \"exit $?\"\n"
+                           "cmp -s \"$previous\" \"$d/$name\" && echo kept; ls -A \"$d\"\n");
+        QVERIFY(QDir().mkpath(path("disk")));
+        QProcess shell;
+        shell.start("unshare",
+                    QStringList{"-m", "sh", "-c", script.arg((room + 4095) / 4096 * 4096), "sh",
+                                path("disk"), previous, kept, testBuildDir() + "/cli/esp-utility"} +
+                        expand(command).split(' '));
+        QVERIFY(shell.waitForFinished(60000));
+        const QString out = QString::fromUtf8(shell.readAllStandardOutput());
+        const QString err = QString::fromUtf8(shell.readAllStandardError());
+        if (!out.contains("exit "))
+            QSKIP(qPrintable("no tmpfs of its own here: " + err));
+        QVERIFY2(out.endsWith("exit 1\nkept\n" + kept + "\n"), qPrintable(out));
+        QVERIFY2(err.contains(expand(reason)), qPrintable(err));
+    }
+
+    // What a package unpacks to must fit the flash: the largest one before a board is known,
+    // the board's own once it is identified. Nothing is written then.
+    void packageLargerThanTheFlash_data()
+    {
+        QTest::addColumn<int>("mebibytes"); // of the one application image
+        QTest::addColumn<int>("exitCode");
+        QTest::addColumn<QString>("refusal"); // %1: the package, %2: its size
+        QTest::newRow("larger than any flash")
+            << 17 << 2
+            << "esp-utility: Package %1 unpacks to %2 bytes, more than the flash memory can "
+               "hold (16777216 bytes)";
+        QTest::newRow("larger than the board's flash")
+            << 5 << 1
+            << "Package %1 unpacks to %2 bytes, more than the flash memory can hold "
+               "(4194304 bytes)";
+    }
+
+    void packageLargerThanTheFlash()
+    {
+        QFETCH(int, mebibytes);
+        QFETCH(int, exitCode);
+        QFETCH(QString, refusal);
+        const QByteArray image(mebibytes * 1024 * 1024, '\0');
+        const QByteArray loader = readFile(generatedStubPath());
+        const QByteArray scatter = QString(R"({"chip": "ESP8266EX",
+            "stub": "esp8266_loader_stub.elf", "sections": [{"type": "application",
+            "address": "0x0", "file": "zeros.bin", "md5": "%1"}]})")
+                                       .arg(md5Hex(image))
+                                       .toUtf8();
+        const QByteArray password = EspPackage::password("large");
+        const QString package = path("large.zip");
+        QVERIFY(writeTestZip(
+            package, "large",
+            {{EspPackage::stubEntryName, loader}, {"zeros.bin", image}, {"scatter.txt", scatter}},
+            &password));
+        QVERIFY(run(exitCode, {"flash", package}));
+        const qint64 total = loader.size() + image.size() + scatter.size();
+        QVERIFY2(m_err.contains(refusal.arg(package).arg(total)), qPrintable(m_err));
+        QCOMPARE(chip().counters().commands.value(VirtualEsp8266::FlashBegin), 0);
     }
 
     // Scatter files that stop the run before any flash is written, then the options that let
@@ -304,6 +487,11 @@ private slots:
         QVERIFY(run(0, {"demo", testBuildDir() + "/demo/demo.zip", "--out", path("out")}, false));
         QVERIFY(m_out.contains("2 of 2 section(s) verified"));
         QVERIFY(m_out.contains("Demo complete") && QFile::exists(path("out/scatter.txt")));
+        // Its read-back is replaced only when asked to.
+        QVERIFY(run(2, {"demo", testBuildDir() + "/demo/demo.zip", "--out", path("out")}, false));
+        QVERIFY(m_err.contains("exists; pass --force to replace it"));
+        QVERIFY(run(0, {"demo", testBuildDir() + "/demo/demo.zip", "--out", path("out"), "--force"},
+                    false));
     }
 
     void oneOfThreeBoardsVanishesMidWrite()
@@ -347,11 +535,19 @@ private slots:
         row("frob", "unknown command frob");
         row("info --bogus", "unknown option --bogus");
         row("info --port", "--port needs a value");
-        row("info --yes=1", "--yes takes no value");
+        row("flash --yes=1", "--yes takes no value");
         row("info --baud fast", "--baud takes a rate from 9600 to 4000000, not \"fast\"");
         row("info --before never", "--before takes reset or no-reset, not \"never\"");
         row("info --after", "--after needs a value");
-        row("info --no-skip=1", "--no-skip takes no value");
+        row("flash --no-skip=1", "--no-skip takes no value");
+        row("ports --trim", "ports takes no option --trim (see esp-utility ports --help)");
+        row("image-info DIR/app.bin --port PORT", "image-info takes no option --port");
+        row("info --no-skip --port PORT", "info takes no option --no-skip");
+        row("flash DIR/good.txt --flash-mode dio --port PORT",
+            "flash takes no option --flash-mode");
+        row("--port PORT flash", "usage: esp-utility flash SCATTER|PACKAGE");
+        row("--virtual 2 frob", "unknown command frob");
+        row("completion zsh", "usage: esp-utility completion bash");
         row("write 0x0", "usage: esp-utility write ADDRESS FILE");
         row("write zz DIR/app.bin --port PORT", "zz is not an address");
         row("write 0x0 DIR/none.bin --port PORT", "cannot read DIR/none.bin");
@@ -388,6 +584,7 @@ private slots:
         row("image-info DIR/none.bin", "cannot read DIR/none.bin");
         row("image-info DIR/app.bin --trailer x", "--trailer takes an offset");
         row("demo DIR/none.zip", "cannot read the demo package");
+        row("demo DIR/a.zip DIR/b.zip", "usage: esp-utility demo [PACKAGE]");
     }
 
     void badArguments()
@@ -411,6 +608,112 @@ private slots:
                  qPrintable(m_err));
         QCOMPARE(chip().commandLog().size(), 0);
         QVERIFY(!QFile::exists(path("p.zip")));
+    }
+
+    // Help, wherever --help stands: the command's forms and exactly the options it takes.
+    void help_data()
+    {
+        QTest::addColumn<QString>("first");     // the first line
+        QTest::addColumn<QStringList>("shown"); // lines that begin so
+        QTest::addColumn<QStringList>("absent");
+        QTest::newRow("--help") << "Usage: esp-utility COMMAND [ARGUMENTS] [OPTIONS]"
+                                << QStringList{"  flash SCATTER|PACKAGE", "  completion bash",
+                                               "  --only firmware|application", "  --out DIR"}
+                                << QStringList{};
+        QTest::newRow("flash --help")
+            << "Usage: esp-utility flash SCATTER|PACKAGE [OPTIONS]"
+            << QStringList{"  --only firmware|application", "  --port PATH", "  -y, --yes"}
+            << QStringList{"  --trailer", "  --out", "  ports"};
+        QTest::newRow("--help verify")
+            << "Usage: esp-utility verify SCATTER|PACKAGE [OPTIONS]"
+            << QStringList{"   or: esp-utility verify ADDRESS:SIZE [OPTIONS]", "  --stub FILE"}
+            << QStringList{"  --only", "  --scatter"};
+        QTest::newRow("image-info -h") << "Usage: esp-utility image-info FILE [OPTIONS]"
+                                       << QStringList{"  --trailer OFFSET", "  -h, --help"}
+                                       << QStringList{"  --port", "  --virtual", "  --stub"};
+        QTest::newRow("write --help")
+            << "Usage: esp-utility write ADDRESS FILE [ADDRESS FILE...] [OPTIONS]"
+            << QStringList{"  --flash-size SIZE", "  --no-skip", "  --baud N"}
+            << QStringList{"  --only", "  --yes"};
+        QTest::newRow("pack --help") << "Usage: esp-utility pack SCATTER -o PACKAGE.zip "
+                                        "--description TEXT [OPTIONS]"
+                                     << QStringList{"  -o, --output PACKAGE.zip", "  --trim"}
+                                     << QStringList{"  --port", "  --only"};
+    }
+
+    void help()
+    {
+        QFETCH(QString, first);
+        QFETCH(QStringList, shown);
+        QFETCH(QStringList, absent);
+        QVERIFY(run(0, QString(QTest::currentDataTag()).split(' '), false));
+        QVERIFY(m_err.isEmpty());
+        const QStringList lines = m_out.split('\n');
+        QCOMPARE(lines.first(), first);
+        const auto anyBegins = [&lines](const QString &start) {
+            return std::any_of(lines.cbegin(), lines.cend(),
+                               [&start](const QString &line) { return line.startsWith(start); });
+        };
+        for (const QString &line : shown)
+            QVERIFY2(anyBegins(line), qPrintable(line));
+        for (const QString &line : absent)
+            QVERIFY2(!anyBegins(line), qPrintable(line));
+        QCOMPARE(chip().commandLog().size(), 0);
+    }
+
+    // The bash completion that the program writes, run by bash on a command line being typed
+    // (the words so far; a trailing blank starts a new word). DIR/ is the test directory.
+    void bashCompletion_data()
+    {
+        QTest::addColumn<QString>("typed");
+        QTest::addColumn<QStringList>("offered");
+        const auto row = [](const char *typed, const QStringList &offered) {
+            QTest::newRow(typed) << typed << offered;
+        };
+        row("esp-utility fl", {"flash"});
+        row("esp-utility im", {"image-info"});
+        row("esp-utility --", {"--help", "--version"});
+        row("esp-utility flash --o", {"--only"});
+        row("esp-utility demo --o", {"--out"});
+        row("esp-utility ports --", {"--help", "--version", "--virtual"});
+        row("esp-utility flash --only ", {"application", "firmware"});
+        row("esp-utility --port /dev/x --virtual 2 er", {"erase"});
+        row("esp-utility erase ", {"all"});
+        row("esp-utility info --port ", {"/dev/pts/77", "/dev/pts/78"});
+        row("esp-utility image-info DIR/ap", {"DIR/app.bin"});
+        row("esp-utility pack DIR/scatter.txt -o DIR/s", {"DIR/scatter.txt"});
+        row("esp-utility read --scatter out.txt 0x0:0x1000 --p", {"--port"});
+        row("esp-utility info --before ", {"no-reset", "reset"});
+        row("esp-utility write 0x0 DIR/app.bin --baud 9", {"921600"});
+        row("esp-utility write --flash-size d", {"detect"});
+        row("esp-utility frob --", {});
+        row("esp-utility image-info x --trailer ", {});
+    }
+
+    void bashCompletion()
+    {
+        QFETCH(QString, typed);
+        QFETCH(QStringList, offered);
+        QVERIFY(run(0, {"completion", "bash"}, false));
+        const QString script = writeTestFile(m_dir->path(), "completion.bash", m_out.toUtf8());
+        writeTestFile(m_dir->path(), "app.bin", "x");
+        writeTestFile(m_dir->path(), "scatter.txt", "{}");
+        typed.replace("DIR/", m_dir->path() + "/");
+        QStringList words = typed.split(' ');
+        QProcess bash;
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert("ESP_UTILITY_EXTRA_PORTS", "/dev/pts/77=SERIAL:/dev/pts/78");
+        bash.setProcessEnvironment(environment);
+        // bash -c SCRIPT NAME COMPLETION-FILE WORDS...: the words become COMP_WORDS.
+        const QString complete = R"(source "$1"; shift; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1));
+                                    _esp_utility; printf '%s\n' "${COMPREPLY[@]}")";
+        bash.start("bash", QStringList{"-c", complete, "bash", script} + words);
+        QVERIFY(bash.waitForFinished(10000) && bash.exitCode() == 0);
+        QStringList replies = QString::fromUtf8(bash.readAllStandardOutput()).split('\n');
+        replies.removeAll(QString());
+        replies.sort();
+        offered.replaceInStrings("DIR/", m_dir->path() + "/");
+        QCOMPARE(replies, offered);
     }
 };
 

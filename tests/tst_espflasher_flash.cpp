@@ -96,6 +96,8 @@ private slots:
     void failedRunKeepsItsEntry_data();
     void failedRunKeepsItsEntry();
     void identifyComposeReadAndFlashAnotherChip();
+    void unconfirmedReadStopsTheWalk();
+    void packageLoaderComesFromThePackage();
     void upgrade_data();
     void upgrade();
     void connectSettings_data();
@@ -310,7 +312,7 @@ void TestEspFlasherFlash::identifyComposeReadAndFlashAnotherChip()
     board().setFlash(0x3F0000, tail);
 
     QSettings().setValue("Scatter/Dir", settingsDir.path());
-    // Kept as it is: a read composed in the wizard overwrites files without asking.
+    // A region file that is there is replaced only when the user says so.
     writeTestFile(dir->path(), "boot.img", "old");
     answerer->answerFile(path("readback"));
     // The user at the composer: firmware by size, application by end address, a suffix.
@@ -320,6 +322,7 @@ void TestEspFlasherFlash::identifyComposeReadAndFlashAnotherChip()
         fillRegion(wizard, 1, "0x10000", false, "0x12000", "app.img", "nextButton");
         fillRegion(wizard, 1, "4032kb", true, "4kb", "tail.IMG", "finishButton");
     });
+    answerer->answerBox(QMessageBox::Yes);
     answerer->answerFile(files.stub); // no loader yet: the dialog asks for one
     answerer->answerBox(QMessageBox::Yes);
     answerer->answerBox(QMessageBox::No);
@@ -327,11 +330,13 @@ void TestEspFlasherFlash::identifyComposeReadAndFlashAnotherChip()
     const QString scatter = path("readback.txt");
     QVERIFY(awaitNew(line(green, "Scatter file saved to " + scatter)));
     // The loader chooser starts where the scatter file goes.
-    QCOMPARE(answerer->texts(), (QStringList{"Save As|Scatter files (*.txt)|" + settingsDir.path(),
-                                             "Scatter File Composer",
-                                             "Select Flash Loader|Elf files (*.elf)|" + dir->path(),
-                                             "Save Scatter|Save the scatter file?",
-                                             "Save Scatter|Create a distribution package?"}));
+    QCOMPARE(
+        answerer->texts(),
+        (QStringList{"Save As|Scatter files (*.txt)|" + settingsDir.path(), "Scatter File Composer",
+                     "Read Flash Memory|File " + path("boot.img") + " already exists. Replace it?",
+                     "Select Flash Loader|Elf files (*.elf)|" + dir->path(),
+                     "Save Scatter|Save the scatter file?",
+                     "Save Scatter|Create a distribution package?"}));
 
     const QString end = QString::number(image.size(), 16).rightJustified(8, '0');
     const QString read = line(green, "Flash memory section has been successfully read");
@@ -398,6 +403,68 @@ void TestEspFlasherFlash::identifyComposeReadAndFlashAnotherChip()
     QVERIFY(text("chipIDField").isEmpty() && text("macField").isEmpty());
     QVERIFY(enabled("comPortCombo") && enabled("comPortConnect"));
     QCOMPARE(find<QPushButton>("comPortConnect")->text(), QStringLiteral("Connect"));
+}
+
+// A region whose bytes the chip's digest does not confirm ends the read: no success line for
+// it, no file of it and no scatter file.
+void TestEspFlasherFlash::unconfirmedReadStopsTheWalk()
+{
+    connectAndLoad(files.scatter);
+    board().setFlash(0, files.patched);
+    board().setFlash(applicationAddress, files.application);
+    const auto reads = std::make_shared<int>(0);
+    board().setCommandObserver([this, reads](const VirtualEsp8266::CommandRecord &record) {
+        if (record.opcode == VirtualEsp8266::ReadFlash && ++*reads == 2)
+            board().setFlash(applicationAddress, "changed while on its way");
+    });
+    QVERIFY(QDir().mkpath(path("backup")));
+    answerer->answerBox(QMessageBox::Yes); // the loaded scatter file as the template
+    answerer->answerFile(path("backup/copy.txt"));
+    click("readTool");
+    const QString failed = line(red, "UBoot operation read data (6) finished with error");
+    QVERIFY(awaitNew(failed));
+    const auto reading = [this](const char *file, const QString &region) {
+        return line(green, "Start reading " + path(file) + " from region [" + region + "]");
+    };
+    const QString end = QString::number(files.patched.size(), 16).rightJustified(8, '0');
+    QCOMPARE(log(mark),
+             (QStringList{line(green, "Start loading stub from " + files.stub),
+                          line(green, "Flash stub loaded"),
+                          reading("backup/boot.bin", "0x00000000:0x" + end),
+                          line(green, "Flash memory section has been successfully read"),
+                          line(green, "Extracted flash parameters: 4Mb / dio / 40MHz"),
+                          reading("backup/app.bin", "0x00010000:0x00015000"),
+                          line(amber, "Flasher error: Error reading data: MD5 digest did not "
+                                      "match the received data"),
+                          failed}));
+    QCOMPARE(QDir(path("backup")).entryList(QDir::Files), QStringList{"boot.bin"});
+}
+
+// A package's scatter file may name its loader like a path on disk; the loader is still the
+// package's entry of that name, never the file.
+void TestEspFlasherFlash::packageLoaderComesFromThePackage()
+{
+    const QString onDisk = writeTestFile(dir->path(), "disk/loader.elf", "no loader at all");
+    const QString package = path("absolute.zip");
+    const QByteArray password = EspPackage::password("absolute");
+    QVERIFY(writeTestZip(
+        package, "absolute",
+        {{onDisk, readFile(files.stub)},
+         {"app.bin", files.application},
+         {"scatter.txt",
+          QJsonDocument(
+              QJsonObject{{"chip", "ESP8266EX"},
+                          {"stub", onDisk},
+                          {"sections", QJsonArray{section("application", "0x10000", "app.bin",
+                                                          md5Hex(files.application))}}})
+              .toJson()}},
+        &password));
+    connectAndLoad(package);
+    click("flashTool");
+    QVERIFY2(awaitNew(finishedFlashing), qPrintable(log(mark).join('\n')));
+    QCOMPARE(log(mark).mid(0, 2), (QStringList{line(green, "Start loading stub from " + onDisk),
+                                               line(green, "Flash stub loaded")}));
+    QCOMPARE(board().flash(applicationAddress, files.application.size()), files.application);
 }
 
 void TestEspFlasherFlash::upgrade_data()

@@ -43,6 +43,12 @@ QByteArray zipBytes(const ZipEntries &entries, const QString &passwordOf = descr
     return file.readAll();
 }
 
+QByteArray readFile(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("missing");
+}
+
 // "text=row" per action of a tool's menu.
 QStringList menuEntries(QWidget *flasher, const char *tool)
 {
@@ -83,6 +89,8 @@ private slots:
     void skippedSectionInTheMiddle();
     void packageRoundTrip_data();
     void packageRoundTrip();
+    void readAsksBeforeReplacing_data();
+    void readAsksBeforeReplacing();
 
 private:
     QTableWidget *table = nullptr;
@@ -187,6 +195,16 @@ void TestEspFlasherScatter::loadOutcomes_data()
                 " does not match the computed one " + md5Hex(app) + " for file app.bin)");
     refused("package: loader missing", zipBytes(good.mid(1)),
             invalid + "The mandatory flash loader file is missing");
+    // The chip's flash (4 MB) caps what a package may unpack to.
+    ZipEntries large = good;
+    large.insert(2, {"large.bin", QByteArray(4 * 1024 * 1024, '\0')});
+    qint64 total = 0;
+    for (const auto &entry : large)
+        total += entry.second.size();
+    refused("package: larger than the flash", zipBytes(large),
+            QString("Package {dir}/bad.zip unpacks to %1 bytes, more than the flash memory can "
+                    "hold (4194304 bytes)")
+                .arg(total));
 }
 
 // A scatter file or package over the loaded one: loaded after questions, or refused with a box.
@@ -315,15 +333,65 @@ void TestEspFlasherScatter::packageRoundTrip()
     find<QToolButton>("zipTool")->click();
     QCOMPARE(log().last(), line(amber, "The operation is not supported"));
 
-    // The loader is an entry of the package, or a file when its path is absolute.
-    edit("stubEdit")->setText("elsewhere.elf");
-    answerer->answerBox(QMessageBox::Ok);
-    QVERIFY(invoke("on_flashTool_clicked"));
-    QCOMPARE(answerer->last().text,
-             QStringLiteral("Flash Loader|The stub file elsewhere.elf is not in the package"));
-    edit("stubEdit")->setText(path("stub.elf"));
-    QVERIFY(invoke("on_flashTool_clicked"));
-    QCOMPARE(log().last(), line(green, "Start loading stub from " + path("stub.elf")));
+    // The loader is an entry of the package, even when its name is an absolute path.
+    for (const QString &name : {QString("elsewhere.elf"), path("stub.elf")}) {
+        edit("stubEdit")->setText(name);
+        answerer->answerBox(QMessageBox::Ok);
+        QVERIFY(invoke("on_flashTool_clicked"));
+        QCOMPARE(answerer->last().text,
+                 "Flash Loader|The stub file " + name + " is not in the package");
+    }
+    QCOMPARE(log().last(), line(amber, "The operation is not supported"));
+}
+
+void TestEspFlasherScatter::readAsksBeforeReplacing_data()
+{
+    QTest::addColumn<bool>(
+        "fromTemplate");                // the loaded scatter file as the template, or the wizard
+    QTest::addColumn<QString>("typed"); // in the Save As dialog
+    QTest::addColumn<QString>("there"); // the file that is there already
+    QTest::addColumn<QString>("asked"); // the question about it; the user says No or cancels
+
+    const QString replace = "Read Flash Memory|File %1 already exists. Replace it?";
+    // The name is typed without its suffix: the file that is replaced is the one with ".txt".
+    QTest::newRow("template: scatter file") << true << "copy"
+                                            << "copy.txt" << replace;
+    QTest::newRow("template: region in a sub-folder")
+        << true << "out/copy.txt"
+        << "out/images/small.bin"
+        << "Read Flash Memory|File with the same name already exists. Please choose another name:";
+    QTest::newRow("wizard: scatter file") << false << "copy"
+                                          << "copy.txt" << replace;
+    QTest::newRow("wizard: region file") << false << "copy"
+                                         << "boot.img" << replace;
+}
+
+// Before a read replaces a file, the dialog asks, in every read flow; keeping the file
+// abandons the read before anything is sent, and the loaded scatter stays loaded.
+void TestEspFlasherScatter::readAsksBeforeReplacing()
+{
+    QFETCH(bool, fromTemplate);
+    QFETCH(QString, typed);
+    QFETCH(QString, there);
+    QFETCH(QString, asked);
+    const QString kept = writeTestFile(dir->path(), there, "keep me");
+    answerer->answerBox(fromTemplate ? QMessageBox::Yes : QMessageBox::No);
+    answerer->answerFile(path(typed));
+    if (!fromTemplate && there == "boot.img") {
+        answerer->expect("EspScatterWizard", [](QWidget *wizard) {
+            child<QPushButton>(wizard, "finishButton")->click(); // "Begin"
+            fillRegion(wizard, 0, "0x0", true, "4kb", "boot", "finishButton");
+        });
+    }
+    asked.startsWith("Read Flash Memory|File %1") ? answerer->answerBox(QMessageBox::No)
+                                                  : answerer->answerInput(QString());
+    const QStringList before = log();
+    QVERIFY(invoke("on_readTool_clicked"));
+    QCOMPARE(answerer->last().text, asked.arg(kept));
+    QCOMPARE(readFile(kept), QByteArray("keep me"));
+    QCOMPARE(log(), before);
+    QCOMPARE(edit("scatterEdit")->text(), path("scatter.json"));
+    QCOMPARE(rowCells(table, 0).last(), QStringLiteral("boot.bin"));
 }
 
 QTEST_MAIN(TestEspFlasherScatter)

@@ -2,6 +2,7 @@
 
 #include "flasher/esppackage.h"
 #include "flasher/esppackagewriter.h"
+#include "flasher/scatterloader.h"
 #include "flasher/scattervalidator.h"
 
 #include <QJsonArray>
@@ -224,6 +225,116 @@ private slots:
         expectFailure(zip, "none.elf", "Stub file could not be copied: ");
         expectFailure(zip, "stub.elf", "File " + path("none.bin") + " could not be copied: ");
         expectFailure(QString(), "stub.elf", "No package is open for writing");
+    }
+
+    // Refused or failed packing changes nothing on disk: the sources and a previous package
+    // stay as they were, and no temporary file is left.
+    void failedPackingChangesNothing_data()
+    {
+        QTest::addColumn<QString>("target");
+        QTest::addColumn<QString>("loader");
+        QTest::addColumn<QStringList>("sections");
+        QTest::addColumn<QString>("error"); // {dir}: the folder
+        const auto row = [](const char *name, const char *target, const char *loader,
+                            const QStringList &sections, const QString &error) {
+            QTest::newRow(name) << target << loader << sections << error;
+        };
+        row("target is a section file", "a/app.bin", "stub.elf", {"a/app.bin"},
+            "Package {dir}/a/app.bin would replace its source file {dir}/a/app.bin");
+        row("target is the loader", "stub.elf", "stub.elf", {},
+            "Package {dir}/stub.elf would replace its source file {dir}/stub.elf");
+        row("one file name in two folders", "p.zip", "stub.elf", {"a/app.bin", "b/app.bin"},
+            "Section files {dir}/a/app.bin and {dir}/b/app.bin would both be stored as app.bin");
+        row("section named like the scatter entry", "p.zip", "stub.elf", {"a/scatter.txt"},
+            "Section file {dir}/a/scatter.txt cannot be packed: the package keeps its own "
+            "scatter.txt under that name");
+        row("section named like the loader entry", "p.zip", "stub.elf",
+            {"a/esp8266_loader_stub.elf"},
+            "Section file {dir}/a/esp8266_loader_stub.elf cannot be packed: the package keeps "
+            "its own esp8266_loader_stub.elf under that name");
+        row("missing section file", "p.zip", "stub.elf", {"a/app.bin", "none.bin"},
+            "File {dir}/none.bin could not be copied: No such file or directory");
+    }
+
+    void failedPackingChangesNothing()
+    {
+        QFETCH(QString, target);
+        QFETCH(QString, loader);
+        QFETCH(QStringList, sections);
+        QFETCH(QString, error);
+        QTemporaryDir folder;
+        const QDir dir(folder.path());
+        for (const char *file :
+             {"stub.elf", "a/app.bin", "b/app.bin", "a/scatter.txt", "a/esp8266_loader_stub.elf"})
+            QVERIFY(!writeTestFile(dir, file, patternBytes(2000, int(strlen(file)))).isEmpty());
+        QVERIFY(!writeTestFile(dir, "p.zip", "a previous package").isEmpty());
+        const auto contents = [&dir] {
+            QStringList files;
+            for (QDirIterator it(dir.path(), QDir::Files, QDirIterator::Subdirectories);
+                 it.hasNext();) {
+                const QString path = it.next();
+                QFile file(path);
+                files << dir.relativeFilePath(path) + "=" +
+                             (file.open(QIODevice::ReadOnly) ? md5Hex(file.readAll()) : "?");
+            }
+            files.sort();
+            return files;
+        };
+        const QStringList before = contents();
+
+        EspPackageWriter packer = writer();
+        QVector<ScatterSection> rows;
+        for (const QString &file : sections)
+            rows << row(ScatterSection::Application, 0x1000 * rows.size(), file);
+        QVERIFY(packer.open(dir.filePath(target)));
+        QVERIFY(!(packer.addStub(dir.filePath(loader)) && packer.addSections(rows, dir, false) &&
+                  packer.finish(chipDescription)));
+        QCOMPARE(m_log, QStringList("E:" + error.replace("{dir}", dir.path())));
+        QCOMPARE(contents(), before);
+    }
+
+    // What a package unpacks to is capped by the flash memory, the chip's when it is known:
+    // a package over it is refused from its central directory, before anything is unpacked.
+    void sizeCap_data()
+    {
+        QTest::addColumn<QVector<int>>("entries"); // sizes of the images in the package
+        QTest::addColumn<uint>("flashSize");       // 0: not known
+        QTest::addColumn<uint>("limit");           // 0: loaded
+        const int mib = 1024 * 1024;
+        QTest::newRow("two 9 MiB images, no chip")
+            << QVector<int>{9 * mib, 9 * mib} << 0u << 16u * mib;
+        QTest::newRow("5 MiB on a 4 MiB chip")
+            << QVector<int>{3 * mib, 2 * mib} << 4u * mib << 4u * mib;
+        QTest::newRow("3 MiB on a 4 MiB chip") << QVector<int>{3 * mib} << 4u * mib << 0u;
+        QTest::newRow("9 MiB, no chip") << QVector<int>{9 * mib} << 0u << 0u;
+    }
+
+    void sizeCap()
+    {
+        QFETCH(QVector<int>, entries);
+        QFETCH(uint, flashSize);
+        QFETCH(uint, limit);
+        const QByteArray password = EspPackage::password("cap");
+        const QByteArray scatter =
+            QJsonDocument(QJsonObject{{"chip", "ESP8266EX"}, {"sections", QJsonArray()}}).toJson();
+        ZipEntries zip{{EspPackage::stubEntryName, patternBytes(100, 1)}, {"scatter.txt", scatter}};
+        qint64 total = 100 + scatter.size();
+        for (int size : entries) {
+            zip.append({QString("image%1.bin").arg(zip.size()), QByteArray(size, '\0')});
+            total += size;
+        }
+        const QString zipPath = path(QString("cap-%1.zip").arg(QTest::currentDataTag()));
+        QVERIFY(writeTestZip(zipPath, "cap", zip, &password));
+        ScatterLoader loader;
+        QCOMPARE(loader.load(zipPath, flashSize), limit == 0);
+        if (limit == 0)
+            return;
+        QCOMPARE(loader.error(), QString("Package %1 unpacks to %2 bytes, more than the flash "
+                                         "memory can hold (%3 bytes)")
+                                     .arg(zipPath)
+                                     .arg(total)
+                                     .arg(limit));
+        QVERIFY(!loader.package());
     }
 
     // Archives of another password or of none, deflated or stored: no entry reads. Many

@@ -1,4 +1,5 @@
 #include "chipfixture.h"
+#include "protocol/esptool.h"
 #include "scattertestfiles.h"
 #include "tools/imagegen/espimagebuilder.h"
 #include "worker/esptoolworker.h"
@@ -199,13 +200,58 @@ private slots:
         QCOMPARE(outcome.errors, QStringList{"Invalid parameters: cannot write to " + unwritable +
                                              " (" + probe.errorString() + ")"});
         QCOMPARE(session.chip().commandLog().size(), 0);
-        // Everything written to /dev/null is lost, so the file's MD5 cannot match the chip's.
-        // The mismatch alone does not fail the command: the caller sees it by the empty results.
-        outcome = session.run(Cmd::ReadData, {"/dev/null", 0x1000u, 0x2000u});
-        QCOMPARE(outcome.errors,
-                 QStringList{"Error reading data: MD5 digest did not match the received data"});
-        QVERIFY(outcome.result && outcome.results.isEmpty());
         QVERIFY(session.run(Cmd::Disconnect).result);
+    }
+
+    // A read replaces its target only with data whose MD5 the chip confirmed. Otherwise the
+    // command fails, the previous file stays as it was and nothing is left beside it.
+    void readReplacesOnlyAConfirmedFile_data()
+    {
+        QTest::addColumn<QString>("fault");
+        QTest::addColumn<QString>("error"); // the first error() text starts so; empty: none
+        const QString mismatch = "Error reading data: MD5 digest did not match the received data";
+        QTest::newRow("confirmed") << ""
+                                   << "";
+        QTest::newRow("flash changes under the read") << "change" << mismatch;
+        // Whichever fails first: sending an acknowledgement or waiting for data.
+        QTest::newRow("port vanishes mid-read") << "vanish"
+                                                << "esptool failed: ";
+        QTest::newRow("target is no regular file")
+            << "device"
+            << "Invalid parameters: cannot write to /dev/null (not a regular file)";
+    }
+
+    void readReplacesOnlyAConfirmedFile()
+    {
+        QFETCH(QString, fault);
+        QFETCH(QString, error);
+        QTemporaryDir folder;
+        const QByteArray previous = "a good backup";
+        const QString target =
+            fault == "device" ? "/dev/null" : writeTestFile(folder.path(), "region.bin", previous);
+        const QByteArray flash = EspImageBuilder::pseudoRandomBytes(0x80000, 71);
+        Session session;
+        session.chip().setFlash(0x100000, flash);
+        QVERIFY(session.start());
+        session.chip().setCommandObserver([&](const VirtualEsp8266::CommandRecord &record) {
+            if (record.opcode != VirtualEsp8266::ReadFlash)
+                return;
+            if (fault == "change") // the first block is on its way already
+                session.chip().setFlash(0x100000, "changed");
+            else if (fault == "vanish") // after a few acknowledgements
+                session.chip().armVanishAfterBytes(40);
+        });
+        const auto outcome = session.run(Cmd::ReadData, {target, 0x100000u, 0x80000u});
+        QCOMPARE(outcome.result, error.isEmpty());
+        QCOMPARE(outcome.errors.value(0).left(error.size()), error);
+        if (fault == "device")
+            return;
+        QFile file(target);
+        QVERIFY(file.open(QIODevice::ReadOnly));
+        QCOMPARE(file.readAll(), error.isEmpty() ? flash : previous);
+        QCOMPARE(outcome.results,
+                 error.isEmpty() ? QVariantList{ESPTool::get_data_md5(flash)} : QVariantList());
+        QCOMPARE(QDir(folder.path()).entryList(QDir::Files), QStringList{"region.bin"});
     }
 
     void romLoaderWrites_data()

@@ -1,8 +1,5 @@
 #include "texthelpers.h"
 
-#include <QScrollBar>
-#include <QTextBrowser>
-
 unsigned int parseUnsignedInteger(const QString &text, bool *ok)
 {
     constexpr int kiloShift = 10;
@@ -24,12 +21,4 @@ QString hexlify(const QByteArray &data, bool upper)
 {
     const QByteArray hex = data.toHex();
     return QString::fromLatin1(upper ? hex.toUpper() : hex);
-}
-
-void textBrowserScroll(QTextBrowser *browser)
-{
-    if (!browser)
-        return;
-    QScrollBar *bar = browser->verticalScrollBar();
-    bar->setValue(bar->maximum());
 }

@@ -1,20 +1,15 @@
 #pragma once
 
-#include "esputility_global.h"
+#include <esputility/esputility_core_global.h>
 
 #include <QByteArray>
 #include <QString>
-
-class QTextBrowser;
 
 // Parses the address and size texts users type and scatter files hold: "kb"/"mb" suffixes
 // (decimal digits only), "0b" binary, "0x" hexadecimal, a leading 0 for octal, else decimal.
 // A suffix multiplies in 32-bit arithmetic and wraps without complaint: callers check bounds.
 // *ok reports only whether the one underlying conversion succeeded.
-ESPUTILITY_EXPORT unsigned int parseUnsignedInteger(const QString &text, bool *ok = nullptr);
+ESPUTILITY_CORE_EXPORT unsigned int parseUnsignedInteger(const QString &text, bool *ok = nullptr);
 
 // Two hexadecimal digits per byte, no separators; upper case when asked.
-ESPUTILITY_EXPORT QString hexlify(const QByteArray &data, bool upper);
-
-// Keeps the newest log line in view.
-ESPUTILITY_EXPORT void textBrowserScroll(QTextBrowser *browser);
+ESPUTILITY_CORE_EXPORT QString hexlify(const QByteArray &data, bool upper);

@@ -3,8 +3,10 @@
 #include "image/espimageparser.h"
 #include "protocol/esptool.h"
 #include "widgets/texthelpers.h"
+#include "worker/digestingwriter.h"
 
-#include <QFile>
+#include <QFileInfo>
+#include <QSaveFile>
 
 namespace {
 
@@ -303,28 +305,52 @@ void ESPToolWorker::doReadData(const QVariantList &params)
         return;
     }
     const QString path = params.at(0).toString();
-    QFile file(path);
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
-        emit error(QStringLiteral("Invalid parameters: cannot write to %1 (%2)")
+    // The flash goes into a temporary file beside the target, which replaces the target only
+    // once the chip's digest confirmed it: a failed read leaves a previous file as it was.
+    QSaveFile file(path);
+    file.setDirectWriteFallback(false);
+    const QFileInfo existing(path);
+    // A device or pipe would be replaced by a plain file.
+    const bool special = existing.exists() && !existing.isFile();
+    // Unbuffered: a write that fails says so at once, with the system's reason.
+    if (special || !file.open(QIODevice::WriteOnly | QIODevice::Unbuffered)) {
+        emit error(
+            QStringLiteral("Invalid parameters: cannot write to %1 (%2)")
+                .arg(path, special ? QStringLiteral("not a regular file") : file.errorString()));
+        emit finished(false, ReadData, {});
+        return;
+    }
+    DigestingWriter received(&file);
+    received.open(QIODevice::WriteOnly);
+    QByteArray chipDigest;
+    tool->read_flash(params.at(1).toUInt(), params.at(2).toUInt(), &received, &chipDigest);
+
+    if (!received.writeError().isEmpty()) {
+        file.cancelWriting();
+        emit error(QStringLiteral("Error reading data: cannot save %1 (%2)")
+                       .arg(path, received.writeError()));
+        emit finished(false, ReadData, {});
+        return;
+    }
+    if (chipDigest.isEmpty() || chipDigest != received.md5()) {
+        file.cancelWriting();
+        emit error(
+            QStringLiteral("Error reading data: MD5 digest did not match the received data"));
+        emit finished(false, ReadData, {});
+        return;
+    }
+    if (failed) {
+        file.cancelWriting();
+        emit finished(false, ReadData, {});
+        return;
+    }
+    if (!file.commit()) {
+        emit error(QStringLiteral("Error reading data: cannot save %1 (%2)")
                        .arg(path, file.errorString()));
         emit finished(false, ReadData, {});
         return;
     }
-    QByteArray chipDigest;
-    tool->read_flash(params.at(1).toUInt(), params.at(2).toUInt(), &file, &chipDigest);
-    file.flush();
-    file.close();
-    QByteArray fileDigest;
-    if (file.open(QIODevice::ReadOnly))
-        fileDigest = ESPTool::get_md5(&file);
-
-    QVariantList results;
-    if (chipDigest.size() == fileDigest.size() && chipDigest == fileDigest)
-        results << chipDigest;
-    else
-        emit error(
-            QStringLiteral("Error reading data: MD5 digest did not match the received data"));
-    emit finished(!failed, ReadData, results);
+    emit finished(true, ReadData, {chipDigest});
 }
 
 void ESPToolWorker::doEraseFlash(const QVariantList &params)

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "esputility_global.h"
+#include <esputility/esputility_core_global.h>
 
 #include <QList>
 #include <QObject>
@@ -14,7 +14,7 @@ class QIODevice;
 // An already open device (a package entry copied into memory, a buffer) handed to the worker
 // instead of a file path. The device is not owned: the caller keeps it alive until the command's
 // finished() arrives and does not touch it meanwhile.
-struct ESPUTILITY_EXPORT IODeviceDescriptor
+struct ESPUTILITY_CORE_EXPORT IODeviceDescriptor
 {
     QIODevice *device = nullptr;
     QString description; // the name used in messages
@@ -22,12 +22,12 @@ struct ESPUTILITY_EXPORT IODeviceDescriptor
 Q_DECLARE_METATYPE(IODeviceDescriptor)
 
 // Display name of a "file" parameter: a descriptor's description, or the path itself.
-ESPUTILITY_EXPORT QString gFileDescrString(const QVariant &file);
+ESPUTILITY_CORE_EXPORT QString gFileDescrString(const QVariant &file);
 
 // Runs one boot-loader operation at a time in the thread it lives in. Every execute() is
 // answered by exactly one finished(). The first tool error after a successful connect becomes
 // one error() text; later commands fail without a new text until the next successful connect.
-class ESPUTILITY_EXPORT ESPToolWorker : public QObject
+class ESPUTILITY_CORE_EXPORT ESPToolWorker : public QObject
 {
     Q_OBJECT
 

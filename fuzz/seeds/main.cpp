@@ -298,6 +298,42 @@ int packageSeeds(const QString &root)
     return n;
 }
 
+// The bytes as the target takes them: the part (0 writing, 1 reading, 2 both), then for writing
+// the count less one, per section its folder, name, kind, size / 16 and zero flag, the target
+// and the trim flag; for reading the count less one, per entry its name, size (two bytes), zero
+// flag, protection and stored flag, the loader choice, the lie (0: none, else entry + 1, then
+// four bytes of size) and the flash size in KiB.
+int packageEntrySeeds(const QString &root)
+{
+    const QString t = QStringLiteral("package_entries");
+    const std::vector<quint8> duplicates{1, 1, 0, 1, 10, 0, 2, 0, 1, 20, 1, 0, 0};
+    const std::vector<quint8> hostileNames{3, 2,  0, 100, 0, 0, 0, 3, 1, 0, 1, 0, 1, 5,
+                                           0, 10, 0, 0,   0, 9, 0, 5, 0, 0, 0, 4, 0, 0};
+    const auto parts = [](std::initializer_list<std::vector<quint8>> pieces) {
+        std::vector<quint8> bytes;
+        for (const auto &piece : pieces)
+            bytes.insert(bytes.end(), piece.begin(), piece.end());
+        return bytes;
+    };
+    int n = 0;
+    n += writeSeed(root, t, "pack-one-name-in-two-folders", withTail({}, parts({{0}, duplicates})));
+    n += writeSeed(root, t, "pack-over-a-previous-package",
+                   withTail({}, {0, 2, 0, 1, 0, 30, 0, 1, 0, 1, 40, 0, 2, 5, 1, 8, 1, 1, 1}));
+    n += writeSeed(root, t, "pack-a-scatter-txt", withTail({}, {0, 0, 1, 2, 1, 4, 0, 0, 0}));
+    n += writeSeed(root, t, "pack-onto-a-source",
+                   withTail({}, {0, 1, 0, 0, 1, 5, 0, 1, 1, 0, 5, 0, 2, 0}));
+    n += writeSeed(root, t, "read-hostile-names", withTail({}, parts({{1}, hostileNames})));
+    n += writeSeed(
+        root, t, "read-duplicates-and-protection",
+        withTail({}, {1, 2, 0, 0, 50, 0, 0, 0, 0, 0, 60, 0, 2, 0, 1, 0, 70, 0, 3, 1, 0, 0, 0}));
+    n += writeSeed(root, t, "read-over-the-flash",
+                   withTail({}, {1, 1, 0, 0xFF, 0xFF, 1, 0, 0, 1, 0x80, 0, 1, 0, 0, 2, 0, 64}));
+    n += writeSeed(root, t, "read-lying-size",
+                   withTail({}, {1, 0, 0, 0, 200, 0, 0, 0, 1, 1, 0x7F, 0xFF, 0xFF, 0xFF, 0}));
+    n += writeSeed(root, t, "both", withTail({}, parts({{2}, duplicates, hostileNames})));
+    return n;
+}
+
 // Reply records come first (one byte each: 0 is "the correct answer"), the operations last.
 int answerSeeds(const QString &root)
 {
@@ -338,7 +374,7 @@ int main(int argc, char *argv[])
     }
     const QString root = QString::fromLocal8Bit(argv[1]);
     const int written = slipSeeds(root) + imageSeeds(root) + stubSeeds(root) + scatterSeeds(root) +
-                        packageSeeds(root) + answerSeeds(root);
+                        packageSeeds(root) + packageEntrySeeds(root) + answerSeeds(root);
     std::printf("%d seed files written under %s\n", written, qPrintable(root));
     return 0;
 }

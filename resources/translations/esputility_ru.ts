@@ -59,7 +59,7 @@ Turn it off to write everything.</source>
     </message>
     <message>
         <location line="+11"/>
-        <location filename="../../flasher/espflasher.cpp" line="+491"/>
+        <location filename="../../flasher/espflasher.cpp" line="+492"/>
         <source>Connect</source>
         <translation>Подключить</translation>
     </message>
@@ -253,17 +253,17 @@ The tool will be closed</source>
         <translation>Не удалось загрузить загрузчик</translation>
     </message>
     <message>
-        <location line="+23"/>
+        <location line="+24"/>
         <location line="+12"/>
         <location line="+9"/>
         <location line="+105"/>
-        <location line="+352"/>
-        <location line="+17"/>
+        <location line="+380"/>
+        <location line="+10"/>
         <source>Flash Loader</source>
         <translation>Загрузчик флеш-памяти</translation>
     </message>
     <message>
-        <location line="-494"/>
+        <location line="-515"/>
         <location line="+126"/>
         <source>The device is busy. Please try again later.</source>
         <translation>Устройство занято. Повторите попытку позже.</translation>
@@ -304,102 +304,7 @@ The tool will be closed</source>
         <translation>Загрузчик не загрузился</translation>
     </message>
     <message>
-        <location line="-146"/>
-        <location line="+230"/>
-        <source>Upgrade completed.</source>
-        <translation>Обновление завершено.</translation>
-    </message>
-    <message>
-        <location line="+323"/>
-        <source>File %1 is not in the package</source>
-        <translation>Файла %1 нет в пакете</translation>
-    </message>
-    <message>
-        <location line="+1"/>
-        <location line="+19"/>
-        <source>File %1 cannot be read (%2)</source>
-        <translation>Не удаётся прочитать файл %1 (%2)</translation>
-    </message>
-    <message>
-        <location line="-363"/>
-        <source>Invalid package</source>
-        <translation>Недопустимый пакет</translation>
-    </message>
-    <message>
-        <location line="-426"/>
-        <source>Description: %1</source>
-        <translation>Описание: %1</translation>
-    </message>
-    <message>
-        <location line="+2"/>
-        <source>Manufacturer: %1</source>
-        <translation>Производитель: %1</translation>
-    </message>
-    <message>
-        <location line="+2"/>
-        <source>VID:PID: %1:%2</source>
-        <translation>Идентификаторы USB (VID:PID): %1:%2</translation>
-    </message>
-    <message>
-        <location line="+5"/>
-        <source>Serial number: %1</source>
-        <translation>Серийный номер: %1</translation>
-    </message>
-    <message>
-        <location line="+510"/>
-        <source>Scatter File</source>
-        <translation>Файл разметки</translation>
-    </message>
-    <message>
-        <location line="+0"/>
-        <source>A scatter file is already loaded. Use it as a template?</source>
-        <translation>Файл разметки уже загружен. Использовать его как шаблон?</translation>
-    </message>
-    <message>
-        <location line="+13"/>
-        <location line="+31"/>
-        <source>Save As</source>
-        <translation>Сохранить как</translation>
-    </message>
-    <message>
-        <location line="-31"/>
-        <location line="+32"/>
-        <source>Scatter files (*.txt)</source>
-        <translation>Файлы разметки (*.txt)</translation>
-    </message>
-    <message>
-        <location line="-15"/>
-        <source>Read Flash Memory</source>
-        <translation>Чтение флеш-памяти</translation>
-    </message>
-    <message>
-        <location line="+1"/>
-        <source>File with the same name already exists. Please choose another name:</source>
-        <translation>Файл с таким именем уже существует. Выберите другое имя:</translation>
-    </message>
-    <message>
-        <location line="+78"/>
-        <location line="+14"/>
-        <source>Save Scatter</source>
-        <translation>Сохранение разметки</translation>
-    </message>
-    <message>
-        <location line="-14"/>
-        <source>Save the scatter file?</source>
-        <translation>Сохранить файл разметки?</translation>
-    </message>
-    <message>
-        <location line="+14"/>
-        <source>Create a distribution package?</source>
-        <translation>Создать пакет для распространения?</translation>
-    </message>
-    <message>
-        <location line="+41"/>
-        <source>Erase Flash Memory</source>
-        <translation>Стирание флеш-памяти</translation>
-    </message>
-    <message>
-        <location line="+124"/>
+        <location line="+466"/>
         <source>Packages, Scatter files and Images</source>
         <translation>Пакеты, файлы разметки и образы</translation>
     </message>
@@ -455,7 +360,107 @@ The tool will be closed</source>
         <translation>%1 байт по адресу 0x%2 выходят за конец флеш-памяти (%3 байт)</translation>
     </message>
     <message>
-        <location line="-290"/>
+        <location line="-754"/>
+        <location line="+231"/>
+        <source>Upgrade completed.</source>
+        <translation>Обновление завершено.</translation>
+    </message>
+    <message>
+        <location line="+149"/>
+        <source>File %1 already exists. Replace it?</source>
+        <translation>Файл %1 уже существует. Заменить его?</translation>
+    </message>
+    <message>
+        <location line="+195"/>
+        <source>File %1 is not in the package</source>
+        <translation>Файла %1 нет в пакете</translation>
+    </message>
+    <message>
+        <location line="+3"/>
+        <location line="+3"/>
+        <location line="+14"/>
+        <source>File %1 cannot be read (%2)</source>
+        <translation>Не удаётся прочитать файл %1 (%2)</translation>
+    </message>
+    <message>
+        <location line="-384"/>
+        <source>Invalid package</source>
+        <translation>Недопустимый пакет</translation>
+    </message>
+    <message>
+        <location line="+90"/>
+        <source>Scatter File</source>
+        <translation>Файл разметки</translation>
+    </message>
+    <message>
+        <location line="+0"/>
+        <source>A scatter file is already loaded. Use it as a template?</source>
+        <translation>Файл разметки уже загружен. Использовать его как шаблон?</translation>
+    </message>
+    <message>
+        <location line="+65"/>
+        <source>Save As</source>
+        <translation>Сохранить как</translation>
+    </message>
+    <message>
+        <location line="+0"/>
+        <source>Scatter files (*.txt)</source>
+        <translation>Файлы разметки (*.txt)</translation>
+    </message>
+    <message>
+        <location line="-41"/>
+        <location line="+55"/>
+        <source>Read Flash Memory</source>
+        <translation>Чтение флеш-памяти</translation>
+    </message>
+    <message>
+        <location line="-596"/>
+        <source>Description: %1</source>
+        <translation>Описание: %1</translation>
+    </message>
+    <message>
+        <location line="+2"/>
+        <source>Manufacturer: %1</source>
+        <translation>Производитель: %1</translation>
+    </message>
+    <message>
+        <location line="+2"/>
+        <source>VID:PID: %1:%2</source>
+        <translation>Идентификаторы USB (VID:PID): %1:%2</translation>
+    </message>
+    <message>
+        <location line="+5"/>
+        <source>Serial number: %1</source>
+        <translation>Серийный номер: %1</translation>
+    </message>
+    <message>
+        <location line="+533"/>
+        <source>File with the same name already exists. Please choose another name:</source>
+        <translation>Файл с таким именем уже существует. Выберите другое имя:</translation>
+    </message>
+    <message>
+        <location line="+105"/>
+        <location line="+14"/>
+        <source>Save Scatter</source>
+        <translation>Сохранение разметки</translation>
+    </message>
+    <message>
+        <location line="-14"/>
+        <source>Save the scatter file?</source>
+        <translation>Сохранить файл разметки?</translation>
+    </message>
+    <message>
+        <location line="+14"/>
+        <source>Create a distribution package?</source>
+        <translation>Создать пакет для распространения?</translation>
+    </message>
+    <message>
+        <location line="+41"/>
+        <source>Erase Flash Memory</source>
+        <translation>Стирание флеш-памяти</translation>
+    </message>
+    <message>
+        <location line="-25"/>
         <source>Region [address:size]:</source>
         <translation>Область [адрес:размер]:</translation>
     </message>
@@ -475,7 +480,7 @@ The tool will be closed</source>
         <translation>Конечный адрес %1 секции № %2 недопустим</translation>
     </message>
     <message>
-        <location line="+78"/>
+        <location line="+81"/>
         <location line="+20"/>
         <location line="+22"/>
         <location line="+16"/>
@@ -645,34 +650,47 @@ The tool will be closed</source>
         <translation>Удалить байты FF в конце образов приложений для экономии места?</translation>
     </message>
     <message>
-        <location filename="../../flasher/esppackagewriter.cpp" line="+66"/>
+        <location filename="../../flasher/esppackagewriter.cpp" line="+34"/>
+        <source>Package %1 would replace its source file %2</source>
+        <translation>Пакет %1 заменил бы собственный исходный файл %2</translation>
+    </message>
+    <message>
+        <location line="+45"/>
         <source>No package is open for writing</source>
         <translation>Нет пакета, открытого для записи</translation>
     </message>
     <message>
-        <location line="+14"/>
-        <location line="+176"/>
+        <location line="+28"/>
         <source>File %1 is not writable: %2</source>
         <translation>Файл %1 недоступен для записи: %2</translation>
     </message>
     <message>
-        <location line="-130"/>
+        <location line="+61"/>
         <source>Stub file could not be copied: %1</source>
         <translation>Не удалось скопировать файл загрузчика: %1</translation>
     </message>
     <message>
-        <location line="+62"/>
-        <location line="+54"/>
+        <location line="+85"/>
         <source>File %1 could not be copied: %2</source>
         <translation>Не удалось скопировать файл %1: %2</translation>
     </message>
     <message>
-        <location line="-30"/>
+        <location line="+7"/>
+        <source>Section file %1 cannot be packed: the package keeps its own %2 under that name</source>
+        <translation>Файл раздела %1 нельзя упаковать: под этим именем пакет хранит собственный %2</translation>
+    </message>
+    <message>
+        <location line="+7"/>
+        <source>Section files %1 and %2 would both be stored as %3</source>
+        <translation>Файлы разделов %1 и %2 были бы оба сохранены как %3</translation>
+    </message>
+    <message>
+        <location line="+28"/>
         <source>Saved %1 bytes from %2 (removed trailing FF&apos;s)</source>
         <translation>Сэкономлено байт: %1 в %2 (удалены конечные FF)</translation>
     </message>
     <message>
-        <location line="+47"/>
+        <location line="+49"/>
         <source>Created zip package in %1</source>
         <translation>Создан ZIP-пакет %1</translation>
     </message>
@@ -682,17 +700,22 @@ The tool will be closed</source>
         <translation>%1 не является корректным файлом разметки: %2</translation>
     </message>
     <message>
-        <location line="+12"/>
+        <location line="+13"/>
+        <source>Package %1 unpacks to %2 bytes, more than the flash memory can hold (%3 bytes)</source>
+        <translation>Пакет %1 распаковывается в %2 байт — больше, чем вмещает флеш-память (%3 байт)</translation>
+    </message>
+    <message>
+        <location line="+16"/>
         <source>Package %1 is invalid and cannot be opened</source>
         <translation>Пакет %1 повреждён и не может быть открыт</translation>
     </message>
     <message>
-        <location line="+9"/>
+        <location line="+13"/>
         <source>scatter.txt not found in package %1</source>
         <translation>В пакете %1 не найден scatter.txt</translation>
     </message>
     <message>
-        <location line="+7"/>
+        <location line="+8"/>
         <source>scatter.txt from package %1 cannot be read</source>
         <translation>Не удаётся прочитать scatter.txt из пакета %1</translation>
     </message>
@@ -733,12 +756,12 @@ The tool will be closed</source>
         <translation>Не удаётся прочитать файл %1</translation>
     </message>
     <message>
-        <location line="+27"/>
+        <location line="+25"/>
         <source>The package is corrupted (near file %1)</source>
         <translation>Пакет повреждён (возле файла %1)</translation>
     </message>
     <message>
-        <location line="+7"/>
+        <location line="+8"/>
         <source>File %1 within the package cannot be read (%2)</source>
         <translation>Не удаётся прочитать файл %1 из пакета (%2)</translation>
     </message>
@@ -803,7 +826,7 @@ The tool will be closed</source>
         <translation>Продолжение без проверки контрольной суммы для %1 по запросу пользователя</translation>
     </message>
     <message>
-        <location filename="../../flasher/scatterwriter.cpp" line="+77"/>
+        <location filename="../../flasher/scatterwriter.cpp" line="+78"/>
         <source>Cannot write to %1: %2</source>
         <translation>Не удаётся записать в %1: %2</translation>
     </message>
@@ -816,7 +839,7 @@ The tool will be closed</source>
 <context>
     <name>ESPToolWorker</name>
     <message>
-        <location filename="../../worker/esptoolworker.cpp" line="+43"/>
+        <location filename="../../worker/esptoolworker.cpp" line="+45"/>
         <source>connect</source>
         <translation>подключение</translation>
     </message>
