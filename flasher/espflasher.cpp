@@ -134,20 +134,6 @@ bool takeOwnFlashOptions(const ESPImageParser &image, ScatterSection *row)
     return !row->flashMode.isEmpty() && !row->flashSize.isEmpty() && !row->flashFrequency.isEmpty();
 }
 
-// The loader the build makes for real boards, else the virtual chip's stand-in, looked up
-// beside the program as the command line does; empty when neither is there.
-QString bundledLoaderPath()
-{
-    const QDir stubs(QCoreApplication::applicationDirPath() + QStringLiteral("/../stub"));
-    for (const QString &name : {QStringLiteral("vendor/esp8266_loader_stub.elf"),
-                                QStringLiteral("esp8266_loader_stub.elf")}) {
-        const QString path = QDir::cleanPath(stubs.absoluteFilePath(name));
-        if (QFileInfo(path).isFile())
-            return path;
-    }
-    return QString();
-}
-
 } // namespace
 
 ESPFlasher::ESPFlasher(RUN_MODE mode, QWidget *parent)
@@ -1264,7 +1250,7 @@ QString ESPFlasher::imageLoader()
     const QString chosen = ui->stubEdit->text();
     if (QDir::isAbsolutePath(chosen) && QFileInfo(chosen).isFile())
         return chosen;
-    const QString bundled = bundledLoaderPath();
+    const QString bundled = FlashPlan::defaultLoaderPath();
     if (!bundled.isEmpty())
         return bundled;
     on_stubSelTool_clicked();
