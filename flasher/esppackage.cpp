@@ -68,7 +68,7 @@ QByteArray EspPackage::password(const QString &comment)
 
 quint64 EspPackage::sizeLimit(quint32 flashSize)
 {
-    return flashSize != 0 ? flashSize : largestFlashBytes;
+    return quint64(flashSize != 0 ? flashSize : largestFlashBytes) + ownEntriesAllowance;
 }
 
 EspPackage::EspPackage(const QString &path) : m_path(path) {}

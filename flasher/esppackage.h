@@ -34,6 +34,9 @@ public:
     // The largest flash an ESP8266 has, in bytes: what a package may unpack to while the
     // chip's own flash size is not known.
     static constexpr quint32 largestFlashBytes = 16u * 1024u * 1024u;
+    // Room beside the images for the package's own entries, the loader and the scatter file, so
+    // that images filling the whole flash (a full backup) still make a package that loads.
+    static constexpr quint32 ownEntriesAllowance = 2u * 1024u * 1024u;
     // What a package may unpack to on a chip with that much flash (0: not known).
     static quint64 sizeLimit(quint32 flashSize);
 

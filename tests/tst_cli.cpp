@@ -331,13 +331,13 @@ private slots:
         QTest::addColumn<int>("exitCode");
         QTest::addColumn<QString>("refusal"); // %1: the package, %2: its size
         QTest::newRow("larger than any flash")
-            << 17 << 2
+            << 19 << 2
             << "esp-utility: Package %1 unpacks to %2 bytes, more than the flash memory can "
-               "hold (16777216 bytes)";
+               "hold (18874368 bytes)";
         QTest::newRow("larger than the board's flash")
-            << 5 << 1
+            << 7 << 1
             << "Package %1 unpacks to %2 bytes, more than the flash memory can hold "
-               "(4194304 bytes)";
+               "(6291456 bytes)";
     }
 
     void packageLargerThanTheFlash()

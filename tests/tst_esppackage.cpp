@@ -301,11 +301,14 @@ private slots:
         QTest::addColumn<uint>("flashSize");       // 0: not known
         QTest::addColumn<uint>("limit");           // 0: loaded
         const int mib = 1024 * 1024;
+        const uint room = EspPackage::ownEntriesAllowance;
         QTest::newRow("two 9 MiB images, no chip")
-            << QVector<int>{9 * mib, 9 * mib} << 0u << 16u * mib;
-        QTest::newRow("5 MiB on a 4 MiB chip")
-            << QVector<int>{3 * mib, 2 * mib} << 4u * mib << 4u * mib;
+            << QVector<int>{9 * mib, 9 * mib} << 0u << 16u * mib + room;
+        QTest::newRow("7 MiB on a 4 MiB chip")
+            << QVector<int>{4 * mib, 3 * mib} << 4u * mib << 4u * mib + room;
         QTest::newRow("3 MiB on a 4 MiB chip") << QVector<int>{3 * mib} << 4u * mib << 0u;
+        // A full backup: images that fill the flash, beside the loader and the scatter file.
+        QTest::newRow("4 MiB on a 4 MiB chip") << QVector<int>{4 * mib} << 4u * mib << 0u;
         QTest::newRow("9 MiB, no chip") << QVector<int>{9 * mib} << 0u << 0u;
     }
 
