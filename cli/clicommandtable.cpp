@@ -173,7 +173,8 @@ QVector<Option> makeOptions()
             QStringLiteral("write every block, also those the flash already holds")),
         option(QStringLiteral("-y|--yes"), {}, flag(&CliArguments::yes),
                QStringLiteral("answer Yes to the scatter file's questions (missing loader, "
-                              "missing checksum); without it they are answered No")),
+                              "missing checksum, firmware set for more flash than the board "
+                              "has); without it they are answered No")),
         option(QStringLiteral("--force"), {}, flag(&CliArguments::force),
                QStringLiteral("replace files that are there (read and demo refuse otherwise)")),
         option(QStringLiteral("--only"), QStringLiteral("firmware|application"),

@@ -2,19 +2,22 @@
 
 #include "cli/cliconsole.h"
 
-CliScatterPrompts::CliScatterPrompts(bool yes, const QString &loaderPath, Sink sink)
-    : m_yes(yes), m_loaderPath(loaderPath), m_sink(std::move(sink))
+CliScatterPrompts::CliScatterPrompts(bool yes, const QString &loaderPath, Sink sink, Sink chipSink)
+    : m_yes(yes)
+    , m_loaderPath(loaderPath)
+    , m_sink(std::move(sink))
+    , m_chipSink(chipSink ? std::move(chipSink) : m_sink)
 {}
 
-bool CliScatterPrompts::answer(const QString &question)
+bool CliScatterPrompts::answer(const QString &question, const Sink &sink)
 {
-    if (m_sink) {
+    if (sink) {
         const QString text = CliConsole::plainText(question);
         if (m_yes)
-            m_sink(FlashPlan::Tone::Notice, QStringLiteral("%1 Yes (--yes)").arg(text));
+            sink(FlashPlan::Tone::Notice, QStringLiteral("%1 Yes (--yes)").arg(text));
         else
-            m_sink(FlashPlan::Tone::Error,
-                   QStringLiteral("%1 No (pass --yes to answer Yes)").arg(text));
+            sink(FlashPlan::Tone::Error,
+                 QStringLiteral("%1 No (pass --yes to answer Yes)").arg(text));
     }
     if (!m_yes)
         m_refused = true;
@@ -23,7 +26,7 @@ bool CliScatterPrompts::answer(const QString &question)
 
 bool CliScatterPrompts::confirmMissingLoader(const QString &question, const QString &)
 {
-    return answer(question);
+    return answer(question, m_sink);
 }
 
 QString CliScatterPrompts::chooseLoader()
@@ -35,7 +38,12 @@ QString CliScatterPrompts::chooseLoader()
 bool CliScatterPrompts::confirmMissingChecksum(const QString &question, const QString &,
                                                const QString &)
 {
-    return answer(question);
+    return answer(question, m_sink);
+}
+
+bool CliScatterPrompts::confirmFlashSize(const QString &question)
+{
+    return answer(question, m_chipSink);
 }
 
 void CliScatterPrompts::notice(const QString &text)

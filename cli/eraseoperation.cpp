@@ -4,18 +4,23 @@
 #include "flasher/scattersection.h"
 #include "worker/esptoolworker.h"
 
-bool EraseOperation::begin(BoardContext &)
+bool EraseOperation::begin(BoardContext &board)
 {
-    return true;
+    if (m_region.fitsFlash(board.detectedFlashSize()))
+        return true;
+    board.log(FlashPlan::Tone::Error, m_region.pastFlashMessage(board.detectedFlashSize()));
+    return false;
 }
 
 BoardOperation::Step EraseOperation::next(BoardContext &board, FlashPlan::Command *command)
 {
     if (m_queued) {
+        // The chip erases whole sectors: say which.
+        const FlashRegion erased = m_region.erasedSectors();
         board.note(m_region.wholeChip ? QStringLiteral("chip erased")
                                       : QStringLiteral("0x%1 bytes erased at %2")
-                                            .arg(m_region.size, 0, 16)
-                                            .arg(ScatterSection::addressText(m_region.address)));
+                                            .arg(erased.size, 0, 16)
+                                            .arg(ScatterSection::addressText(erased.address)));
         return Step::Done;
     }
     m_queued = true;

@@ -3,7 +3,7 @@
 #include "cli/boardoperation.h"
 #include "flasher/flashregion.h"
 
-// Erases one region, or the whole chip.
+// Erases one region, or the whole chip; a region past the end of the chip's flash is refused.
 class EraseOperation : public BoardOperation
 {
 public:

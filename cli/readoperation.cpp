@@ -34,8 +34,15 @@ QString ReadOperation::fileNameFor(const FlashRegion &region)
         .arg(region.end(), 8, 16, QLatin1Char('0'));
 }
 
-bool ReadOperation::begin(BoardContext &)
+bool ReadOperation::begin(BoardContext &board)
 {
+    // Every region is checked before the first is read: a refused one leaves no files behind.
+    for (const FlashRegion &region : qAsConst(m_regions)) {
+        if (!region.fitsFlash(board.detectedFlashSize())) {
+            board.log(FlashPlan::Tone::Error, region.pastFlashMessage(board.detectedFlashSize()));
+            return false;
+        }
+    }
     m_rows.clear();
     for (const FlashRegion &region : qAsConst(m_regions)) {
         ScatterSection row;

@@ -56,10 +56,12 @@ QDir ScatterInput::directory() const
     return QFileInfo(m_path).absoluteDir();
 }
 
-bool ScatterInput::run(const QString &chipDescription, CliScatterPrompts &prompts,
-                       QVector<ScatterSection> *rows, QString *loaderText, QString *error)
+bool ScatterInput::run(const QString &chipDescription, quint32 detectedFlashSize,
+                       CliScatterPrompts &prompts, QVector<ScatterSection> *rows,
+                       QString *loaderText, QString *error)
 {
     ScatterValidator validator(chipDescription, m_loaderPath, &prompts);
+    validator.setDetectedFlashSize(detectedFlashSize);
     QString reason;
     bool valid = false;
     if (m_isPackage) {
@@ -80,19 +82,20 @@ bool ScatterInput::run(const QString &chipDescription, CliScatterPrompts &prompt
 bool ScatterInput::preflight(const CliScatterPrompts::Sink &sink, QString *error)
 {
     CliScatterPrompts prompts(m_yes, m_loaderPath, sink);
-    const bool valid = run(documentChip(), prompts, &m_rows, &m_loaderText, error);
+    const bool valid = run(documentChip(), 0, prompts, &m_rows, &m_loaderText, error);
     m_needsYes = !valid && prompts.refused();
     return valid;
 }
 
 bool ScatterInput::validate(const QString &chipDescription, quint32 flashSize,
-                            QVector<ScatterSection> *rows, QString *error)
+                            const CliScatterPrompts::Sink &boardSink, QVector<ScatterSection> *rows,
+                            QString *error)
 {
     if (m_package && !ScatterLoader::checkPackageSize(*m_package, flashSize, error))
         return false;
-    CliScatterPrompts prompts(m_yes, m_loaderPath);
+    CliScatterPrompts prompts(m_yes, m_loaderPath, CliScatterPrompts::Sink(), boardSink);
     QString loaderText;
-    return run(chipDescription, prompts, rows, &loaderText, error);
+    return run(chipDescription, flashSize, prompts, rows, &loaderText, error);
 }
 
 std::unique_ptr<QIODevice> ScatterInput::extractEntry(const QString &name, QString *error)

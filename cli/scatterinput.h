@@ -33,9 +33,11 @@ public:
     bool load(const QString &path, QString *error);
     // Every check but the chip, with questions and notices going to sink.
     bool preflight(const CliScatterPrompts::Sink &sink, QString *error);
-    // The check a board makes once it is identified; answers as the preflight did, silently.
-    // A package must fit the board's flash (flashSize bytes, 0: not known).
-    bool validate(const QString &chipDescription, quint32 flashSize, QVector<ScatterSection> *rows,
+    // The check a board makes once it is identified, against its chip and flash size (bytes, 0
+    // when unknown; a package must fit it too); answers as the preflight did, silently, and the
+    // one question only a board raises (its flash size) through boardSink.
+    bool validate(const QString &chipDescription, quint32 flashSize,
+                  const CliScatterPrompts::Sink &boardSink, QVector<ScatterSection> *rows,
                   QString *error);
 
     bool isPackage() const { return m_isPackage; }
@@ -68,7 +70,7 @@ public:
 private:
     // A copy of a package entry in a temporary file, open at its start.
     std::unique_ptr<QIODevice> extractEntry(const QString &name, QString *error);
-    bool run(const QString &chipDescription, CliScatterPrompts &prompts,
+    bool run(const QString &chipDescription, quint32 detectedFlashSize, CliScatterPrompts &prompts,
              QVector<ScatterSection> *rows, QString *loaderText, QString *error);
 
     bool m_yes;

@@ -13,11 +13,18 @@ VerifyOperation::VerifyOperation(const FlashRegion &region) : m_region(region) {
 bool VerifyOperation::begin(BoardContext &board)
 {
     if (!m_input) {
+        if (!m_region.fitsFlash(board.detectedFlashSize())) {
+            board.log(FlashPlan::Tone::Error, m_region.pastFlashMessage(board.detectedFlashSize()));
+            return false;
+        }
         m_rows = {ScatterSection()};
         return true;
     }
     QString error;
-    if (!m_input->validate(board.chipDescription(), board.detectedFlashSize(), &m_rows, &error)) {
+    if (!m_input->validate(
+            board.chipDescription(), board.detectedFlashSize(),
+            [&board](FlashPlan::Tone tone, const QString &text) { board.log(tone, text); }, &m_rows,
+            &error)) {
         board.log(FlashPlan::Tone::Error, error);
         return false;
     }

@@ -26,6 +26,7 @@
 #include <QFile>
 #include <QFileDialog>
 #include <QFileInfo>
+#include <QHash>
 #include <QInputDialog>
 #include <QMenu>
 #include <QMessageBox>
@@ -160,6 +161,7 @@ ESPFlasher::ESPFlasher(RUN_MODE mode, QWidget *parent)
     connect(worker, &ESPToolWorker::progress, this, &ESPFlasher::worker_progress);
     connect(worker, &ESPToolWorker::finished, this, &ESPFlasher::worker_finished);
     connect(worker, &ESPToolWorker::notice, this, &ESPFlasher::worker_notice);
+    connect(worker, &ESPToolWorker::connectionLost, this, &ESPFlasher::worker_connectionLost);
     workerThread.start(QThread::InheritPriority);
 
     // The port list shows the details of the chosen port in its own tool tip too.
@@ -428,11 +430,16 @@ void ESPFlasher::worker_finished(bool result, int command, const QVariantList &r
         break;
     case ESPToolWorker::EraseFlash:
         log(LogColour::Success, FlashPlan::finishedMessage(command));
+        if (pendingErase)
+            log(LogColour::Success, pendingErase->erasedMessage());
         if (!ui->scatterEdit->text().isEmpty())
             ui->flashTool->setEnabled(true);
         break;
     case ESPToolWorker::FlashMd5:
-        log(FlashPlan::md5Report(results));
+        if (FlashPlan::finalCheckIndex(results) >= 0)
+            finalCheckFinished(FlashPlan::finalCheckIndex(results), results);
+        else
+            log(FlashPlan::md5Report(results));
         break;
     default:
         log(LogColour::Notice, tr("Unknown command %1 finished").arg(command));
@@ -444,19 +451,52 @@ void ESPFlasher::commandFailed(int command)
 {
     if (stubWaitDialog)
         stubWaitDialog->cancel();
-    // Buttons disabled by the operation stay disabled and its state stays as it was; only a
-    // failed connect gives the port back, so that another one can be chosen.
     log(LogColour::Error, FlashPlan::failedOperationMessage(command));
-    if (command == ESPToolWorker::Connect) {
-        ui->comPortCombo->setEnabled(true);
-        setConnectionSettingsEnabled(true);
-    }
-    closingAfterUpgrade = false;
+    // The worker fails every further command until the next connect.
+    returnToDisconnected();
     scheduleAutoClose(false, tr("UBoot operation failure."));
+}
+
+void ESPFlasher::worker_connectionLost(const QString &reason)
+{
+    // The port's own words ("Inappropriate ioctl for device" for a vanished terminal) tell a
+    // user nothing.
+    Q_UNUSED(reason)
+    if (!connectedToChip)
+        return;
+    log(LogColour::Error, tr("The connection to %1 was lost").arg(connectedPort));
+    returnToDisconnected();
+    scheduleAutoClose(false, tr("Connection closed."));
+}
+
+void ESPFlasher::returnToDisconnected()
+{
+    connectedToChip = false;
+    closingAfterUpgrade = false;
+    stubLoaded = false;
+    close_zip_file();
+    // Nothing in work goes on: a late result of it must not restart a walk.
+    operation = OperationNone;
+    sectionIndex = -2;
+    finalChecked = -1;
+    ui->comPortCombo->setEnabled(true);
+    setConnectionSettingsEnabled(true);
+    ui->comPortConnect->setText(tr("Connect"));
+    ui->comPortConnect->setEnabled(ui->comPortCombo->count() > 0);
+    // Disabled until a chip is identified again; the scatter stays loaded for that.
+    ui->infoGroup->setEnabled(false);
+    ui->loaderGroup->setEnabled(false);
+    ui->stubSelTool->setEnabled(true);
+    ui->flashTool->setEnabled(!ui->scatterEdit->text().isEmpty());
+    ui->readTool->setEnabled(!zip);
 }
 
 void ESPFlasher::connected()
 {
+    // A fresh connection talks to the ROM loader.
+    connectedToChip = true;
+    stubLoaded = false;
+    ui->stubSelTool->setEnabled(true);
     log(LogColour::Success, FlashPlan::finishedMessage(ESPToolWorker::Connect, connectedPort));
     ui->comPortConnect->setText(tr("Disconnect"));
     // The dialog disconnects by itself only after a failed identification and, to reset the
@@ -478,6 +518,7 @@ void ESPFlasher::disconnected()
     ui->comPortConnect->setText(tr("Connect"));
     ui->comPortConnect->setEnabled(true);
     stubLoaded = false;
+    connectedToChip = false;
     if (closingAfterUpgrade) {
         closingAfterUpgrade = false;
         scheduleAutoClose(true, tr("Upgrade completed."));
@@ -533,6 +574,11 @@ void ESPFlasher::scheduleAutoClose(bool success, const QString &message)
 
 void ESPFlasher::on_flashTool_clicked()
 {
+    if (!activeRowsFitChip())
+        return;
+    writtenSections.clear();
+    finalChecked = -1;
+    finalCheckFailures = 0;
     if (!startSectionWalk(OperationFlashing, &ESPFlasher::writeNextSection))
         scheduleAutoClose(false, tr("Cannot load the stub"));
 }
@@ -671,8 +717,7 @@ void ESPFlasher::writeNextSection()
     if (sectionIndex < 0 || sectionIndex > rows)
         return;
     if (sectionIndex == rows) {
-        finishSectionWalk(FlashPlan::finishedFlashingMessage());
-        flashingFinished();
+        checkNextWrittenSection();
         return;
     }
     if (skipInactiveSection(&ESPFlasher::writeNextSection))
@@ -716,10 +761,69 @@ void ESPFlasher::flashingFinished()
 
 void ESPFlasher::sectionWritten(int command)
 {
+    // The expectation comes from the bytes just written: the package entry still in memory, or
+    // the file on disk.
+    const ScatterSection row = scatterRow(sectionIndex);
+    if (packageFile) {
+        writtenSections.append(FlashPlan::writtenSection(row, packageFile.get()));
+    } else {
+        QFile file(resolveScatterPath(row.file));
+        const bool opened = file.open(QIODevice::ReadOnly);
+        writtenSections.append(
+            FlashPlan::writtenSection(row, opened ? &file : nullptr, file.errorString()));
+    }
     close_zip_file();
     log(LogColour::Success, FlashPlan::writtenMessage(command));
     ++sectionIndex;
     writeNextSection();
+}
+
+void ESPFlasher::checkNextWrittenSection()
+{
+    if (finalChecked < 0) {
+        finalChecked = 0;
+        if (!writtenSections.isEmpty())
+            log(LogColour::Success, FlashPlan::finalCheckMessage());
+    }
+    // A section that cannot be checked is reported without asking the chip.
+    while (finalChecked < writtenSections.size() &&
+           !writtenSections.at(finalChecked).error.isEmpty()) {
+        bool matches = false;
+        log(FlashPlan::finalCheckReport(writtenSections.at(finalChecked), {}, &matches));
+        ++finalCheckFailures;
+        ++finalChecked;
+    }
+    if (finalChecked < writtenSections.size()) {
+        queueCommand(FlashPlan::finalCheckCommand(writtenSections.at(finalChecked), finalChecked));
+        return;
+    }
+    finishFlashing();
+}
+
+void ESPFlasher::finalCheckFinished(int index, const QVariantList &results)
+{
+    // A result of an earlier run's check has nothing to say about this one.
+    if (index != finalChecked || index >= writtenSections.size())
+        return;
+    bool matches = false;
+    log(FlashPlan::finalCheckReport(writtenSections.at(index), results, &matches));
+    if (!matches)
+        ++finalCheckFailures;
+    ++finalChecked;
+    checkNextWrittenSection();
+}
+
+void ESPFlasher::finishFlashing()
+{
+    if (finalCheckFailures == 0) {
+        finishSectionWalk(FlashPlan::finishedFlashingMessage());
+        flashingFinished();
+        return;
+    }
+    log(LogColour::Error,
+        FlashPlan::finalCheckFailedMessage(finalCheckFailures, writtenSections.size()));
+    enableToolsAfterWalk();
+    scheduleAutoClose(false, tr("The flashed sections did not match at the end."));
 }
 
 void ESPFlasher::stubLoadFinished()
@@ -866,6 +970,8 @@ bool ESPFlasher::confirmReplacing(const QString &path)
 
 void ESPFlasher::startReading()
 {
+    if (!activeRowsFitChip() || !activeRowsHaveDistinctFiles())
+        return;
     // Reading writes loose files only.
     close_pack();
     ui->flashTool->setEnabled(false);
@@ -962,18 +1068,72 @@ bool ESPFlasher::askRegion(const QString &title, const QString &preset, bool era
     return false;
 }
 
+bool ESPFlasher::regionFitsChip(const FlashRegion &region)
+{
+    if (region.fitsFlash(detectedFlashSize))
+        return true;
+    log(LogColour::Error, region.pastFlashMessage(detectedFlashSize));
+    return false;
+}
+
+bool ESPFlasher::activeRowsFitChip()
+{
+    for (int row = 0; row < ui->scatterTable->rowCount(); ++row) {
+        const ScatterSection section = scatterRow(row);
+        if (section.hasCells && section.active &&
+            !regionFitsChip(
+                FlashRegion(section.startAddress, section.endAddress - section.startAddress)))
+            return false;
+    }
+    return true;
+}
+
+bool ESPFlasher::activeRowsHaveDistinctFiles()
+{
+    QHash<QString, int> rowOfFile; // file -> row number counted from 1; 0: the scatter file
+    rowOfFile.insert(QDir::cleanPath(QFileInfo(ui->scatterEdit->text()).absoluteFilePath()), 0);
+    for (int row = 0; row < ui->scatterTable->rowCount(); ++row) {
+        const ScatterSection section = scatterRow(row);
+        if (!section.hasCells || !section.active)
+            continue;
+        const QString file = QDir::cleanPath(resolveScatterPath(section.file));
+        const auto taken = rowOfFile.constFind(file);
+        if (taken == rowOfFile.constEnd()) {
+            rowOfFile.insert(file, row + 1);
+            continue;
+        }
+        log(LogColour::Error,
+            taken.value() == 0
+                ? tr("Section no. %1 would be read into the scatter file %2").arg(row + 1).arg(file)
+                : tr("Sections no. %1 and %2 would be read into the same file %3")
+                      .arg(taken.value())
+                      .arg(row + 1)
+                      .arg(file));
+        return false;
+    }
+    return true;
+}
+
+void ESPFlasher::queueErase(const FlashRegion &region)
+{
+    pendingErase = std::make_unique<FlashRegion>(region);
+    // No announcement: the result lines say what was erased.
+    queueCommand(ESPToolWorker::EraseFlash, region.eraseParameters());
+}
+
 void ESPFlasher::on_eraseTool_clicked()
 {
     FlashRegion region;
-    // No announcement: the result line says that the flash was erased.
-    if (askRegion(tr("Erase Flash Memory"), QStringLiteral("0x911"), true, &region))
-        queueCommand(ESPToolWorker::EraseFlash, region.eraseParameters());
+    if (askRegion(tr("Erase Flash Memory"), QStringLiteral("0x911"), true, &region) &&
+        regionFitsChip(region))
+        queueErase(region);
 }
 
 void ESPFlasher::on_verifyTool_clicked()
 {
     FlashRegion region;
-    if (!askRegion(tr("Verify Flash Memory Contents"), QString(), false, &region))
+    if (!askRegion(tr("Verify Flash Memory Contents"), QString(), false, &region) ||
+        !regionFitsChip(region))
         return;
     log(LogColour::Success, region.md5RequestMessage());
     queueCommand(ESPToolWorker::FlashMd5, region.md5Parameters());
@@ -1015,8 +1175,11 @@ void ESPFlasher::processEraseVerifyAction(QAction *action, int command)
         return;
     }
 
+    const FlashRegion region(start, end - start);
+    if (!regionFitsChip(region))
+        return;
     if (command != ESPToolWorker::FlashMd5) {
-        queueCommand(command, FlashRegion(start, end - start).eraseParameters());
+        queueErase(region);
         return;
     }
     ScatterSection section = scatterRow(row);
@@ -1272,6 +1435,7 @@ bool ESPFlasher::parseScatterObject(QJsonObject &scatter, bool strict, const QFi
                                     QString *error)
 {
     ScatterValidator validator(ui->chipIDField->text(), ui->stubEdit->text(), this);
+    validator.setDetectedFlashSize(detectedFlashSize);
     const bool valid = validator.parseScatterObject(scatter, strict, scatterFile, error);
     ui->stubEdit->setText(validator.loaderText());
     if (validator.tableRebuilt())
@@ -1289,6 +1453,7 @@ bool ESPFlasher::parseScatterPack(const QJsonObject &scatter, QString *error)
         return false;
     }
     ScatterValidator validator(ui->chipIDField->text(), ui->stubEdit->text(), this);
+    validator.setDetectedFlashSize(detectedFlashSize);
     const bool valid = validator.parseScatterPack(scatter, *zip, error);
     ui->stubEdit->setText(validator.loaderText());
     if (validator.tableRebuilt())
@@ -1321,6 +1486,13 @@ bool ESPFlasher::confirmMissingChecksum(const QString &question, const QString &
     return QAutoCloseMessageBox::question(this, ScatterValidator::promptTitle(), question,
                                           QMessageBox::Yes | QMessageBox::No, QMessageBox::No,
                                           checksumQuestionTimeoutSeconds) == QMessageBox::Yes;
+}
+
+bool ESPFlasher::confirmFlashSize(const QString &question)
+{
+    return QMessageBox::question(this, ScatterValidator::promptTitle(), question,
+                                 QMessageBox::Yes | QMessageBox::No,
+                                 QMessageBox::No) == QMessageBox::Yes;
 }
 
 void ESPFlasher::notice(const QString &text)

@@ -94,6 +94,7 @@ private slots:
     void worker_progress(int total, int current);
     void worker_finished(bool result, int command, const QVariantList &results);
     void worker_notice(const QString &text);
+    void worker_connectionLost(const QString &reason);
     void scatterTableHeaderClickHandler(int index);
     void eraseActionHandler();
     void md5ActionHandler();
@@ -110,6 +111,7 @@ private:
     QString chooseLoader() override;
     bool confirmMissingChecksum(const QString &question, const QString &path,
                                 const QString &md5) override;
+    bool confirmFlashSize(const QString &question) override;
     void notice(const QString &text) override;
 
     void log(LogColour colour, const QString &text);
@@ -130,6 +132,9 @@ private:
     void commandFailed(int command);
     void connected();
     void disconnected();
+    // After a failure or a lost port: the operation in work is dropped and the connection
+    // controls work again, so that the user can connect (again) without closing the dialog.
+    void returnToDisconnected();
     void chipIdentified(const QVariantList &results);
 
     // In the upgrade mode: shows the outcome in a box that closes itself, then closes the tool.
@@ -152,6 +157,11 @@ private:
     // reset into its new firmware before the tool closes.
     void flashingFinished();
     void sectionWritten(int command);
+    // After the last row every section written is compared with the flash once more; the run
+    // succeeds only when all still match.
+    void checkNextWrittenSection();
+    void finalCheckFinished(int index, const QVariantList &results);
+    void finishFlashing();
 
     // Reading flash into a scatter file.
     bool useScatterAsTemplate(const QString &scatter);
@@ -171,6 +181,14 @@ private:
     // Asks for an "address:size" region (for an erase also 0x911, the whole chip), after making
     // sure that the loader runs. False when cancelled or not usable (a format error is logged).
     bool askRegion(const QString &title, const QString &preset, bool erase, FlashRegion *region);
+    // A region past the end of the chip's flash is refused with a red line before anything is
+    // sent; so is a walk over a table with such an active row.
+    bool regionFitsChip(const FlashRegion &region);
+    bool activeRowsFitChip();
+    // Two regions read into one file would lose the first; nor may a region take the scatter
+    // file's name. Logs the clash and returns false.
+    bool activeRowsHaveDistinctFiles();
+    void queueErase(const FlashRegion &region);
     bool expectedMd5ForRow(const ScatterSection &row, QString *md5);
     // An entry of the open package copied into a temporary file; a missing or unreadable one
     // is reported in a box.
@@ -211,6 +229,8 @@ private:
     bool stubLoaded = false;
     RUN_MODE runMode;
     qint32 operation = OperationFlashing;
+    // A connection to the chip is established (the connect command succeeded).
+    bool connectedToChip = false;
     // Scatter table row in work; -1 while the stub loads so that its result starts at row 0.
     qint32 sectionIndex = 0;
     // Flash size in bytes guessed from the chip's flash ID; 0 when unknown.
@@ -219,4 +239,10 @@ private:
     QString connectedPort;
     // A disconnect that resets the board after a successful upgrade: its end closes the tool.
     bool closingAfterUpgrade = false;
+    // What the running flash walk wrote, and how far the final check has come through it.
+    QVector<FlashPlan::WrittenSection> writtenSections;
+    int finalChecked = -1; // -1: the check has not started
+    int finalCheckFailures = 0;
+    // The region of the erase in work, for the line that says what it cleared.
+    std::unique_ptr<FlashRegion> pendingErase;
 };

@@ -1,12 +1,14 @@
 #include "flasher/flashplan.h"
 
 #include "image/espimageparser.h"
+#include "protocol/esptool.h"
 #include "widgets/texthelpers.h"
 #include "worker/esptoolworker.h"
 
 #include <QCoreApplication>
 #include <QDir>
 #include <QFileInfo>
+#include <QVariantMap>
 
 namespace {
 
@@ -19,6 +21,9 @@ QString hex8(quint32 value)
 {
     return QStringLiteral("%1").arg(value, 8, 16, QLatin1Char('0'));
 }
+
+// Key of the tag a final check hands to "flash md5"; the worker returns the tag unchanged.
+const QString finalCheckKey = QStringLiteral("finalCheck");
 
 } // namespace
 
@@ -92,6 +97,93 @@ QString FlashPlan::writtenMessage(int command)
         return dialogText(
             QT_TRANSLATE_NOOP("ESPFlasher", "Application has been successfully flashed."));
     return dialogText(QT_TRANSLATE_NOOP("ESPFlasher", "Firmware has been successfully flashed."));
+}
+
+FlashPlan::WrittenSection FlashPlan::writtenSection(const ScatterSection &row, QIODevice *data,
+                                                    const QString &deviceError)
+{
+    WrittenSection section;
+    section.file = row.file;
+    section.address = row.startAddress;
+    if (!data) {
+        section.error = deviceError;
+        return section;
+    }
+    if (row.isApplication()) {
+        data->seek(0);
+        section.md5 = hexlify(ESPTool::get_md5(data), true);
+        section.size = quint32(qBound<qint64>(0, data->size(), 0xFFFFFFFFu));
+        return section;
+    }
+    ESPImageParser parser;
+    if (!parser.load(data, ESPImageParser::fm_fromString(row.flashMode),
+                     ESPImageParser::fs_fromString(row.flashSize),
+                     ESPImageParser::ff_fromString(row.flashFrequency))) {
+        section.error =
+            dialogText(QT_TRANSLATE_NOOP("ESPFlasher", "the file is no firmware image any more"));
+        return section;
+    }
+    section.md5 = hexlify(parser.md5(), true);
+    section.size = parser.file_size();
+    return section;
+}
+
+QString FlashPlan::finalCheckMessage()
+{
+    return dialogText(
+        QT_TRANSLATE_NOOP("ESPFlasher", "Comparing the written sections with the flash once more"));
+}
+
+FlashPlan::Command FlashPlan::finalCheckCommand(const WrittenSection &section, int index)
+{
+    Command command;
+    command.command = ESPToolWorker::FlashMd5;
+    command.params << section.address << section.size << QVariantMap{{finalCheckKey, index}};
+    return command;
+}
+
+int FlashPlan::finalCheckIndex(const QVariantList &results)
+{
+    if (results.size() != 2)
+        return -1;
+    const QVariantMap tag = results.at(1).toMap();
+    return tag.contains(finalCheckKey) ? tag.value(finalCheckKey).toInt() : -1;
+}
+
+FlashPlan::Line FlashPlan::finalCheckReport(const WrittenSection &section,
+                                            const QVariantList &results, bool *matches)
+{
+    Line line;
+    line.tone = Tone::Error;
+    const QString address = hex8(section.address);
+    const QString chip = results.value(0).toString();
+    *matches = section.error.isEmpty() && !chip.isEmpty() &&
+               chip.compare(section.md5, Qt::CaseInsensitive) == 0;
+    if (!section.error.isEmpty()) {
+        line.text = dialogText(QT_TRANSLATE_NOOP("ESPFlasher", "%1 at 0x%2 cannot be checked: %3"))
+                        .arg(section.file, address, section.error);
+    } else if (*matches) {
+        line.tone = Tone::Success;
+        line.text =
+            dialogText(QT_TRANSLATE_NOOP("ESPFlasher", "%1 at 0x%2 still matches (MD5: %3)"))
+                .arg(section.file, address, chip);
+    } else {
+        line.text =
+            dialogText(QT_TRANSLATE_NOOP(
+                           "ESPFlasher",
+                           "%1 at 0x%2 has changed since it was written (MD5: %3 instead of %4)"))
+                .arg(section.file, address, chip, section.md5);
+    }
+    return line;
+}
+
+QString FlashPlan::finalCheckFailedMessage(int failed, int total)
+{
+    return dialogText(QT_TRANSLATE_NOOP(
+                          "ESPFlasher",
+                          "The flash run failed: %1 of %2 written section(s) no longer match"))
+        .arg(failed)
+        .arg(total);
 }
 
 FlashPlan::Command FlashPlan::readCommand(const ScatterSection &row, const QString &path)

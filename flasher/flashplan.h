@@ -53,6 +53,36 @@ public:
     // The success line of a write command ("Firmware has been successfully flashed." ...).
     static QString writtenMessage(int command);
 
+    // A section as it was written, for the check that ends a flash run: once every row is
+    // written, each section written is compared with the flash again, so that no later write
+    // can have damaged an earlier one unnoticed.
+    struct WrittenSection
+    {
+        QString file;
+        quint32 address = 0;
+        quint32 size = 0;
+        // What the chip must report: for firmware the image with its header patched to the row's
+        // options, for data the file's bytes (upper-case hexadecimal).
+        QString md5;
+        // Why the section cannot be checked; it then counts as not matching.
+        QString error;
+    };
+    // From the bytes just written (an open, seekable device; null when it could not be opened,
+    // with the reason in deviceError).
+    static WrittenSection writtenSection(const ScatterSection &row, QIODevice *data,
+                                         const QString &deviceError = QString());
+    // "Comparing the written sections with the flash once more".
+    static QString finalCheckMessage();
+    // "flash md5" of the section, tagged so that its result is told from any other.
+    static Command finalCheckCommand(const WrittenSection &section, int index);
+    // The index a finished "flash md5" was tagged with, or -1 when it was no final check.
+    static int finalCheckIndex(const QVariantList &results);
+    // The section's line: it still matches, it has changed, or it cannot be checked.
+    static Line finalCheckReport(const WrittenSection &section, const QVariantList &results,
+                                 bool *matches);
+    // The run's last line when some sections no longer match.
+    static QString finalCheckFailedMessage(int failed, int total);
+
     // "read data" of the row's region into path; the size travels as decimal text.
     static Command readCommand(const ScatterSection &row, const QString &path);
     static QString readMessage();

@@ -1,5 +1,6 @@
 #include "flasher/flashregion.h"
 
+#include "image/espimageparser.h"
 #include "widgets/texthelpers.h"
 #include "worker/esptoolworker.h"
 
@@ -7,6 +8,15 @@
 #include <QStringList>
 
 namespace {
+
+// Erases work on whole sectors of this many bytes.
+constexpr quint64 sectorBytes = 4096;
+
+QString regionText(quint64 start, quint64 end)
+{
+    const QChar zero(QLatin1Char('0'));
+    return QStringLiteral("[0x%1:0x%2]").arg(start, 8, 16, zero).arg(end, 8, 16, zero);
+}
 
 bool parseNumber(const QString &text, quint32 *value)
 {
@@ -67,6 +77,38 @@ FlashRegion::Parse FlashRegion::parseRange(const QString &text, FlashRegion *reg
     if (region)
         *region = parsed;
     return Parse::Ok;
+}
+
+bool FlashRegion::fitsFlash(quint32 flashSize) const
+{
+    return wholeChip || flashSize == 0 || quint64(address) + size <= flashSize;
+}
+
+QString FlashRegion::pastFlashMessage(quint32 flashSize) const
+{
+    return QCoreApplication::translate("ESPFlasher",
+                                       "Region %1 runs past the end of the flash memory (%2)")
+        .arg(regionText(address, quint64(address) + size),
+             ESPImageParser::flashSizeString(flashSize));
+}
+
+FlashRegion FlashRegion::erasedSectors() const
+{
+    if (wholeChip)
+        return *this;
+    const quint64 start = address / sectorBytes * sectorBytes;
+    const quint64 end = (quint64(address) + size + sectorBytes - 1) / sectorBytes * sectorBytes;
+    // Only a region of nearly 4 GiB could round up to a length that 32 bits do not hold.
+    return FlashRegion(quint32(start), quint32(qMin<quint64>(end - start, 0xFFFFFFFFu)));
+}
+
+QString FlashRegion::erasedMessage() const
+{
+    if (wholeChip)
+        return QCoreApplication::translate("ESPFlasher", "Erased the whole flash memory");
+    const FlashRegion sectors = erasedSectors();
+    return QCoreApplication::translate("ESPFlasher", "Erased sectors %1")
+        .arg(regionText(sectors.address, quint64(sectors.address) + sectors.size));
 }
 
 QVariantList FlashRegion::eraseParameters() const

@@ -28,6 +28,17 @@ public:
     // One past the last byte, in 32-bit arithmetic like the addresses themselves.
     quint32 end() const { return address + size; }
 
+    // False when the region runs past a flash memory of flashSize bytes; a flash of unknown
+    // size (0) and the whole chip always fit.
+    bool fitsFlash(quint32 flashSize) const;
+    // "Region [0x%1:0x%2] runs past the end of the flash memory (%3)" (end exclusive).
+    QString pastFlashMessage(quint32 flashSize) const;
+    // What an erase of this region clears: whole sectors, the start rounded down to one and the
+    // end rounded up.
+    FlashRegion erasedSectors() const;
+    // The line after an erase: "Erased sectors [0x%1:0x%2]", or that the whole chip was erased.
+    QString erasedMessage() const;
+
     // "address:size": the text is split at every colon and the first two parts are trimmed;
     // further parts are ignored.
     static Parse parseAddressSize(const QString &text, FlashRegion *region);

@@ -21,6 +21,9 @@ public:
     // The dialog asks with a 10-second auto-closing box; its time-out counts as No.
     virtual bool confirmMissingChecksum(const QString &question, const QString &path,
                                         const QString &md5) = 0;
+    // A firmware section is set for a bigger flash than the chip's: Yes flashes it all the same.
+    // Default answer: No.
+    virtual bool confirmFlashSize(const QString &question) = 0;
     // Amber log lines (skipped sections, accepted missing checksums), already translated.
     virtual void notice(const QString &text) = 0;
 };

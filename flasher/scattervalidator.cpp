@@ -1,8 +1,10 @@
 #include "flasher/scattervalidator.h"
 
 #include "flasher/esppackage.h"
+#include "flasher/flashplan.h"
 #include "flasher/scatterprompts.h"
 #include "flasher/scatterwriter.h"
+#include "image/espimageparser.h"
 #include "protocol/esptool.h"
 #include "widgets/texthelpers.h"
 
@@ -27,6 +29,35 @@ bool fail(QString *error, const QString &message)
 QString loaderMissingMessage()
 {
     return QCoreApplication::translate("ESPFlasher", "The mandatory flash loader file is missing");
+}
+
+// Bytes of a flash size text; 0 when the text names no usable size.
+quint32 flashSizeBytes(const QString &text)
+{
+    const unsigned char code = ESPImageParser::fs_fromString(text);
+    return code == ESPImageParser::kCodeNotGiven ? 0 : ESPImageParser::flash_size_bytes(code);
+}
+
+// The options go into the image header as codes: a text without one would leave the image's own
+// value in place while the run reports the options as written.
+bool validFlashOptions(const ScatterSection &row)
+{
+    return ESPImageParser::fm_fromString(row.flashMode) != ESPImageParser::kCodeNotGiven &&
+           ESPImageParser::ff_fromString(row.flashFrequency) != ESPImageParser::kCodeNotGiven &&
+           flashSizeBytes(row.flashSize) != 0;
+}
+
+// One past the last byte a section occupies: its region, and at least its whole file.
+quint64 extentEnd(const ScatterSection &row, qint64 fileSize)
+{
+    const quint32 length = row.endAddress - row.startAddress;
+    return quint64(row.startAddress) + qMax<quint64>(length, quint64(qMax<qint64>(fileSize, 0)));
+}
+
+QString regionText(quint32 start, quint64 end)
+{
+    const QChar zero(QLatin1Char('0'));
+    return QStringLiteral("[0x%1:0x%2]").arg(start, 8, 16, zero).arg(end, 8, 16, zero);
 }
 
 } // namespace
@@ -205,6 +236,8 @@ bool ScatterValidator::parseSections(const QJsonObject &scatter, bool strict, Se
     }
     m_tableRebuilt = true;
     m_rows = QVector<ScatterSection>(sections.size());
+    // The rows in the table, for the checks made once every section is known.
+    QVector<PlacedSection> placed;
 
     for (int index = 0; index < sections.size(); ++index) {
         const QJsonObject section = sections.at(index).toObject();
@@ -247,6 +280,14 @@ bool ScatterValidator::parseSections(const QJsonObject &scatter, bool strict, Se
                     return fail(error, QCoreApplication::translate(
                                            "ESPFlasher", "Mandatory firmware options are missing"));
                 }
+                if (!validFlashOptions(row)) {
+                    return fail(
+                        error,
+                        QCoreApplication::translate(
+                            "ESPFlasher",
+                            "Firmware %1 has invalid flash options (mode %2, size %3, frequency %4)")
+                            .arg(file, row.flashMode, row.flashSize, row.flashFrequency));
+                }
             }
         } else if (type == QLatin1String("application")) {
             row.typeKey = QString::fromLatin1(applicationTypeKey);
@@ -263,19 +304,106 @@ bool ScatterValidator::parseSections(const QJsonObject &scatter, bool strict, Se
             continue;
         }
 
-        if (files.checksums() && !verifyChecksum(section, row.source, files, &row, error))
-            return false;
-
+        const qint64 fileSize = files.size(file);
         const quint32 length =
             section.contains(QLatin1String("size"))
                 ? parseUnsignedInteger(section.value(QLatin1String("size")).toString())
-                : static_cast<quint32>(files.size(file));
+                : static_cast<quint32>(fileSize);
         row.endAddress = address + length;
         // A row beyond the shortened table is dropped, as the table ignores such cells.
-        if (index < m_rows.size())
+        if (index < m_rows.size()) {
             m_rows[index] = row;
+            placed.append({index, section, fileSize});
+        }
+    }
+
+    if (strict && !checkPlacement(placed, error))
+        return false;
+    // Hashing comes last: a file that could not be flashed anyway is not read at all.
+    if (!files.checksums())
+        return true;
+    for (const PlacedSection &section : qAsConst(placed)) {
+        ScatterSection &row = m_rows[section.row];
+        if (!verifyChecksum(section.section, row.source, files, &row, error)) {
+            clearRowsFrom(section.row);
+            return false;
+        }
     }
     return true;
+}
+
+bool ScatterValidator::checkPlacement(const QVector<PlacedSection> &placed, QString *error)
+{
+    // Applications are written with the size the whole scatter stands for.
+    const QString scatterSize = FlashPlan::scatterFlashSize(m_rows, m_detectedFlashSize);
+    for (int i = 0; i < placed.size(); ++i) {
+        const ScatterSection &row = m_rows.at(placed.at(i).row);
+        const quint64 end = extentEnd(row, placed.at(i).fileSize);
+        const QString sizeText = row.isApplication() ? scatterSize : row.flashSize;
+        const quint32 flashSize = flashSizeBytes(sizeText);
+        QString message;
+        if (flashSize != 0 && end > flashSize) {
+            message =
+                QCoreApplication::translate(
+                    "ESPFlasher", "Section %1 %2 runs past the end of its flash memory size %3")
+                    .arg(row.file, regionText(row.startAddress, end), sizeText);
+        } else if (m_detectedFlashSize != 0 && end > m_detectedFlashSize) {
+            message =
+                QCoreApplication::translate(
+                    "ESPFlasher", "Section %1 %2 runs past the end of the chip's flash memory (%3)")
+                    .arg(row.file, regionText(row.startAddress, end),
+                         ESPImageParser::flashSizeString(m_detectedFlashSize));
+        }
+        for (int j = 0; j < i && message.isEmpty(); ++j) {
+            const ScatterSection &earlier = m_rows.at(placed.at(j).row);
+            const quint64 earlierEnd = extentEnd(earlier, placed.at(j).fileSize);
+            // Half-open ranges; an empty one overlaps nothing.
+            if (row.startAddress < earlierEnd && earlier.startAddress < end) {
+                message =
+                    QCoreApplication::translate("ESPFlasher", "Sections %1 %2 and %3 %4 overlap")
+                        .arg(earlier.file, regionText(earlier.startAddress, earlierEnd), row.file,
+                             regionText(row.startAddress, end));
+            }
+        }
+        if (!message.isEmpty()) {
+            clearRowsFrom(placed.at(i).row);
+            return fail(error, message);
+        }
+    }
+    for (const PlacedSection &section : placed) {
+        if (!checkFlashSizeOption(m_rows.at(section.row), error)) {
+            clearRowsFrom(section.row);
+            return false;
+        }
+    }
+    return true;
+}
+
+bool ScatterValidator::checkFlashSizeOption(const ScatterSection &row, QString *error)
+{
+    if (row.isApplication() || m_detectedFlashSize == 0 ||
+        flashSizeBytes(row.flashSize) <= m_detectedFlashSize)
+        return true;
+    const QString chipSize = ESPImageParser::flashSizeString(m_detectedFlashSize);
+    const QString question =
+        QCoreApplication::translate(
+            "ESPFlasher",
+            "Firmware %1 is set for a flash memory size of %2, but the chip has %3. Flash it anyway?")
+            .arg(row.file, row.flashSize, chipSize);
+    if (m_prompts && m_prompts->confirmFlashSize(question))
+        return true;
+    return fail(error,
+                QCoreApplication::translate(
+                    "ESPFlasher",
+                    "Firmware %1 is set for a flash memory size of %2, larger than the chip's %3")
+                    .arg(row.file, row.flashSize, chipSize));
+}
+
+void ScatterValidator::clearRowsFrom(int row)
+{
+    // A refused load keeps the rows that passed every check before the refused one.
+    for (int index = row; index < m_rows.size(); ++index)
+        m_rows[index] = ScatterSection();
 }
 
 bool ScatterValidator::verifyChecksum(const QJsonObject &section, const QString &source,

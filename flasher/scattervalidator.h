@@ -3,12 +3,12 @@
 #include <esputility/esputility_core_global.h>
 #include <esputility/scattersection.h>
 
+#include <QJsonObject>
 #include <QString>
 #include <QVector>
 
 class EspPackage;
 class QFileInfo;
-class QJsonObject;
 class ScatterPrompts;
 
 // Checks a scatter document against the connected chip and the files it names, and produces
@@ -27,6 +27,10 @@ public:
     // answered No (or cancelled) and notices are dropped.
     ScatterValidator(const QString &chipDescription, const QString &loaderText,
                      ScatterPrompts *prompts = nullptr);
+
+    // The connected chip's flash size in bytes, as its flash id tells; 0 (the default) when
+    // unknown, and then nothing is checked against the chip.
+    void setDetectedFlashSize(quint32 bytes) { m_detectedFlashSize = bytes; }
 
     // A loose scatter document; relative paths resolve against scatterFile's directory. The
     // strict flag is off when the document only serves as a template for reading flash; then
@@ -51,12 +55,22 @@ private:
     class SectionFiles;
     class LooseFiles;
     class PackageFiles;
+    // A row of the table with the bytes its file holds.
+    struct PlacedSection
+    {
+        int row = 0;
+        QJsonObject section;
+        qint64 fileSize = 0;
+    };
 
     bool checkChip(QJsonObject &scatter, bool strict, QString *error) const;
     bool checkLooseLoader(const QJsonObject &scatter, bool strict, const QFileInfo &scatterFile,
                           QString *error);
     bool parseSections(const QJsonObject &scatter, bool strict, SectionFiles &files,
                        QString *error);
+    bool checkPlacement(const QVector<PlacedSection> &placed, QString *error);
+    bool checkFlashSizeOption(const ScatterSection &row, QString *error);
+    void clearRowsFrom(int row);
     bool verifyChecksum(const QJsonObject &section, const QString &source, SectionFiles &files,
                         ScatterSection *row, QString *error);
     void reset();
@@ -64,6 +78,7 @@ private:
     QString m_chipDescription;
     QString m_loaderText;
     ScatterPrompts *m_prompts = nullptr;
+    quint32 m_detectedFlashSize = 0;
     bool m_tableRebuilt = false;
     QVector<ScatterSection> m_rows;
 };

@@ -8,6 +8,7 @@
 #include "flasher/scatterprompts.h"
 #include "flasher/scattervalidator.h"
 #include "fuzzsupport.h"
+#include "image/espimageparser.h"
 
 #include <QCryptographicHash>
 #include <QDir>
@@ -118,6 +119,11 @@ public:
         check(md5.size() == 32 && md5 == md5.toUpper(), "the digest asked about is upper-case");
         return m_answers & 2;
     }
+    bool confirmFlashSize(const QString &question) override
+    {
+        check(!question.isEmpty(), "the flash size question has a text");
+        return m_answers & 0x80;
+    }
     void notice(const QString &text) override { check(!text.isEmpty(), "notices have a text"); }
 
 private:
@@ -159,15 +165,32 @@ void checkRows(const ScatterValidator &validator, const QJsonObject &document, b
 {
     const QVector<ScatterSection> &rows = validator.rows();
     check(rows.size() == knownSections(document), "one row per known section");
-    for (const ScatterSection &row : rows) {
+    for (int i = 0; i < rows.size(); ++i) {
+        const ScatterSection &row = rows.at(i);
         if (!row.hasCells)
             continue;
         check(!row.typeKey.isEmpty(), "a filled row has a type");
         check(row.startAddressText().size() == 10, "addresses show as 0x and 8 digits");
-        if (strict && row.kind == ScatterSection::Firmware) {
+        if (!strict)
+            continue;
+        if (row.kind == ScatterSection::Firmware) {
             check(!row.flashMode.isEmpty() && !row.flashSize.isEmpty() &&
                       !row.flashFrequency.isEmpty(),
                   "a strict firmware row carries its flash options");
+            check(ESPImageParser::fm_fromString(row.flashMode) != ESPImageParser::kCodeNotGiven &&
+                      ESPImageParser::fs_fromString(row.flashSize) !=
+                          ESPImageParser::kCodeNotGiven &&
+                      ESPImageParser::ff_fromString(row.flashFrequency) !=
+                          ESPImageParser::kCodeNotGiven,
+                  "a strict firmware row carries options the image header can hold");
+        }
+        const quint64 end = quint64(row.startAddress) + (row.endAddress - row.startAddress);
+        for (int j = 0; j < i; ++j) {
+            const ScatterSection &other = rows.at(j);
+            const quint64 otherEnd =
+                quint64(other.startAddress) + (other.endAddress - other.startAddress);
+            check(!other.hasCells || row.startAddress >= otherEnd || other.startAddress >= end,
+                  "the rows of a strict load do not overlap");
         }
     }
 }
@@ -194,6 +217,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 
     FuzzPrompts prompts(answers, chosenLoader);
     ScatterValidator validator(chip, initialLoader, (answers & 0x40) ? nullptr : &prompts);
+    // No size, 1 MB or 4 MB of flash on the chip.
+    static const quint32 detectedSizes[] = {0, 0x100000, 0x400000};
+    validator.setDetectedFlashSize(detectedSizes[(mode >> 5) % 3]);
     QString error;
 
     if (package) {

@@ -274,8 +274,13 @@ void ESPTool::sync()
 
     syncAnswered = false;
     int succeeded = -1;
+    // A refused synchronisation took no effect: it has no surplus answers either, and must not
+    // pass for the single answer of a running flash loader.
+    const auto accepted = [this] {
+        return response.size() >= headerSize + 2 && quint8(response.at(response.size() - 2)) == 0;
+    };
     for (int attempt = 0; attempt < syncAttempts; ++attempt) {
-        if (esp_command(ESP_SYNC, frame, true, syncTimeoutMs)) {
+        if (esp_command(ESP_SYNC, frame, true, syncTimeoutMs) && accepted()) {
             succeeded = attempt;
             break;
         }
@@ -488,10 +493,11 @@ void ESPTool::esp_disconnect()
     communicator.close();
 }
 
-void ESPTool::connection_closed(const QString &)
+void ESPTool::connection_closed(const QString &reason)
 {
     if (waitLoop.isRunning())
         waitLoop.quit();
+    emit connectionLost(reason);
 }
 
 void ESPTool::connection_error(QSerialPort::SerialPortError) {}
@@ -846,8 +852,13 @@ unsigned int ESPTool::run_spiflash_command(unsigned char command, const QByteArr
                 "Writing more than 64 bytes of data with one SPI command is unsupported"));
         return 0xFFFFFFFF;
     }
+    // Once the chip has stopped answering, each further register access would only wait out its
+    // time-out (half a minute for one command): the command ends at the first failure.
+    const quint64 reportsBefore = reportCount;
+    quint64 pollReports = 0; // the late-completion report below is no silence
+    const auto answering = [&] { return reportCount == reportsBefore + pollReports; };
     const unsigned int savedUser = read_reg(SPI_USR_REG);
-    const unsigned int savedUser2 = read_reg(SPI_USR2_REG);
+    const unsigned int savedUser2 = answering() ? read_reg(SPI_USR2_REG) : 0;
 
     unsigned int user1 = 0;
     unsigned int user = SPI_USR_COMMAND;
@@ -859,31 +870,44 @@ unsigned int ESPTool::run_spiflash_command(unsigned char command, const QByteArr
         user1 |= (readBits - 1) << SPI_MISO_BITLEN_SHIFT;
         user |= SPI_USR_MISO;
     }
-    write_reg(SPI_USR1_REG, user1, 0xFFFFFFFF, 0);
-    write_reg(SPI_USR_REG, user, 0xFFFFFFFF, 0);
-    write_reg(SPI_USR2_REG, SPI_USR2_8BIT_COMMAND | command, 0xFFFFFFFF, 0);
     quint32 word0 = 0;
     if (!data.isEmpty()) {
         QByteArray first = data.left(4);
         first.append(4 - first.size(), '\0');
         word0 = wordAt(first, 0);
     }
-    write_reg(SPI_W0_REG, word0, 0xFFFFFFFF, 0);
-    write_reg(SPI_CMD_REG, SPI_CMD_USR, 0xFFFFFFFF, 0);
+    const ESP_WRITE_REG_PKT setup[] = {
+        {SPI_USR1_REG, user1, 0xFFFFFFFF, 0},
+        {SPI_USR_REG, user, 0xFFFFFFFF, 0},
+        {SPI_USR2_REG, SPI_USR2_8BIT_COMMAND | command, 0xFFFFFFFF, 0},
+        {SPI_W0_REG, word0, 0xFFFFFFFF, 0},
+        {SPI_CMD_REG, SPI_CMD_USR, 0xFFFFFFFF, 0},
+    };
+    for (const ESP_WRITE_REG_PKT &reg : setup) {
+        if (!answering())
+            return 0xFFFFFFFF;
+        write_reg(reg);
+    }
 
     // Only a command that finishes on the very last poll is reported; one that never finishes
     // is not. The asymmetry is kept as the tool has always behaved.
-    for (int counter = spiPollReads - 1; counter >= 0; --counter) {
+    for (int counter = spiPollReads - 1; counter >= 0 && answering(); --counter) {
         if ((read_reg(SPI_CMD_REG) & SPI_CMD_USR) == 0) {
-            if (counter == 0)
+            if (counter == 0) {
                 reportOperationError(NoAnswer,
                                      QStringLiteral("SPI command did not complete in time"));
+                ++pollReports;
+            }
             break;
         }
     }
+    if (!answering())
+        return 0xFFFFFFFF;
     const unsigned int result = read_reg(SPI_W0_REG);
-    write_reg(SPI_USR_REG, savedUser, 0xFFFFFFFF, 0);
-    write_reg(SPI_USR2_REG, savedUser2, 0xFFFFFFFF, 0);
+    if (answering())
+        write_reg(SPI_USR_REG, savedUser, 0xFFFFFFFF, 0);
+    if (answering())
+        write_reg(SPI_USR2_REG, savedUser2, 0xFFFFFFFF, 0);
     return result;
 }
 

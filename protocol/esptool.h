@@ -1,8 +1,8 @@
 #pragma once
 
-#include <esputility/esputility_core_global.h>
-#include <esputility/espprotocol.h>
 #include <esputility/espcommunicator.h>
+#include <esputility/espprotocol.h>
+#include <esputility/esputility_core_global.h>
 
 #include <QByteArray>
 #include <QEventLoop>
@@ -209,6 +209,8 @@ signals:
     // News for the log that is not a failure: a reset skipped, a baud-rate fallback, blocks
     // left unwritten.
     void notice(const QString &text);
+    // The port went away (a board unplugged); a deliberate disconnect says nothing.
+    void connectionLost(const QString &reason);
 
 private slots:
     void connection_closed(const QString &reason);

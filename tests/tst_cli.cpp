@@ -175,6 +175,31 @@ private slots:
         QVERIFY(out("MD5: " + md5Hex(damaged.left(0x1000))));
     }
 
+    // Writing the application wipes the firmware, as a careless erase would: every write
+    // succeeded, but the comparison of every section at the end of the run fails it.
+    void laterWriteWipesAnEarlierOne()
+    {
+        const QByteArray firmware = firmwareImage(true);
+        int begins = 0;
+        chip().setCommandObserver([&](const VirtualEsp8266::CommandRecord &record) {
+            const bool begin = record.opcode == VirtualEsp8266::FlashBegin ||
+                               record.opcode == VirtualEsp8266::FlashDeflBegin;
+            if (begin && ++begins == 2)
+                chip().setFlash(0, QByteArray(firmware.size(), char(0xFF)));
+        });
+        QVERIFY(run(1, {"flash", writeScatterSet()}));
+        chip().setCommandObserver(nullptr);
+        QVERIFY(
+            m_err.contains("firmware.bin at 0x00000000 has changed since it was written (MD5: " +
+                           md5Hex(QByteArray(firmware.size(), char(0xFF))) + " instead of " +
+                           md5Hex(firmware) + ")"));
+        QVERIFY(out("app.bin at 0x00010000 still matches (MD5: " + md5Hex(applicationImage) + ")"));
+        QVERIFY(!m_out.contains("Finished flashing package"));
+        QVERIFY(summaryRow(m_chip->port())
+                    .endsWith("FAILED: The flash run failed: 1 of 2 written section(s) no "
+                              "longer match"));
+    }
+
     // A read never destroys a file that is there. Without --force it refuses before any
     // transfer; with it a failed read keeps the earlier files, and a region the chip does not
     // confirm leaves no file of its own and no scatter file claiming it.
@@ -395,10 +420,77 @@ private slots:
         QVERIFY(run(0, {"erase", "0x2000:0x1000"}, true, true));
         QCOMPARE(chip().flash(0x1000, 0x3000),
                  data.left(0x1000) + QByteArray(0x1000, char(0xFF)) + data.mid(0x2000));
+        // A few bytes off a boundary clear their whole sector, and the summary says so.
+        chip().reset();
+        QVERIFY(run(0, {"erase", "0x1001:0x10"}, true, true));
+        QVERIFY(summaryRow(m_chip->port()).endsWith("ok (0x1000 bytes erased at 0x00001000)"));
+        QCOMPARE(chip().flash(0x1000, 0x3000), QByteArray(0x2000, char(0xFF)) + data.mid(0x2000));
         chip().reset();
         QVERIFY(run(0, {"erase", "all"}, true, true));
         QCOMPARE(chip().flash(0, 0x10000), QByteArray(0x10000, char(0xFF)));
         QCOMPARE(chip().counters().erases.last().kind, VirtualEsp8266::EraseKind::Chip);
+    }
+
+    // A board with 1 MB of flash: what runs past its end is refused before anything is sent to
+    // it (no read leaves a file behind), a firmware set for more flash only with --yes.
+    void sizesAgainstTheChip_data()
+    {
+        QTest::addColumn<int>("exitCode");
+        QTest::addColumn<QStringList>("messages"); // on stderr
+        const QString past = "Region [0x000ff000:0x00101000] runs past the end of the flash "
+                             "memory (1Mb)";
+        const QString bigger = "Firmware firmware.bin is set for a flash memory size of 4MB";
+        const auto row = [](const char *arguments, int exitCode, const QStringList &messages) {
+            QTest::newRow(arguments) << exitCode << messages;
+        };
+        row("read --scatter DIR/r.txt 0xFF000:0x2000 --stub STUB", 1, {past});
+        row("read --scatter DIR/r.txt 0x0:0x1000 0xFF000-0x101000 --stub STUB", 1, {past});
+        row("verify 0xFF000:0x2000 --stub STUB", 1, {past});
+        row("erase 0xFF000:0x2000 --stub STUB", 1, {past});
+        row("flash DIR/scatter.txt", 1,
+            {bigger + ", but the chip has 1Mb. Flash it anyway? No (pass --yes to answer Yes)",
+             bigger + ", larger than the chip's 1Mb"});
+        row("flash DIR/scatter.txt --yes", 0, {});
+        row("flash DIR/past.txt --yes", 1,
+            {"Section app.bin [0x000fc000:0x00104000] runs past the end of the chip's flash "
+             "memory (1Mb)"});
+    }
+
+    void sizesAgainstTheChip()
+    {
+        QFETCH(int, exitCode);
+        QFETCH(QStringList, messages);
+        VirtualEsp8266::Config config;
+        config.flashSize = 0x100000;
+        config.jedecId = QByteArray::fromHex("ef4014");
+        m_chip.reset();
+        m_chip = std::make_unique<ChipFixture>(config);
+        QVERIFY(m_chip->start());
+        writeScatterSet(); // firmware.bin set for 4 MB, app.bin at 0x10000
+        QJsonObject past = QJsonDocument::fromJson(readFile(path("scatter.txt"))).object();
+        QJsonArray sections = past["sections"].toArray();
+        QJsonObject application = sections[1].toObject();
+        application["address"] = "0xFC000";
+        sections[1] = application;
+        past["sections"] = sections;
+        writeTestFile(m_dir->path(), "past.txt", QJsonDocument(past).toJson());
+
+        const QString arguments = QString(QTest::currentDataTag())
+                                      .replace("STUB", generatedStubPath())
+                                      .replace("DIR/", m_dir->path() + "/");
+        QVERIFY(run(exitCode, arguments.split(' ')));
+        for (const QString &message : messages)
+            QVERIFY2(m_err.contains(message), qPrintable(m_err));
+        const QMap<quint8, int> commands = chip().counters().commands;
+        if (exitCode == 0) {
+            QVERIFY(flashed(chip()));
+            return;
+        }
+        for (const quint8 opcode : {VirtualEsp8266::FlashBegin, VirtualEsp8266::ReadFlash,
+                                    VirtualEsp8266::EraseRegion, VirtualEsp8266::SpiFlashMd5})
+            QCOMPARE(commands.value(opcode), 0);
+        QVERIFY(!QFile::exists(path("r.txt")) &&
+                !QFile::exists(path("region-00000000-00001000.bin")));
     }
 
     void infoAndASilentChip()
@@ -581,6 +673,10 @@ private slots:
         row("pack DIR/none.ZIP -o DIR/p.zip --description x", "is a package");
         row("pack DIR/scatter.txt -o DIR/p.zip --description x",
             "The data within the package is corrupted (saved md5");
+        row("flash DIR/overlap.txt --port PORT",
+            "Sections app.bin [0x00000000:0x00008000] and app.bin [0x00001000:0x00009000] overlap");
+        row("flash DIR/mode.txt --port PORT",
+            "Firmware firmware.bin has invalid flash options (mode xyz, size 4MB, frequency 99m)");
         row("image-info DIR/none.bin", "cannot read DIR/none.bin");
         row("image-info DIR/app.bin --trailer x", "--trailer takes an offset");
         row("demo DIR/none.zip", "cannot read the demo package");
@@ -596,6 +692,14 @@ private slots:
         const QString good = R"({"chip": "ESP8266EX", "stub": "loader.elf", "sections": [
             {"type": "application", "address": "0x10000", "file": "app.bin", "md5": "%1"}]})";
         writeTestFile(m_dir->path(), "good.txt", good.arg(md5Hex(applicationImage)).toUtf8());
+        const QString overlap = R"({"chip": "ESP8266EX", "stub": "loader.elf", "sections": [
+            {"type": "application", "address": "0x0", "file": "app.bin", "md5": "%1"},
+            {"type": "application", "address": "0x1000", "file": "app.bin", "md5": "%1"}]})";
+        writeTestFile(m_dir->path(), "overlap.txt", overlap.arg(md5Hex(applicationImage)).toUtf8());
+        const QString mode = R"({"chip": "ESP8266EX", "stub": "loader.elf", "sections": [
+            {"type": "firmware", "address": "0x0", "file": "firmware.bin", "md5": "%1",
+             "options": {"flash": {"mode": "xyz", "size": "4MB", "frequency": "99m"}}}]})";
+        writeTestFile(m_dir->path(), "mode.txt", mode.arg(md5Hex("changed")).toUtf8());
         const auto expand = [this](QString text) {
             return text.replace("PORT", m_chip->port())
                 .replace("STUB", generatedStubPath())

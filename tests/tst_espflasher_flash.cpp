@@ -93,8 +93,8 @@ class TestEspFlasherFlash : public FlasherTest
 private slots:
     void init();
     void packageRunEraseAndVerify();
-    void failedRunKeepsItsEntry_data();
-    void failedRunKeepsItsEntry();
+    void failureThenReconnect_data();
+    void failureThenReconnect();
     void identifyComposeReadAndFlashAnotherChip();
     void unconfirmedReadStopsTheWalk();
     void packageLoaderComesFromThePackage();
@@ -171,28 +171,35 @@ void TestEspFlasherFlash::connectAndLoad(const QString &scatter)
 void TestEspFlasherFlash::packageRunEraseAndVerify()
 {
     connectAndLoad(files.package);
-    // Erase loads the loader first and waits for it.
-    answerer->answerInput("0x1000:4096");
+    // Erase loads the loader first and waits for it; it clears whole sectors and says which.
+    answerer->answerInput("0x1001:16");
     click("eraseTool");
     QCOMPARE(log(mark), (QStringList{line(amber, "Must load a stub first"),
                                      line(green, "Start loading stub from esp8266_loader_stub.elf"),
                                      line(green, "Flash stub loaded")}));
     QVERIFY(flasher->findChildren<QProgressDialog *>().isEmpty());
     QVERIFY(awaitNew(erased));
+    QCOMPARE(log().last(), line(green, "Erased sectors [0x00001000:0x00002000]"));
     QCOMPARE(board().counters().erases.last().offset, 0x1000u);
     QCOMPARE(board().counters().erases.last().size, 0x1000u);
 
     // The loader runs already: writing starts at once.
     click("flashTool");
     QVERIFY(awaitNew(finishedFlashing));
-    QCOMPARE(
-        log(mark),
-        (QStringList{line(green, "Start writing firmware from boot.bin to 0x00000000 (flash "
-                                 "memory size 4MB, mode dio, frequency 40m)"),
-                     line(green, "Firmware has been successfully flashed"),
-                     line(green, "Start writing user application from app.bin to "
-                                 "0x00010000 (max size 4MB)"),
-                     line(green, "Application has been successfully flashed"), finishedFlashing}));
+    QCOMPARE(log(mark),
+             (QStringList{line(green, "Start writing firmware from boot.bin to 0x00000000 (flash "
+                                      "memory size 4MB, mode dio, frequency 40m)"),
+                          line(green, "Firmware has been successfully flashed"),
+                          line(green, "Start writing user application from app.bin to "
+                                      "0x00010000 (max size 4MB)"),
+                          line(green, "Application has been successfully flashed"),
+                          // Each section written is compared with the flash once more at the end.
+                          line(green, "Comparing the written sections with the flash once more"),
+                          line(green, "boot.bin at 0x00000000 still matches (MD5: " +
+                                          md5Hex(files.patched) + ")"),
+                          line(green, "app.bin at 0x00010000 still matches (MD5: " +
+                                          md5Hex(files.application) + ")"),
+                          finishedFlashing}));
     QCOMPARE(board().counters().commands.value(VirtualEsp8266::MemEnd), 1);
     QCOMPARE(board().flash(0, files.patched.size()), files.patched);
     QCOMPARE(board().flash(applicationAddress, files.application.size()), files.application);
@@ -217,73 +224,102 @@ void TestEspFlasherFlash::packageRunEraseAndVerify()
     click("verifyTool");
     QVERIFY(awaitNew(line(green, "MD5: " + md5Hex(files.patched.left(4096)))));
 
-    // Regions that cannot be read ask nothing of the chip: the next erase is the only one.
+    // Regions that cannot be read or run past the chip's 4 MB ask nothing of the chip: the next
+    // erase is the only one.
     const int erases = board().counters().erases.size();
+    const int digests = board().counters().commands.value(VirtualEsp8266::SpiFlashMd5);
     answerer->answerInput("0x910");
     click("eraseTool");
     answerer->answerInput("0x1000");
     click("verifyTool");
+    answerer->answerInput("0x3FF000:0x2000");
+    click("eraseTool");
+    answerer->answerInput("0x3FF000:8kb");
+    click("verifyTool");
     answerer->answerInput(QString());
     click("eraseTool");
-    QCOMPARE(log().mid(mark - 2),
+    const QString past =
+        "Region [0x003ff000:0x00401000] runs past the end of the flash memory (4Mb)";
+    QCOMPARE(log().mid(mark - 4),
              (QStringList{line(amber, "Invalid erase region format"),
-                          line(amber, "Invalid region format for flash verification")}));
+                          line(amber, "Invalid region format for flash verification"),
+                          line(red, past), line(red, past)}));
+    QCOMPARE(board().counters().commands.value(VirtualEsp8266::SpiFlashMd5), digests);
     // The whole chip, through the 0x911 the prompt offers.
     answerer->expect("QInputDialog",
                      [](QWidget *modal) { static_cast<QDialog *>(modal)->accept(); });
     click("eraseTool");
     QVERIFY(awaitNew(erased));
+    QCOMPARE(log().last(), line(green, "Erased the whole flash memory"));
     QCOMPARE(int(board().counters().erases.last().kind), int(VirtualEsp8266::EraseKind::Chip));
     QCOMPARE(board().counters().erases.size(), erases + 1);
     const QString erase = "Erase Flash Memory|Region [address:size]:";
     const QString verify = "Verify Flash Memory Contents|Region [address:size]:";
-    QCOMPARE(answerer->texts(1), (QStringList{erase, verify, erase, verify, erase, erase}));
+    QCOMPARE(answerer->texts(1),
+             (QStringList{erase, verify, erase, verify, erase, verify, erase, erase}));
 }
 
-void TestEspFlasherFlash::failedRunKeepsItsEntry_data()
+void TestEspFlasherFlash::failureThenReconnect_data()
 {
-    QTest::addColumn<int>("icon");
-    QTest::addColumn<QString>("failed");
-    // Writing a section warns; loading the stub is critical. Both kept as they are.
+    QTest::addColumn<QString>("failed"); // the one red line
     QTest::newRow("chip vanishes mid-write")
-        << int(QMessageBox::Warning) << "UBoot operation write firmware (4) finished with error";
-    QTest::newRow("stub refused") << int(QMessageBox::Critical)
-                                  << "UBoot operation load stub (2) finished with error";
+        << "UBoot operation write firmware (4) finished with error";
+    QTest::newRow("stub refused") << "UBoot operation load stub (2) finished with error";
+    QTest::newRow("idle board unplugged") << "The connection to {port} was lost";
 }
 
-// A failed run logs one red line, claims no success, and keeps the package entry it handed to
-// the worker: a new attempt only reports that the device is busy.
-void TestEspFlasherFlash::failedRunKeepsItsEntry()
+// After a failed operation or a board that went away, the dialog carries on without being
+// closed: no success is claimed, the package entry handed to the worker is let go, the port list
+// and Connect work again, and a new connection flashes the package.
+void TestEspFlasherFlash::failureThenReconnect()
 {
-    QFETCH(int, icon);
     QFETCH(QString, failed);
     const QString mishap = QTest::currentDataTag();
-
-    const bool vanish = mishap == "chip vanishes mid-write";
     connectAndLoad(files.package);
-    board().setCommandObserver([this](const VirtualEsp8266::CommandRecord &record) {
-        if (record.opcode == VirtualEsp8266::FlashBegin ||
-            record.opcode == VirtualEsp8266::FlashDeflBegin)
-            board().armVanishAfterBytes(4000);
-    });
-    if (!vanish)
+    failed.replace("{port}", chip->port());
+    if (mishap == "chip vanishes mid-write") {
+        board().setCommandObserver([this](const VirtualEsp8266::CommandRecord &record) {
+            if (record.opcode == VirtualEsp8266::FlashBegin ||
+                record.opcode == VirtualEsp8266::FlashDeflBegin)
+                board().armVanishAfterBytes(4000);
+        });
+    } else if (mishap == "stub refused") {
         board().armErrorStatus(1); // the chip refuses the next command: the loader
-    click("flashTool");
-    QVERIFY(awaitNew(line(red, failed)));
-    QCOMPARE(board().vanished(), vanish);
+    }
+    if (mishap == "idle board unplugged") {
+        mark = log().size();
+        board().vanishNow();
+    } else {
+        click("flashTool");
+    }
+    QVERIFY(awaitNew(line(FlasherTestKit::red, failed)));
     const QStringList lines = log(mark);
-    QCOMPARE(lines.filter(QRegularExpression("^" + QString(red))), QStringList{line(red, failed)});
+    QCOMPARE(lines.filter(QRegularExpression("^" + QString(FlasherTestKit::red))).size(), 1);
     QCOMPARE(lines.filter(QRegularExpression("successfully|Finished")), QStringList());
-    // Kept as it is: the button stays enabled while the loader loads.
-    QCOMPARE(enabled("flashTool"), !vanish);
+    QVERIFY(enabled("comPortCombo") && enabled("comPortScanTool") && enabled("comPortConnect"));
+    QCOMPARE(find<QPushButton>("comPortConnect")->text(), QStringLiteral("Connect"));
+    QVERIFY(!enabled("loaderGroup"));
 
-    answerer->answerBox(QMessageBox::Ok);
-    mark = log().size();
-    QVERIFY(invoke("on_flashTool_clicked"));
-    QCOMPARE(answerer->last().text,
-             QStringLiteral("Flash Loader|The device is busy. Please try again later."));
-    QCOMPARE(answerer->last().icon, icon);
-    QCOMPARE(log().size(), mark);
+    // The board is reset, or plugged in again under a new name, and found by a new scan.
+    board().setCommandObserver(nullptr);
+    if (board().vanished()) {
+        wiring.reset();
+        board().stop();
+        QVERIFY(chip->start());
+        wiring = std::make_unique<ResetWiring>(board(), chip->port()); // under its new name
+    } else {
+        board().reset();
+    }
+    click("comPortScanTool");
+    find<QComboBox>("comPortCombo")->setCurrentText(chip->port());
+    QCOMPARE(find<QComboBox>("comPortCombo")->currentText(), chip->port());
+    click("comPortConnect");
+    QVERIFY(awaitNew(line(green, "Retrieved chip info")));
+    QVERIFY(enabled("loaderGroup") && enabled("flashTool"));
+    click("flashTool");
+    QVERIFY(awaitNew(finishedFlashing));
+    QCOMPARE(board().flash(0, files.patched.size()), files.patched);
+    QCOMPARE(board().flash(applicationAddress, files.application.size()), files.application);
 }
 
 // Regions composed in the wizard read, read again with that as a template, flashed to a new chip.
@@ -487,6 +523,10 @@ void TestEspFlasherFlash::upgrade_data()
     row("loader removed", "FA", "Cannot load the stub|OK (10)", "");
     row("chip silent", "FA", "UBoot operation failure.|OK (10)", "");
     row("no package chosen", "", "Upgrade cancelled.|OK (10)", "");
+    // Writing the application wipes the firmware, as a careless erase would: every write
+    // succeeded, but the check at the end finds out.
+    row("a later write wipes an earlier one", "FA",
+        "The flashed sections did not match at the end.|OK (10)", "A");
 }
 
 // Run mode 0 as a host uses it: construct, autoconnect, exec; the outcome is the exit code.
@@ -514,6 +554,15 @@ void TestEspFlasherFlash::upgrade()
                 QFile::remove(files.stub);
             if (mishap == "chip silent")
                 board().armSilence(0);
+            if (mishap == "a later write wipes an earlier one") {
+                auto begins = std::make_shared<int>(0);
+                board().setCommandObserver([this, begins](const auto &record) {
+                    const bool begin = record.opcode == VirtualEsp8266::FlashBegin ||
+                                       record.opcode == VirtualEsp8266::FlashDeflBegin;
+                    if (begin && ++*begins == 2)
+                        board().setFlash(0, QByteArray(files.patched.size(), '\xFF'));
+                });
+            }
             auto *selector = static_cast<FlashTypeSelector *>(modal);
             selector->setFirmwareChecked(components.contains('F'));
             selector->setApplicationChecked(components.contains('A'));
@@ -526,14 +575,26 @@ void TestEspFlasherFlash::upgrade()
 
     flasher = std::make_unique<ESPFlasher>(ESPFlasher::RUN_MODE_UPGRADE, nullptr);
     QVERIFY(flasher->autoconnect(QStringLiteral("UPGRADE-0042")));
-    QCOMPARE(flasher->exec(), int(written.isEmpty() ? QDialog::Rejected : QDialog::Accepted));
-    QCOMPARE(log().contains(finishedFlashing), !written.isEmpty());
+    const bool completed = closing.startsWith("Upgrade completed.");
+    QCOMPARE(flasher->exec(), int(completed ? QDialog::Accepted : QDialog::Rejected));
+    QCOMPARE(log().contains(finishedFlashing), completed);
     // After a success the board is reset into its new firmware, unless it sits in a jig.
-    const bool resetAfter = reset && !written.isEmpty();
+    const bool resetAfter = reset && completed;
     QCOMPARE(log().indexOf(line(green, "Closed connection to " + chip->port())),
              resetAfter ? log().indexOf(finishedFlashing) + 1 : -1);
     QCOMPARE(board().resetCount(), int(reset) + int(resetAfter));
     QCOMPARE(board().bootMode() == VirtualEsp8266::BootMode::Firmware, resetAfter);
+    if (mishap == "a later write wipes an earlier one") {
+        const QString wiped = md5Hex(QByteArray(files.patched.size(), '\xFF'));
+        QCOMPARE(log().mid(log().size() - 3),
+                 (QStringList{line(red, "boot.bin at 0x00000000 has changed since it was written "
+                                        "(MD5: " +
+                                            wiped + " instead of " + md5Hex(files.patched) + ")"),
+                              line(green, "app.bin at 0x00010000 still matches (MD5: " +
+                                              md5Hex(files.application) + ")"),
+                              line(red, "The flash run failed: 1 of 2 written section(s) no "
+                                        "longer match")}));
+    }
     const QVector<ModalAnswerer::Seen> seen = answerer->seen;
     if (mishap == "loader removed")
         QCOMPARE(seen.at(seen.size() - 2).text,
@@ -542,8 +603,7 @@ void TestEspFlasherFlash::upgrade()
     QCOMPARE(seen.last().className + "|" + seen.last().text + "|" + seen.last().defaultButton,
              "QAutoCloseMessageBox|Brimcote ESP Utility|" +
                  closing.replace("|", "\nThe tool will be closed|"));
-    QCOMPARE(seen.last().icon,
-             int(written.isEmpty() ? QMessageBox::Warning : QMessageBox::Information));
+    QCOMPARE(seen.last().icon, int(completed ? QMessageBox::Information : QMessageBox::Warning));
     QCOMPARE(board().flash(0, files.patched.size()),
              written.contains('F') ? files.patched : QByteArray(files.patched.size(), '\xFF'));
     QCOMPARE(board().flash(applicationAddress, files.application.size()),

@@ -91,6 +91,7 @@ private slots:
     void packageRoundTrip();
     void readAsksBeforeReplacing_data();
     void readAsksBeforeReplacing();
+    void readRefusesOneFileForTwoRegions();
 
 private:
     QTableWidget *table = nullptr;
@@ -175,6 +176,23 @@ void TestEspFlasherScatter::loadOutcomes_data()
         line(amber, "Proceeding without checksum verification for %1 as per users request"));
     // No is also what the countdown presses (the question's default, shown above).
     row("md5 missing, No", noMd5, "No", md5Question, "No saved checksum for {dir}/app.bin", "");
+    // The chip of chipInfo() has 4 MB of flash.
+    const QByteArray eightMegabytes =
+        scatterBytes({section("firmware", "0x0", "boot.bin", md5Hex(boot), "qio", "8MB")});
+    const QString sizeQuestion = "Firmware boot.bin is set for a flash memory size of 8MB, but "
+                                 "the chip has 4Mb. Flash it anyway?|&No";
+    row("bigger flash size, Yes", eightMegabytes, "Yes", sizeQuestion, "",
+        line(green, "Retrieved chip info"));
+    row("bigger flash size, No", eightMegabytes, "No", sizeQuestion,
+        "Firmware boot.bin is set for a flash memory size of 8MB, larger than the chip's 4Mb", "");
+    refused("overlapping sections",
+            scatterBytes({section("firmware", "0x0", "boot.bin", md5Hex(boot), "qio"),
+                          section("application", "0x800", "app.bin", md5Hex(app))}),
+            "Sections boot.bin [0x00000000:0x00000c00] and app.bin [0x00000800:0x00001400] "
+            "overlap");
+    refused("unknown flash mode",
+            scatterBytes({section("firmware", "0x0", "boot.bin", md5Hex(boot), "xyz")}),
+            "Firmware boot.bin has invalid flash options (mode xyz, size 4MB, frequency 40m)");
 
     const QString loader = EspPackage::stubEntryName;
     const auto package = [&](const QString &md5) {
@@ -393,6 +411,24 @@ void TestEspFlasherScatter::readAsksBeforeReplacing()
     QCOMPARE(log(), before);
     QCOMPARE(edit("scatterEdit")->text(), path("scatter.json"));
     QCOMPARE(rowCells(table, 0).last(), QStringLiteral("boot.bin"));
+}
+
+// Two regions composed with one file name: the second read would replace the first region's
+// file, so the read is refused before anything is sent.
+void TestEspFlasherScatter::readRefusesOneFileForTwoRegions()
+{
+    answerer->answerBox(QMessageBox::No); // not the loaded scatter as the template
+    answerer->answerFile(path("copy"));
+    answerer->expect("EspScatterWizard", [](QWidget *wizard) {
+        child<QPushButton>(wizard, "finishButton")->click(); // "Begin"
+        fillRegion(wizard, 0, "0x0", true, "4kb", "boot", "nextButton");
+        fillRegion(wizard, 1, "0x10000", true, "4kb", "boot", "finishButton");
+    });
+    QVERIFY(invoke("on_readTool_clicked"));
+    QCOMPARE(log().last(), line(red, "Sections no. 1 and 2 would be read into the same file " +
+                                         QDir::cleanPath(path("boot.img"))));
+    QVERIFY(!QFile::exists(path("boot.img")));
+    QVERIFY(!QFile::exists(path("copy.txt")));
 }
 
 QTEST_MAIN(TestEspFlasherScatter)

@@ -374,6 +374,18 @@ private slots:
         QCOMPARE(session.chip().loaderState(), VirtualEsp8266::LoaderState::RomLoader);
     }
 
+    // A refused synchronisation is no answer of a running loader: the retry finds the ROM.
+    void refusedSyncIsNoRunningLoader()
+    {
+        Session session;
+        QVERIFY(session.fixture.start());
+        session.chip().armErrorStatus(1);
+        QSignalSpy notices(&session.tool, &ESPTool::notice);
+        QVERIFY(session.tool.esp_connect(session.fixture.port()));
+        QVERIFY(!session.tool.isStubRunning());
+        QCOMPARE(notices.count(), 0);
+    }
+
     void baudSwitch_data()
     {
         QTest::addColumn<bool>("refused");

@@ -6,6 +6,7 @@
 
 #include "serial/modemlineregistry.h"
 
+#include <QSerialPort>
 #include <QtTest>
 
 // The worker: parameter checks, then in its own thread against the virtual ESP8266. Whole-chip
@@ -62,6 +63,8 @@ struct Session
                          [this](bool result, int cmd, const QVariantList &params) {
                              finished << QVariantList{result, cmd, params};
                          });
+        QObject::connect(worker, &ESPToolWorker::connectionLost, &receiver,
+                         [this](const QString &reason) { lost << reason; });
         thread.start();
     }
     ~Session()
@@ -107,6 +110,7 @@ struct Session
     QObject receiver;      // in the test's thread: where the worker's signals arrive
     QStringList errors;
     QList<QVariantList> finished;
+    QStringList lost; // connectionLost() reasons
 };
 
 } // namespace
@@ -359,6 +363,9 @@ private slots:
                    "there, or put it into boot mode by hand (GPIO0 low while it resets)";
         QTest::newRow("no answer to identification")
             << "info" << 0 << toolError("No response for 0x0a command", 1);
+        // Nine register reads of the eFuses answered, then silence in the flash id's command.
+        QTest::newRow("no answer to the flash id")
+            << "flash id" << 0 << toolError("No response for 0x0a command", 1);
     }
 
     void failureLatchesUntilTheNextConnect()
@@ -379,17 +386,28 @@ private slots:
             QVERIFY(session.start());
         }
         chip.clearCounters();
+        chip.clearCommandLog();
         if (fault == "status")
             chip.armErrorStatus(2, VirtualEsp8266::StubBadSequence); // DEFL_BEGIN, block 0
         else if (fault == "vanish")
             chip.armVanishAfterBytes(0x6000); // inside the second block
         else if (fault == "info")
             chip.armSilence(0);
+        else if (fault == "flash id")
+            chip.armSilence(9);
+        const bool identifying = fault == "info" || fault == "flash id";
         auto outcome = fault == "silence" ? session.run(Cmd::Connect, {session.fixture.port()})
-                       : fault == "info"  ? session.run(Cmd::GetInfo)
+                       : identifying      ? session.run(Cmd::GetInfo)
                                           : session.run(Cmd::WriteData, {path, 0x40000u, "4MB"});
         QVERIFY(!outcome.result);
         QCOMPARE(outcome.errors, QStringList{message});
+        QCOMPARE(session.lost, QStringList()); // the failed command said it all
+        if (fault == "silence") {
+            // A failed connect lets go of the port: another program may open it now.
+            QSerialPort other;
+            other.setPortName(session.fixture.port());
+            QVERIFY2(other.open(QIODevice::ReadWrite), qPrintable(other.errorString()));
+        }
         // The command stops at the first failure: no further block, no MD5 request; of the
         // identification one read request (14 bytes framed, a few more escaped), not dozens.
         const auto &commands = chip.counters().commands;
@@ -397,9 +415,13 @@ private slots:
                   commands.value(VirtualEsp8266::FlashDeflData),
               "blocks");
         QCOMPARE(chip.counters().commands.value(VirtualEsp8266::SpiFlashMd5), 0);
-        if (fault == "info") {
+        if (identifying) {
             QCOMPARE(outcome.results.size(), 5); // the five results still come
-            QVERIFY2(chip.counters().bytesIn < 2 * 14,
+            // After the answered reads (a silent chip logs nothing), one more read request: 14
+            // bytes framed, not dozens of requests that each wait out their time-out.
+            const int answered = chip.commandLog().size();
+            QCOMPARE(answered, fault == "info" ? 0 : 9);
+            QVERIFY2(chip.counters().bytesIn < (answered + 2) * 14,
                      qPrintable(QString::number(chip.counters().bytesIn)));
         }
         // Later commands fail without a new text, even when they fail for reasons of their own.
@@ -481,6 +503,21 @@ private slots:
                              (reason == "no such port" ? " (is the board plugged in?)" : "")});
         QVERIFY(!session.run(Cmd::Disconnect).result);
         QCOMPARE(session.errors.size(), 1);
+    }
+
+    // A port that goes away between commands is reported once (one that goes away during a
+    // command fails that command instead, above); a disconnect says nothing.
+    void portLostBetweenCommands()
+    {
+        Session session;
+        QVERIFY(session.start(false));
+        QVERIFY(session.run(Cmd::Disconnect).result);
+        QVERIFY(session.run(Cmd::Connect, {session.fixture.port()}).result);
+        QCOMPARE(session.lost, QStringList());
+        session.chip().vanishNow();
+        QVERIFY(QTest::qWaitFor([&] { return !session.lost.isEmpty(); }, 5000));
+        QVERIFY(!session.run(Cmd::GetInfo).result);
+        QCOMPARE(session.lost.size(), 1);
     }
 
     void commandsQueuedRightAfterConnect_data()

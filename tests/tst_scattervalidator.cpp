@@ -36,11 +36,16 @@ struct FakePrompts : ScatterPrompts
     {
         return false; // the loads here ask none (the dialog's tests answer them)
     }
+    bool confirmFlashSize(const QString &question) override
+    {
+        return answer("flash size: " + question) == "Yes";
+    }
     void notice(const QString &text) override { calls << "notice:" + text; }
 };
 
 // Sections written as "type address file [key=value]..." and separated by " | ". The md5 is
-// the file's and firmware gets dio / 4MB / 40m unless a key says otherwise ("key=" drops it).
+// the file's and firmware gets dio / 4MB / 40m unless a key says otherwise ("key=" drops it);
+// mode, flashsize and frequency set the flash options.
 QJsonArray sections(const QString &text)
 {
     QJsonArray result;
@@ -54,7 +59,11 @@ QJsonArray sections(const QString &text)
         }
         for (const QString &pair : words.mid(3)) {
             const QString key = pair.section('=', 0, 0), setting = pair.section('=', 1);
-            if (setting.isEmpty())
+            if (key == "mode" || key == "flashsize" || key == "frequency") {
+                QJsonObject flash = section["options"].toObject()["flash"].toObject();
+                flash[key == "flashsize" ? "size" : key] = setting;
+                section["options"] = QJsonObject{{"flash", flash}};
+            } else if (setting.isEmpty())
                 section.remove(key);
             else
                 section[key] = setting;
@@ -157,6 +166,36 @@ private slots:
                 applicationMd5 + " for file " + path("app.bin") + ")");
         row("no md5, nobody to ask", "application 0 app.bin md5=", "-",
             "No saved checksum for " + path("app.bin"));
+
+        // What would damage flash or claim options that were never written is refused.
+        const QString invalidOptions =
+            "Firmware fw.bin has invalid flash options (mode %1, size %2, frequency %3)";
+        row("unknown flash mode", "firmware 0 fw.bin mode=xyz", "-",
+            invalidOptions.arg("xyz", "4MB", "40m"));
+        row("unknown frequency", "firmware 0 fw.bin frequency=99m", "-",
+            invalidOptions.arg("dio", "4MB", "99m"));
+        row("size without a byte count", "firmware 0 fw.bin flashsize=32m-c2", "-",
+            invalidOptions.arg("dio", "32m-c2", "40m"));
+        row("adjacent sections", "application 0 a.bin size=0x1000 | application 0x1000 b.bin",
+            "a.bin 0x00000000-0x00001000 | " + b);
+        row("overlapping sections", "firmware 0x0 fw.bin | application 0x1000 app.bin",
+            "fw.bin 0x00000000-0x00001234 | -",
+            "Sections fw.bin [0x00000000:0x00001234] and app.bin [0x00001000:0x000013e8] overlap");
+        row("a shorter size still covers the file",
+            "application 0 a.bin size=0x10 | application 0x100 b.bin",
+            "a.bin 0x00000000-0x00000010 | -",
+            "Sections a.bin [0x00000000:0x000003e8] and b.bin [0x00000100:0x000004e8] overlap");
+        row("firmware past its flash size", "firmware 0xFF000 fw.bin flashsize=1MB", "-",
+            "Section fw.bin [0x000ff000:0x00100234] runs past the end of its flash memory size 1MB");
+        row("application past the firmware's size",
+            "firmware 0 fw.bin flashsize=1MB | application 0xFFF00 app.bin",
+            "fw.bin 0x00000000-0x00001234 | -",
+            "Section app.bin [0x000fff00:0x001002e8] runs past the end of its flash memory size 1MB");
+        // Nothing is hashed before every section is known to fit: the wrong md5 goes unnoticed.
+        row("fit checked before any hashing",
+            "firmware 0 fw.bin flashsize=512K md5=0123 | application 0x7FF00 app.bin",
+            "fw.bin 0x00000000-0x00001234 | -",
+            "Section app.bin [0x0007ff00:0x000802e8] runs past the end of its flash memory size 512K");
     }
 
     void load()
@@ -187,6 +226,56 @@ private slots:
                 notices << "notice:Skip unknown scatter section " + type;
         }
         QCOMPARE(prompts.calls, loads ? notices : QStringList());
+    }
+
+    // Checks against the flash size detected on the chip (0: unknown); a firmware set for more
+    // flash than that is flashed only when the user says so, a section past the end never.
+    void againstTheChip_data()
+    {
+        QTest::addColumn<QString>("sections");
+        QTest::addColumn<uint>("detected");
+        QTest::addColumn<QString>("answer");
+        QTest::addColumn<QString>("result"); // the error, or "loads"
+        QTest::newRow("size unknown") << "firmware 0 fw.bin" << 0u << ""
+                                      << "loads";
+        QTest::newRow("as big as the chip") << "firmware 0 fw.bin" << 0x400000u << ""
+                                            << "loads";
+        QTest::newRow("bigger, confirmed") << "firmware 0 fw.bin" << 0x100000u << "Yes"
+                                           << "loads";
+        QTest::newRow("bigger, declined")
+            << "firmware 0 fw.bin" << 0x100000u << "No"
+            << "Firmware fw.bin is set for a flash memory size of 4MB, larger than the chip's 1Mb";
+        QTest::newRow("past the chip's end is not asked about")
+            << "firmware 0 fw.bin | application 0xFFF00 app.bin" << 0x100000u << ""
+            << "Section app.bin [0x000fff00:0x001002e8] runs past the end of the chip's flash "
+               "memory (1Mb)";
+        QTest::newRow("application sized by the chip alone")
+            << "application 0xFFF00 app.bin" << 0x100000u << ""
+            << "Section app.bin [0x000fff00:0x001002e8] runs past the end of its flash memory "
+               "size 1Mb";
+        QTest::newRow("a template is not checked")
+            << "firmware 0 fw.bin | application 0xFFF00 app.bin" << 0x100000u << ""
+            << "";
+    }
+
+    void againstTheChip()
+    {
+        QFETCH(QString, sections);
+        QFETCH(uint, detected);
+        QFETCH(QString, answer);
+        QFETCH(QString, result);
+        FakePrompts prompts;
+        prompts.script << answer;
+        ScatterValidator validator(chipDescription, path("stub.elf"), &prompts);
+        validator.setDetectedFlashSize(detected);
+        QString error;
+        const bool strict = !result.isEmpty();
+        QCOMPARE(parse(validator, document(sections), &error, strict),
+                 !strict || result == "loads");
+        QCOMPARE(error, result == "loads" ? QString() : result);
+        const QString question = "flash size: Firmware fw.bin is set for a flash memory size of "
+                                 "4MB, but the chip has 1Mb. Flash it anyway? -> ";
+        QCOMPARE(prompts.calls, answer.isEmpty() ? QStringList() : QStringList{question + answer});
     }
 
     // The document's loader is a directory. Without a usable loader a strict load asks, a

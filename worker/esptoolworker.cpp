@@ -36,6 +36,7 @@ ESPToolWorker::ESPToolWorker(QObject *parent) : QObject(parent), tool(new ESPToo
     connect(tool, &ESPTool::operationError, this, &ESPToolWorker::tool_op_error);
     connect(tool, &ESPTool::operationProgress, this, &ESPToolWorker::progress);
     connect(tool, &ESPTool::notice, this, &ESPToolWorker::notice);
+    connect(tool, &ESPTool::connectionLost, this, &ESPToolWorker::tool_connection_lost);
 }
 
 QString ESPToolWorker::operationName(int cmd)
@@ -138,6 +139,12 @@ void ESPToolWorker::tool_op_error(int code, const QString &descr)
     report(QStringLiteral("esptool failed: %1 (%2)").arg(descr).arg(code));
 }
 
+void ESPToolWorker::tool_connection_lost(const QString &reason)
+{
+    if (!busy)
+        emit connectionLost(reason);
+}
+
 void ESPToolWorker::doConnect(const QVariantList &params)
 {
     const bool withOptions = params.size() == 2 && params.at(1).canConvert<QVariantMap>();
@@ -183,6 +190,9 @@ void ESPToolWorker::doConnect(const QVariantList &params)
         failed = true;
         emit error(reason);
     }
+    // Nothing may keep the port after a failed connect: another program, or the next try with
+    // other settings, must be able to open it.
+    tool->esp_disconnect();
     emit finished(false, Connect, {});
 }
 

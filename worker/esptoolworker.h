@@ -66,6 +66,8 @@ signals:
     void finished(bool result, int cmd, const QVariantList &params);
     // News for the log that is no failure (a reset skipped, a baud fallback, unchanged blocks).
     void notice(const QString &text);
+    // The port went away while no command ran (a command it breaks reports that itself).
+    void connectionLost(const QString &reason);
 
 public slots:
     void execute(int cmd, const QVariantList &params);
@@ -73,6 +75,7 @@ public slots:
 private slots:
     void tool_cmd_error(int code);
     void tool_op_error(int code, const QString &descr);
+    void tool_connection_lost(const QString &reason);
 
 private:
     struct PendingCommand

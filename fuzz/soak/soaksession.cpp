@@ -8,7 +8,9 @@
 
 #include <QBuffer>
 #include <QCryptographicHash>
+#include <QDir>
 #include <QFile>
+#include <QMutex>
 
 #include <cstdio>
 
@@ -67,6 +69,22 @@ int pickFaultKind(QRandomGenerator &random)
     return 8;
 }
 
+// The terminals of the chips alive in this process, as the worker finds ports: through the extra
+// ports variable, which every session shares. A terminal's name comes free when its chip stops,
+// and the next chip may get it while the session of the first has yet to withdraw it: each
+// session adds and removes one entry of its own.
+void updatePublishedPorts(const QString &add, const QString &remove)
+{
+    static QMutex mutex;
+    static QStringList ports;
+    const QMutexLocker locker(&mutex);
+    if (!remove.isEmpty())
+        ports.removeOne(remove);
+    if (!add.isEmpty())
+        ports.append(add);
+    qputenv(QComPort::extraPortsVariable, ports.join(QLatin1Char(':')).toLocal8Bit());
+}
+
 } // namespace
 
 SoakSession::SoakSession(quint64 seed, const QByteArray &loaderElf, const QString &scratchDir,
@@ -87,6 +105,7 @@ SoakSession::~SoakSession()
     m_worker.reset();
     if (m_chip)
         m_chip->stop();
+    withdrawPort();
 }
 
 void SoakSession::violation(const QString &text)
@@ -112,6 +131,8 @@ SoakSession::Report SoakSession::run()
             m_chip->vanishNow();
     });
 
+    m_expected = QByteArray(int(m_chip->flashSize()), '\xFF');
+    m_known = QBitArray(int(m_chip->flashSize()));
     // One in ten sessions stays with the ROM loader, whose limits make commands fail cleanly.
     bool going = connectChip() && (m_random.bounded(10) == 0 || loadLoader()) && getInfo();
     const int operations = 1 + m_random.bounded(6);
@@ -136,6 +157,7 @@ SoakSession::Report SoakSession::run()
             break;
         }
     }
+    checkWrittenSections();
     disconnectChip();
     m_report.portVanished = m_chip->vanished();
     if (m_report.failed)
@@ -145,6 +167,7 @@ SoakSession::Report SoakSession::run()
         violation(QStringLiteral("messages after the last command: %1").arg(late.join(" | ")));
     m_worker.reset();
     m_chip->stop();
+    withdrawPort();
     return m_report;
 }
 
@@ -165,10 +188,17 @@ bool SoakSession::startChip()
     return true;
 }
 
-void SoakSession::publishPort() const
+void SoakSession::publishPort()
 {
-    // The worker opens only ports it can find; the chip's terminal is named through this.
-    qputenv(QComPort::extraPortsVariable, m_chip->devicePath().toLocal8Bit());
+    updatePublishedPorts(m_chip->devicePath(), m_publishedPort);
+    m_publishedPort = m_chip->devicePath();
+}
+
+void SoakSession::withdrawPort()
+{
+    if (!m_publishedPort.isEmpty())
+        updatePublishedPorts(QString(), m_publishedPort);
+    m_publishedPort.clear();
 }
 
 QString SoakSession::sizeText() const
@@ -246,6 +276,7 @@ void SoakSession::armFaults()
 bool SoakSession::run(int cmd, const QVariantList &params, const QString &what)
 {
     traceLine(QStringLiteral("worker: %1").arg(what));
+    m_filesBefore = scratchFiles();
     const WorkerClient::Outcome outcome = m_worker->run(cmd, params, guardMs);
     traceLine(QStringLiteral("worker: %1 %2 %3")
                   .arg(what,
@@ -268,6 +299,8 @@ bool SoakSession::run(int cmd, const QVariantList &params, const QString &what)
 
 bool SoakSession::settle(bool success, bool isRead)
 {
+    if (!success)
+        checkFilesUnchanged();
     int notices = 0;
     for (const QString &message : qAsConst(m_messages))
         notices += message == readNotice ? 1 : 0;
@@ -287,9 +320,12 @@ bool SoakSession::settle(bool success, bool isRead)
     m_connectionFailed = m_report.failed = true;
     m_report.failure = m_messages.isEmpty() ? QString() : m_messages.first();
     m_report.readNotices += notices;
-    // A failed read-back adds its deliberate digest notice to the reason (or is the reason itself
-    // when the transfer went through but the digests differ).
-    const bool oneReason = isRead ? (reasons <= 1 && notices == 1) : (reasons == 1 && notices == 0);
+    // A failed read-back adds its deliberate digest notice to the reason when the digests differ
+    // (or the notice is the reason itself, when only they differ). The notice may also be absent:
+    // a garbled answer to the read request can fail the command after all the data and a
+    // matching digest arrived.
+    const bool oneReason = isRead ? (reasons == 1 && notices <= 1) || (reasons == 0 && notices == 1)
+                                  : (reasons == 1 && notices == 0);
     if (!oneReason) {
         violation(QStringLiteral("%1 failed with %2 messages instead of one: %3")
                       .arg(m_what)
@@ -388,9 +424,13 @@ bool SoakSession::writeData()
     const QByteArray data = randomBytes(m_random, length);
     const quint32 address = randomAddress(quint32(length));
     if (!run(ESPToolWorker::WriteData, {fileParameter(data, "data.bin"), address, sizeText()},
-             QStringLiteral("write data (%1 bytes at 0x%2)").arg(length).arg(address, 0, 16)))
+             QStringLiteral("write data (%1 bytes at 0x%2)").arg(length).arg(address, 0, 16))) {
+        recordWrite(address, data, false);
         return false;
-    if (!settle(m_result))
+    }
+    const bool written = settle(m_result);
+    recordWrite(address, data, written);
+    if (!written)
         return false;
     if (m_chip->flash(address, quint32(length)) != data)
         violation(QStringLiteral("%1 succeeded but the flash differs").arg(m_what));
@@ -419,14 +459,18 @@ bool SoakSession::writeFirmware()
              {fileParameter(image, "firmware.bin"), address, sizeText(), mode.text, frequency.text},
              QStringLiteral("write firmware (%1 bytes at 0x%2)")
                  .arg(image.size())
-                 .arg(address, 0, 16)))
+                 .arg(address, 0, 16))) {
+        recordWrite(address, image, false);
         return false;
-    if (!settle(m_result))
-        return false;
+    }
     // The header carries the codes asked for; everything else is the file.
     QByteArray expected = image;
     expected[2] = char(mode.code);
     expected[3] = char((sizeCode << 4) | frequency.code);
+    const bool written = settle(m_result);
+    recordWrite(address, expected, written);
+    if (!written)
+        return false;
     if (m_chip->flash(address, quint32(image.size())) != expected)
         violation(QStringLiteral("%1 succeeded but the flash differs").arg(m_what));
     else
@@ -449,6 +493,12 @@ bool SoakSession::readBack()
     }
     const QString path = m_scratchDir + QStringLiteral("/read.bin");
     QFile::remove(path);
+    // Half of the reads go into a file that is there already: a failed read must leave it be.
+    if (m_random.bounded(2)) {
+        QFile earlier(path);
+        if (earlier.open(QIODevice::WriteOnly))
+            earlier.write(randomBytes(m_random, 1 + m_random.bounded(4096)));
+    }
     if (!run(ESPToolWorker::ReadData, {path, address, size},
              QStringLiteral("read data (%1 bytes at 0x%2)").arg(size).arg(address, 0, 16)))
         return false;
@@ -491,22 +541,99 @@ bool SoakSession::erase()
     const quint32 address = whole ? 0 : randomAddress(size);
     const QVariantList params =
         whole ? QVariantList{ESPToolWorker::wholeChipErase} : QVariantList{address, size};
-    if (!run(ESPToolWorker::EraseFlash, params,
-             whole ? QStringLiteral("erase the chip")
-                   : QStringLiteral("erase %1 bytes at 0x%2").arg(size).arg(address, 0, 16)))
-        return false;
-    if (!settle(m_result))
-        return false;
     // A region erase covers whole sectors around the range.
     const quint32 start = whole ? 0 : address / sectorSize * sectorSize;
-    const quint32 end =
-        whole ? m_chip->flashSize() : (address + size + sectorSize - 1) / sectorSize * sectorSize;
-    const QByteArray erased = m_chip->flash(start, end - start);
-    if (erased.count('\xFF') != erased.size())
+    const quint32 end = whole ? m_chip->flashSize()
+                              : quint32(qMin<quint64>((quint64(address) + size + sectorSize - 1) /
+                                                          sectorSize * sectorSize,
+                                                      m_chip->flashSize()));
+    if (!run(ESPToolWorker::EraseFlash, params,
+             whole ? QStringLiteral("erase the chip")
+                   : QStringLiteral("erase %1 bytes at 0x%2").arg(size).arg(address, 0, 16))) {
+        recordErase(start, end, false);
+        return false;
+    }
+    const bool erased = settle(m_result);
+    recordErase(start, end, erased);
+    if (!erased)
+        return false;
+    const QByteArray contents = m_chip->flash(start, end - start);
+    if (contents.count('\xFF') != contents.size())
         violation(QStringLiteral("%1 succeeded but the flash is not erased").arg(m_what));
     else
         ++m_report.erasesVerified;
     return true;
+}
+
+QMap<QString, QByteArray> SoakSession::scratchFiles() const
+{
+    QMap<QString, QByteArray> files;
+    const QDir dir(m_scratchDir);
+    for (const QString &name : dir.entryList(QDir::Files)) {
+        QFile file(dir.filePath(name));
+        files.insert(name, file.open(QIODevice::ReadOnly) ? md5(file.readAll()) : QByteArray());
+    }
+    return files;
+}
+
+void SoakSession::checkFilesUnchanged()
+{
+    const QMap<QString, QByteArray> now = scratchFiles();
+    if (now == m_filesBefore)
+        return;
+    QStringList changed;
+    for (auto it = now.cbegin(); it != now.cend(); ++it) {
+        if (!m_filesBefore.contains(it.key()))
+            changed << it.key() + QStringLiteral(" (created)");
+        else if (m_filesBefore.value(it.key()) != it.value())
+            changed << it.key();
+    }
+    for (auto it = m_filesBefore.cbegin(); it != m_filesBefore.cend(); ++it) {
+        if (!now.contains(it.key()))
+            changed << it.key() + QStringLiteral(" (removed)");
+    }
+    violation(QStringLiteral("%1 failed but changed %2").arg(m_what, changed.join(", ")));
+}
+
+void SoakSession::recordWrite(quint32 address, const QByteArray &data, bool written)
+{
+    const quint32 flashSize = m_chip->flashSize();
+    const quint64 end = qMin<quint64>(quint64(address) + quint32(data.size()), flashSize);
+    if (address >= end)
+        return;
+    const quint32 first = address / sectorSize * sectorSize;
+    const quint32 last =
+        quint32(qMin<quint64>((end + sectorSize - 1) / sectorSize * sectorSize, flashSize));
+    recordErase(first, last, written);
+    if (written)
+        m_expected.replace(int(address), int(end - address), data.left(int(end - address)));
+}
+
+void SoakSession::recordErase(quint32 start, quint32 end, bool erased)
+{
+    end = qMin(end, m_chip->flashSize());
+    if (start >= end)
+        return;
+    m_known.fill(erased, int(start), int(end));
+    m_expected.replace(int(start), int(end - start), QByteArray(int(end - start), '\xFF'));
+}
+
+void SoakSession::checkWrittenSections()
+{
+    for (const auto &section : qAsConst(m_written)) {
+        const QByteArray flash = m_chip->flash(section.first, section.second);
+        for (int i = 0; i < flash.size(); ++i) {
+            const int at = int(section.first) + i;
+            if (m_known.testBit(at) && flash.at(i) != m_expected.at(at)) {
+                violation(QStringLiteral("the %1 bytes written at 0x%2 no longer match at the end "
+                                         "of the run (first difference at 0x%3)")
+                              .arg(section.second)
+                              .arg(section.first, 0, 16)
+                              .arg(at, 0, 16));
+                break;
+            }
+        }
+    }
 }
 
 void SoakSession::disconnectChip()

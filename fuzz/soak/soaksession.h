@@ -1,7 +1,9 @@
 #pragma once
 
+#include <QBitArray>
 #include <QByteArray>
 #include <QElapsedTimer>
+#include <QMap>
 #include <QPair>
 #include <QRandomGenerator>
 #include <QString>
@@ -24,7 +26,11 @@ class WorkerClient;
 // - a connection whose commands all succeed says nothing; one with a failed command says why in
 //   exactly one message (the read-back digest notice is the one deliberate exception), sent before
 //   the failed command finished and never again on that connection;
-// - after a failure, a connect to the reset (or, when the port vanished, restarted) chip works.
+// - after a failure, a connect to the reset (or, when the port vanished, restarted) chip works;
+// - a command that fails changes no file on the computer (the files handed to the worker, a file
+//   read into);
+// - at the end of the session's operations, every section written still holds what was written,
+//   except where a later write or erase covered it (whole sectors, no more).
 // Anything else is a violation, described in plain words.
 class SoakSession
 {
@@ -46,7 +52,8 @@ public:
     };
 
     // With trace, every worker command and every command the chip handled is printed to stderr
-    // with the time since the session started.
+    // with the time since the session started. Sessions may run side by side in threads of their
+    // own, each with a scratch folder of its own.
     SoakSession(quint64 seed, const QByteArray &loaderElf, const QString &scratchDir,
                 bool trace = false);
     ~SoakSession();
@@ -57,7 +64,10 @@ public:
 
 private:
     bool startChip();
-    void publishPort() const;
+    // Lists the chip's terminal among the ports the worker may open (next to the ports of the
+    // sessions running beside this one), or takes it off that list.
+    void publishPort();
+    void withdrawPort();
     void armFaults();
     // Runs one command; false when the worker did not answer within the guard time.
     bool run(int cmd, const QVariantList &params, const QString &what);
@@ -75,6 +85,15 @@ private:
     void checkReconnect();
     void violation(const QString &text);
 
+    // The files of the scratch folder with their MD5, to tell whether a command changed one.
+    QMap<QString, QByteArray> scratchFiles() const;
+    void checkFilesUnchanged();
+    // What the flash must hold: a write or erase sets the whole sectors it covers (a write then
+    // its data); one that failed leaves them unknown.
+    void recordWrite(quint32 address, const QByteArray &data, bool written);
+    void recordErase(quint32 start, quint32 end, bool erased);
+    void checkWrittenSections();
+
     quint32 randomAddress(quint32 length);
     QVariant fileParameter(const QByteArray &bytes, const QString &name);
     QString sizeText() const;
@@ -87,6 +106,7 @@ private:
     QByteArray m_loaderElf;
     QString m_scratchDir;
     std::unique_ptr<VirtualEsp8266> m_chip;
+    QString m_publishedPort;
     std::unique_ptr<WorkerClient> m_worker;
     Report m_report;
     // The last command: its name and outcome.
@@ -105,6 +125,11 @@ private:
     // Commands the chip handled, and the one during which its port vanishes (-1: none).
     std::atomic<int> m_chipCommands{0};
     std::atomic<int> m_vanishAtCommand{-1};
-    // Regions written in this session, for reading back.
+    // Regions written in this session, for reading back and the check at the end.
     QVector<QPair<quint32, quint32>> m_written;
+    // The scratch folder before the running command.
+    QMap<QString, QByteArray> m_filesBefore;
+    // The flash as this session's writes and erases left it, where known.
+    QByteArray m_expected;
+    QBitArray m_known;
 };

@@ -59,7 +59,8 @@ Turn it off to write everything.</source>
     </message>
     <message>
         <location line="+11"/>
-        <location filename="../../flasher/espflasher.cpp" line="+492"/>
+        <location filename="../../flasher/espflasher.cpp" line="+484"/>
+        <location line="+34"/>
         <source>Connect</source>
         <translation>Подключить</translation>
     </message>
@@ -171,7 +172,7 @@ To erase the entire flash, input 0x911 when asked to select the address/size.</s
         <translation>Журнал</translation>
     </message>
     <message>
-        <location filename="../../flasher/espflasher.cpp" line="-163"/>
+        <location filename="../../flasher/espflasher.cpp" line="-201"/>
         <source>Connecting to %1</source>
         <translation>Подключение к %1</translation>
     </message>
@@ -186,32 +187,32 @@ To erase the entire flash, input 0x911 when asked to select the address/size.</s
         <translation>Порт %1:</translation>
     </message>
     <message>
-        <location filename="../../flasher/flashplan.cpp" line="+239"/>
+        <location filename="../../flasher/flashplan.cpp" line="+333"/>
         <source>Flasher error: </source>
         <translation>Ошибка прошивки: </translation>
     </message>
     <message>
-        <location filename="../../flasher/espflasher.cpp" line="+83"/>
+        <location filename="../../flasher/espflasher.cpp" line="+88"/>
         <source>Unknown command %1 finished</source>
         <translation>Завершилась неизвестная команда %1</translation>
     </message>
     <message>
-        <location filename="../../flasher/flashplan.cpp" line="+26"/>
+        <location filename="../../flasher/flashplan.cpp" line="+41"/>
         <source>UBoot operation %1 (%2) finished with error</source>
         <translation>Операция UBoot %1 (%2) завершилась с ошибкой</translation>
     </message>
     <message>
-        <location filename="../../flasher/espflasher.cpp" line="+17"/>
+        <location filename="../../flasher/espflasher.cpp" line="+12"/>
         <source>UBoot operation failure.</source>
         <translation>Сбой операции UBoot.</translation>
     </message>
     <message>
-        <location filename="../../flasher/flashplan.cpp" line="-48"/>
+        <location filename="../../flasher/flashplan.cpp" line="-63"/>
         <source>Connected to ESP UBoot via %1</source>
         <translation>Установлено подключение к ESP UBoot через %1</translation>
     </message>
     <message>
-        <location filename="../../flasher/espflasher.cpp" line="+6"/>
+        <location filename="../../flasher/espflasher.cpp" line="+44"/>
         <source>Disconnect</source>
         <translation>Отключить</translation>
     </message>
@@ -221,17 +222,18 @@ To erase the entire flash, input 0x911 when asked to select the address/size.</s
         <translation>Соединение с %1 закрыто</translation>
     </message>
     <message>
-        <location filename="../../flasher/espflasher.cpp" line="+25"/>
+        <location filename="../../flasher/espflasher.cpp" line="-32"/>
+        <location line="+58"/>
         <source>Connection closed.</source>
         <translation>Соединение закрыто.</translation>
     </message>
     <message>
-        <location filename="../../flasher/flashplan.cpp" line="+62"/>
+        <location filename="../../flasher/flashplan.cpp" line="+77"/>
         <source>Chip could not be identified</source>
         <translation>Не удалось определить чип</translation>
     </message>
     <message>
-        <location line="-58"/>
+        <location line="-73"/>
         <source>Retrieved chip info</source>
         <translation>Сведения о чипе получены</translation>
     </message>
@@ -248,7 +250,7 @@ The tool will be closed</source>
 Программа будет закрыта</translation>
     </message>
     <message>
-        <location line="+18"/>
+        <location line="+23"/>
         <source>Cannot load the stub</source>
         <translation>Не удалось загрузить загрузчик</translation>
     </message>
@@ -256,20 +258,20 @@ The tool will be closed</source>
         <location line="+24"/>
         <location line="+12"/>
         <location line="+9"/>
-        <location line="+105"/>
-        <location line="+380"/>
+        <location line="+104"/>
+        <location line="+498"/>
         <location line="+10"/>
         <source>Flash Loader</source>
         <translation>Загрузчик флеш-памяти</translation>
     </message>
     <message>
-        <location line="-515"/>
-        <location line="+126"/>
+        <location line="-632"/>
+        <location line="+125"/>
         <source>The device is busy. Please try again later.</source>
         <translation>Устройство занято. Повторите попытку позже.</translation>
     </message>
     <message>
-        <location line="-117"/>
+        <location line="-116"/>
         <source>The stub file %1 is not in the package</source>
         <translation>Файла загрузчика %1 нет в пакете</translation>
     </message>
@@ -304,7 +306,7 @@ The tool will be closed</source>
         <translation>Загрузчик не загрузился</translation>
     </message>
     <message>
-        <location line="+466"/>
+        <location line="+583"/>
         <source>Packages, Scatter files and Images</source>
         <translation>Пакеты, файлы разметки и образы</translation>
     </message>
@@ -360,18 +362,53 @@ The tool will be closed</source>
         <translation>%1 байт по адресу 0x%2 выходят за конец флеш-памяти (%3 байт)</translation>
     </message>
     <message>
-        <location line="-754"/>
-        <location line="+231"/>
+        <location line="-876"/>
+        <location line="+235"/>
         <source>Upgrade completed.</source>
         <translation>Обновление завершено.</translation>
     </message>
     <message>
-        <location line="+149"/>
+        <location line="-490"/>
+        <source>Description: %1</source>
+        <translation>Описание: %1</translation>
+    </message>
+    <message>
+        <location line="+2"/>
+        <source>Manufacturer: %1</source>
+        <translation>Производитель: %1</translation>
+    </message>
+    <message>
+        <location line="+2"/>
+        <source>VID:PID: %1:%2</source>
+        <translation>Идентификаторы USB (VID:PID): %1:%2</translation>
+    </message>
+    <message>
+        <location line="+5"/>
+        <source>Serial number: %1</source>
+        <translation>Серийный номер: %1</translation>
+    </message>
+    <message>
+        <location line="+548"/>
+        <source>The flashed sections did not match at the end.</source>
+        <translation>Записанные разделы в конце не совпали с флеш-памятью.</translation>
+    </message>
+    <message>
+        <location line="+141"/>
         <source>File %1 already exists. Replace it?</source>
         <translation>Файл %1 уже существует. Заменить его?</translation>
     </message>
     <message>
-        <location line="+195"/>
+        <location line="+140"/>
+        <source>Section no. %1 would be read into the scatter file %2</source>
+        <translation>Секция № %1 была бы прочитана в файл разметки %2</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>Sections no. %1 and %2 would be read into the same file %3</source>
+        <translation>Секции № %1 и %2 были бы прочитаны в один и тот же файл %3</translation>
+    </message>
+    <message>
+        <location line="+113"/>
         <source>File %1 is not in the package</source>
         <translation>Файла %1 нет в пакете</translation>
     </message>
@@ -383,12 +420,12 @@ The tool will be closed</source>
         <translation>Не удаётся прочитать файл %1 (%2)</translation>
     </message>
     <message>
-        <location line="-384"/>
+        <location line="-502"/>
         <source>Invalid package</source>
         <translation>Недопустимый пакет</translation>
     </message>
     <message>
-        <location line="+90"/>
+        <location line="+149"/>
         <source>Scatter File</source>
         <translation>Файл разметки</translation>
     </message>
@@ -414,32 +451,12 @@ The tool will be closed</source>
         <translation>Чтение флеш-памяти</translation>
     </message>
     <message>
-        <location line="-596"/>
-        <source>Description: %1</source>
-        <translation>Описание: %1</translation>
-    </message>
-    <message>
-        <location line="+2"/>
-        <source>Manufacturer: %1</source>
-        <translation>Производитель: %1</translation>
-    </message>
-    <message>
-        <location line="+2"/>
-        <source>VID:PID: %1:%2</source>
-        <translation>Идентификаторы USB (VID:PID): %1:%2</translation>
-    </message>
-    <message>
-        <location line="+5"/>
-        <source>Serial number: %1</source>
-        <translation>Серийный номер: %1</translation>
-    </message>
-    <message>
-        <location line="+533"/>
+        <location line="-54"/>
         <source>File with the same name already exists. Please choose another name:</source>
         <translation>Файл с таким именем уже существует. Выберите другое имя:</translation>
     </message>
     <message>
-        <location line="+105"/>
+        <location line="+107"/>
         <location line="+14"/>
         <source>Save Scatter</source>
         <translation>Сохранение разметки</translation>
@@ -455,22 +472,27 @@ The tool will be closed</source>
         <translation>Создать пакет для распространения?</translation>
     </message>
     <message>
-        <location line="+41"/>
+        <location line="+93"/>
         <source>Erase Flash Memory</source>
         <translation>Стирание флеш-памяти</translation>
     </message>
     <message>
-        <location line="-25"/>
+        <location line="-77"/>
         <source>Region [address:size]:</source>
         <translation>Область [адрес:размер]:</translation>
     </message>
     <message>
-        <location line="+32"/>
+        <location line="-583"/>
+        <source>The connection to %1 was lost</source>
+        <translation>Соединение с %1 потеряно</translation>
+    </message>
+    <message>
+        <location line="+668"/>
         <source>Verify Flash Memory Contents</source>
         <translation>Проверка содержимого флеш-памяти</translation>
     </message>
     <message>
-        <location line="+31"/>
+        <location line="+32"/>
         <source>Start address %1 of the section no. %2 is invalid</source>
         <translation>Начальный адрес %1 секции № %2 недопустим</translation>
     </message>
@@ -480,7 +502,7 @@ The tool will be closed</source>
         <translation>Конечный адрес %1 секции № %2 недопустим</translation>
     </message>
     <message>
-        <location line="+81"/>
+        <location line="+84"/>
         <location line="+20"/>
         <location line="+22"/>
         <location line="+16"/>
@@ -504,12 +526,12 @@ The tool will be closed</source>
         <translation>Файлы ELF (*.elf)</translation>
     </message>
     <message>
-        <location line="+22"/>
+        <location line="+23"/>
         <source>No package is open</source>
         <translation>Пакет не открыт</translation>
     </message>
     <message>
-        <location line="+138"/>
+        <location line="+146"/>
         <source>Erase %1 region</source>
         <translation>Стереть область %1</translation>
     </message>
@@ -519,7 +541,7 @@ The tool will be closed</source>
         <translation>Проверить область %1</translation>
     </message>
     <message>
-        <location filename="../../flasher/flashplan.cpp" line="-196"/>
+        <location filename="../../flasher/flashplan.cpp" line="-283"/>
         <source>Start loading stub from %1</source>
         <translation>Загрузка загрузчика из %1</translation>
     </message>
@@ -554,7 +576,37 @@ The tool will be closed</source>
         <translation>Прошивка успешно записана.</translation>
     </message>
     <message>
+        <location line="+24"/>
+        <source>the file is no firmware image any more</source>
+        <translation>файл больше не является образом прошивки</translation>
+    </message>
+    <message>
         <location line="+11"/>
+        <source>Comparing the written sections with the flash once more</source>
+        <translation>Повторное сравнение записанных разделов с флеш-памятью</translation>
+    </message>
+    <message>
+        <location line="+29"/>
+        <source>%1 at 0x%2 cannot be checked: %3</source>
+        <translation>%1 по адресу 0x%2 невозможно проверить: %3</translation>
+    </message>
+    <message>
+        <location line="+5"/>
+        <source>%1 at 0x%2 still matches (MD5: %3)</source>
+        <translation>%1 по адресу 0x%2 по-прежнему совпадает (MD5: %3)</translation>
+    </message>
+    <message>
+        <location line="+4"/>
+        <source>%1 at 0x%2 has changed since it was written (MD5: %3 instead of %4)</source>
+        <translation>%1 по адресу 0x%2 изменился после записи (MD5: %3 вместо %4)</translation>
+    </message>
+    <message>
+        <location line="+10"/>
+        <source>The flash run failed: %1 of %2 written section(s) no longer match</source>
+        <translation>Прошивка не удалась: %1 из %2 записанных разделов больше не совпадают</translation>
+    </message>
+    <message>
+        <location line="+15"/>
         <source>Start reading %1 from region [0x%2:0x%3]</source>
         <translation>Чтение %1 из области [0x%2:0x%3]</translation>
     </message>
@@ -609,7 +661,7 @@ The tool will be closed</source>
         <translation>Флеш-память стёрта.</translation>
     </message>
     <message>
-        <location line="+23"/>
+        <location line="+38"/>
         <source>Skipping section %1</source>
         <translation>Пропуск секции %1</translation>
     </message>
@@ -720,7 +772,7 @@ The tool will be closed</source>
         <translation>Не удаётся прочитать scatter.txt из пакета %1</translation>
     </message>
     <message>
-        <location filename="../../flasher/espflasher.cpp" line="-378"/>
+        <location filename="../../flasher/espflasher.cpp" line="-387"/>
         <location filename="../../flasher/scatterloader.cpp" line="+8"/>
         <source>%1 could not be read: %2</source>
         <translation>Не удалось прочитать %1: %2</translation>
@@ -736,7 +788,7 @@ The tool will be closed</source>
         <translation>Загружен пакет %1: %2</translation>
     </message>
     <message>
-        <location filename="../../flasher/scattervalidator.cpp" line="+17"/>
+        <location filename="../../flasher/scattervalidator.cpp" line="+19"/>
         <source>Firmware</source>
         <translation>Микропрограмма</translation>
     </message>
@@ -751,7 +803,7 @@ The tool will be closed</source>
         <translation>Отсутствует обязательный файл загрузчика флеш-памяти</translation>
     </message>
     <message>
-        <location line="+32"/>
+        <location line="+61"/>
         <source>File %1 cannot be read</source>
         <translation>Не удаётся прочитать файл %1</translation>
     </message>
@@ -786,7 +838,7 @@ The tool will be closed</source>
         <translation>Этот файл разметки некорректен (нет описаний секций)</translation>
     </message>
     <message>
-        <location line="+15"/>
+        <location line="+17"/>
         <source>File %1 (%2) does not exist</source>
         <translation>Файл %1 (%2) не существует</translation>
     </message>
@@ -801,12 +853,42 @@ The tool will be closed</source>
         <translation>Отсутствуют обязательные параметры микропрограммы</translation>
     </message>
     <message>
-        <location line="+11"/>
+        <location line="+6"/>
+        <source>Firmware %1 has invalid flash options (mode %2, size %3, frequency %4)</source>
+        <translation>Недопустимые параметры флеш-памяти прошивки %1 (режим %2, размер %3, частота %4)</translation>
+    </message>
+    <message>
+        <location line="+13"/>
         <source>Skip unknown scatter section %1</source>
         <translation>Пропуск неизвестной секции разметки %1</translation>
     </message>
     <message>
-        <location line="+37"/>
+        <location line="+48"/>
+        <source>Section %1 %2 runs past the end of its flash memory size %3</source>
+        <translation>Раздел %1 %2 выходит за пределы своего размера флеш-памяти %3</translation>
+    </message>
+    <message>
+        <location line="+5"/>
+        <source>Section %1 %2 runs past the end of the chip&apos;s flash memory (%3)</source>
+        <translation>Раздел %1 %2 выходит за пределы флеш-памяти микросхемы (%3)</translation>
+    </message>
+    <message>
+        <location line="+11"/>
+        <source>Sections %1 %2 and %3 %4 overlap</source>
+        <translation>Разделы %1 %2 и %3 %4 перекрываются</translation>
+    </message>
+    <message>
+        <location line="+26"/>
+        <source>Firmware %1 is set for a flash memory size of %2, but the chip has %3. Flash it anyway?</source>
+        <translation>Прошивка %1 рассчитана на флеш-память размером %2, а у микросхемы %3. Всё равно записать?</translation>
+    </message>
+    <message>
+        <location line="+7"/>
+        <source>Firmware %1 is set for a flash memory size of %2, larger than the chip&apos;s %3</source>
+        <translation>Прошивка %1 рассчитана на флеш-память размером %2, больше, чем у микросхемы (%3)</translation>
+    </message>
+    <message>
+        <location line="+27"/>
         <source>The data within the package is corrupted (saved md5 %1 does not match the computed one %2 for file %3)</source>
         <translation>Данные в пакете повреждены (сохранённая сумма md5 %1 не совпадает с вычисленной %2 для файла %3)</translation>
     </message>
@@ -831,7 +913,22 @@ The tool will be closed</source>
         <translation>Не удаётся записать в %1: %2</translation>
     </message>
     <message>
-        <location filename="../../flasher/flashregion.cpp" line="+90"/>
+        <location filename="../../flasher/flashregion.cpp" line="+89"/>
+        <source>Region %1 runs past the end of the flash memory (%2)</source>
+        <translation>Область %1 выходит за пределы флеш-памяти (%2)</translation>
+    </message>
+    <message>
+        <location line="+19"/>
+        <source>Erased the whole flash memory</source>
+        <translation>Стёрта вся флеш-память</translation>
+    </message>
+    <message>
+        <location line="+2"/>
+        <source>Erased sectors %1</source>
+        <translation>Стёрты секторы %1</translation>
+    </message>
+    <message>
+        <location line="+22"/>
         <source>Requested flash memory contents md5 for [0x%1:0x%2] (size %3)</source>
         <translation>Запрошен md5 содержимого флеш-памяти для [0x%1:0x%2] (размер %3)</translation>
     </message>
@@ -839,7 +936,7 @@ The tool will be closed</source>
 <context>
     <name>ESPToolWorker</name>
     <message>
-        <location filename="../../worker/esptoolworker.cpp" line="+45"/>
+        <location filename="../../worker/esptoolworker.cpp" line="+46"/>
         <source>connect</source>
         <translation>подключение</translation>
     </message>
