@@ -109,8 +109,11 @@ private slots:
 
 private:
     // A board with its reset circuit, powered up into `powerUp`; a dialog on its port.
-    void startBoard(VirtualEsp8266::BootMode powerUp = VirtualEsp8266::BootMode::Download,
-                    bool wired = true);
+    // A board with the auto-reset circuit, powered up into its firmware, or a jig: no reset
+    // lines, powered up into the boot loader.
+    void startChip(bool jig = false);
+    // The same with a dialog on its port.
+    void startBoard(bool jig = false);
     void connectAndLoad(const QString &scatter);
     void click(const char *button)
     {
@@ -141,23 +144,29 @@ void TestEspFlasherFlash::init()
     QVERIFY(files.create(dir->path()));
 }
 
-void TestEspFlasherFlash::startBoard(VirtualEsp8266::BootMode powerUp, bool wired)
+void TestEspFlasherFlash::startChip(bool jig)
 {
-    flasher.reset();
     wiring.reset();
     VirtualEsp8266::Config config;
-    config.powerUpMode = powerUp;
+    config.powerUpMode =
+        jig ? VirtualEsp8266::BootMode::Download : VirtualEsp8266::BootMode::Firmware;
     chip = std::make_unique<ChipFixture>(config);
     QVERIFY(chip->start());
-    if (wired)
+    if (!jig)
         wiring = std::make_unique<ResetWiring>(board(), chip->port());
+}
+
+void TestEspFlasherFlash::startBoard(bool jig)
+{
+    flasher.reset();
+    startChip(jig);
     flasher = std::make_unique<ESPFlasher>(ESPFlasher::RUN_MODE_STANDALONE, nullptr);
     find<QComboBox>("comPortCombo")->setCurrentText(chip->port());
 }
 
 void TestEspFlasherFlash::connectAndLoad(const QString &scatter)
 {
-    startBoard(VirtualEsp8266::BootMode::Firmware);
+    startBoard();
     click("comPortConnect");
     QVERIFY(!enabled("comPortCombo"));
     QVERIFY2(waitForLog(line(green, "Retrieved chip info")), qPrintable(log().join('\n')));
@@ -539,12 +548,7 @@ void TestEspFlasherFlash::upgrade()
     const QString mishap = QTest::currentDataTag();
 
     QSettings().setValue("COM/ResetBeforeConnect", reset);
-    VirtualEsp8266::Config config;
-    config.powerUpMode =
-        reset ? VirtualEsp8266::BootMode::Firmware : VirtualEsp8266::BootMode::Download;
-    chip = std::make_unique<ChipFixture>(config);
-    QVERIFY(chip->start());
-    const ResetWiring wired(board(), chip->port());
+    startChip(!reset);
     qputenv(QComPort::extraPortsVariable, (chip->port() + "=UPGRADE-0042").toLocal8Bit());
     const QString chosen = mishap == "loader removed" ? files.scatter : files.package;
     answerer->answerFile(components.isEmpty() ? QString() : chosen);
@@ -614,25 +618,23 @@ void TestEspFlasherFlash::upgrade()
 void TestEspFlasherFlash::connectSettings_data()
 {
     QTest::addColumn<bool>("reset");        // the dialog's setting
-    QTest::addColumn<bool>("wired");        // the board has the reset circuit
-    QTest::addColumn<bool>("firmware");     // it powers up into its firmware, else the boot loader
+    QTest::addColumn<bool>("jig");          // no reset lines, in boot mode; else a board
     QTest::addColumn<QStringList>("lines"); // %1: the port
 
     const QString connecting = line(amber, "Connecting to %1");
     const QStringList connected{line(green, "Connected to ESP UBoot via %1"),
                                 line(green, "Retrieved chip info")};
     QTest::newRow("reset, board in its firmware")
-        << true << true << true << QStringList{connecting} + connected;
-    QTest::newRow("no reset, board put into boot mode by hand")
-        << false << true << false << QStringList{connecting} + connected;
+        << true << false << QStringList{connecting} + connected;
+    QTest::newRow("no reset, jig") << false << true << QStringList{connecting} + connected;
     // A port without modem lines: skipped quietly, said once.
-    QTest::newRow("reset, port without modem lines")
-        << true << false << false
+    QTest::newRow("reset, jig without modem lines")
+        << true << true
         << QStringList{connecting,
                        line(amber, "The board is not reset: %1 has no modem lines (DTR/RTS)")} +
                connected;
     QTest::newRow("no reset, board in its firmware")
-        << false << true << true
+        << false << false
         << QStringList{connecting,
                        line(amber,
                             "Flasher error: esptool failed: No response for 0x08 command (1) - the "
@@ -646,19 +648,17 @@ void TestEspFlasherFlash::connectSettings_data()
 void TestEspFlasherFlash::connectSettings()
 {
     QFETCH(bool, reset);
-    QFETCH(bool, wired);
-    QFETCH(bool, firmware);
+    QFETCH(bool, jig);
     QFETCH(QStringList, lines);
 
     QSettings().setValue("COM/ResetBeforeConnect", reset);
-    startBoard(firmware ? VirtualEsp8266::BootMode::Firmware : VirtualEsp8266::BootMode::Download,
-               wired);
+    startBoard(jig);
     lines.replaceInStrings("%1", chip->port());
     click("comPortConnect");
     const bool connects = lines.last().endsWith("Retrieved chip info");
     QVERIFY(waitForLog(lines.last()));
     QCOMPARE(log(), lines);
-    QCOMPARE(board().resetCount() > 0, reset && wired);
+    QCOMPARE(board().resetCount() > 0, reset && !jig);
     QCOMPARE(board().bootMode() == VirtualEsp8266::BootMode::Download, connects);
     // Connected, the settings stay as they are; a failed connect gives them back with the port.
     for (const char *name : {"comPortCombo", "baudRateCombo", "resetBeforeConnectCheck",
