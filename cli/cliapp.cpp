@@ -101,24 +101,6 @@ QStringList regionFiles(const QVector<FlashRegion> &regions, const QDir &dir)
     return files;
 }
 
-// The loader the build makes for real boards, else the virtual chip's stand-in, beside this
-// program in the build tree or where an installation keeps them; empty when there is none (the
-// write then goes through the ROM loader).
-QString defaultLoaderPath()
-{
-    const QDir program(QCoreApplication::applicationDirPath());
-    const QString installed = QStringLiteral(ESP_INSTALLED_DATA_DIR);
-    for (const QString &path :
-         {QStringLiteral("../stub/vendor/esp8266_loader_stub.elf"),
-          QStringLiteral("../stub/esp8266_loader_stub.elf"),
-          installed + QStringLiteral("/esp8266_loader_stub.elf"),
-          installed + QStringLiteral("/virtualchip/esp8266_loader_stub.elf")}) {
-        if (QFileInfo(program.absoluteFilePath(path)).isFile())
-            return QDir::cleanPath(program.absoluteFilePath(path));
-    }
-    return QString();
-}
-
 QString padded(const QString &text, int width)
 {
     return text.leftJustified(width, QLatin1Char(' '));
@@ -651,7 +633,7 @@ int CliApp::runWrite()
     if (!checkLoaderOption(false, &exitCode))
         return exitCode;
     if (m_loaderFile.isEmpty())
-        m_loaderFile = defaultLoaderPath();
+        m_loaderFile = FlashPlan::defaultLoaderPath();
     if (!resolveBoards(&exitCode))
         return exitCode;
     return runBoards(

@@ -6,6 +6,8 @@
 #include "flasher/scatterloader.h"
 #include "flasher/scattervalidator.h"
 #include "flasher/scatterwriter.h"
+#include "image/espimageparser.h"
+#include "protocol/esptool.h"
 #include "serial/qcomport.h"
 #include "widgets/flashtypeselector.h"
 #include "widgets/qautoclosemessagebox.h"
@@ -16,7 +18,9 @@
 
 #include "ui_espflasher.h"
 
+#include <QAbstractItemView>
 #include <QAction>
+#include <QCoreApplication>
 #include <QDir>
 #include <QEventLoop>
 #include <QFile>
@@ -50,6 +54,22 @@ constexpr int kindRole = Qt::UserRole + 7;
 
 // Last directory of scatter files, packages and loaders.
 const char *const scatterDirKey = "Scatter/Dir";
+// The connection group's settings: the line rate once the flash loader runs, the reset into the
+// boot loader before connecting (and into the new firmware after an upgrade), and writes that
+// leave unchanged 64 KiB blocks alone.
+const char *const baudKey = "COM/Baud";
+const char *const resetBeforeConnectKey = "COM/ResetBeforeConnect";
+const char *const skipUnchangedKey = "Flash/SkipUnchanged";
+// The baud combo's choice when none was saved: the rate every connection starts at.
+const char *const defaultBaudText = "115200";
+
+// Port list item data: the device path is the item's own data; this role holds the name the
+// port enumeration gives (ttyUSB0), which hosts use in guess() and autoconnect().
+constexpr int portNameRole = Qt::UserRole + 1;
+
+// The loader erases whole 4 KiB sectors, so an image placed inside one would take the bytes
+// before it along.
+constexpr quint32 flashSectorBytes = 0x1000;
 
 // Seconds a missing-checksum question waits before it counts as No.
 constexpr int checksumQuestionTimeoutSeconds = 10;
@@ -84,13 +104,44 @@ QTableWidgetItem *textItem(const QString &text)
     return item;
 }
 
+QString hex8(quint32 value)
+{
+    return QStringLiteral("%1").arg(value, 8, 16, QLatin1Char('0'));
+}
+
+// The first text that the firmware write turns back into `code`; empty when none does.
+QString textForCode(unsigned char code, const QStringList &candidates,
+                    unsigned char (*fromString)(const QString &))
+{
+    for (const QString &text : candidates) {
+        if (fromString(text) == code)
+            return text;
+    }
+    return QString();
+}
+
+// Takes texts for the image's own flash options into the row, such that writing it as firmware
+// leaves its header as it is. False when an option has no such text (80 MHz, for one).
+bool takeOwnFlashOptions(const ESPImageParser &image, ScatterSection *row)
+{
+    row->flashMode =
+        textForCode(image.flash_mode_int(), {image.getFlashMode()}, &ESPImageParser::fm_fromString);
+    row->flashSize = textForCode(image.flash_size_int(),
+                                 {image.getFlashSize(), QStringLiteral("8MB"),
+                                  QStringLiteral("16MB"), QStringLiteral("32m-c2")},
+                                 &ESPImageParser::fs_fromString);
+    row->flashFrequency = textForCode(image.flash_frequency_int(), {image.getFlashFrequency()},
+                                      &ESPImageParser::ff_fromString);
+    return !row->flashMode.isEmpty() && !row->flashSize.isEmpty() && !row->flashFrequency.isEmpty();
+}
+
 } // namespace
 
 ESPFlasher::ESPFlasher(RUN_MODE mode, QWidget *parent)
     : QDialog(parent), ui(std::make_unique<Ui_ESPFlasher>()), runMode(mode)
 {
     ui->setupUi(this);
-    ui->baudRateCombo->setCurrentText(QStringLiteral("115200"));
+    restoreSettings();
     ui->progressBar->setRange(0, 100);
     ui->progressBar->setValue(0);
     ui->infoGroup->setEnabled(false);
@@ -109,10 +160,16 @@ ESPFlasher::ESPFlasher(RUN_MODE mode, QWidget *parent)
     connect(worker, &ESPToolWorker::error, this, &ESPFlasher::worker_error);
     connect(worker, &ESPToolWorker::progress, this, &ESPFlasher::worker_progress);
     connect(worker, &ESPToolWorker::finished, this, &ESPFlasher::worker_finished);
+    connect(worker, &ESPToolWorker::notice, this, &ESPFlasher::worker_notice);
     connect(worker, &ESPToolWorker::connectionLost, this, &ESPFlasher::worker_connectionLost);
     workerThread.start(QThread::InheritPriority);
 
+    // The port list shows the details of the chosen port in its own tool tip too.
+    connect(ui->comPortCombo, QOverload<int>::of(&QComboBox::currentIndexChanged), this, [this] {
+        ui->comPortCombo->setToolTip(ui->comPortCombo->currentData(Qt::ToolTipRole).toString());
+    });
     QMetaObject::invokeMethod(this, "on_comPortScanTool_clicked", Qt::DirectConnection);
+    connectSettingsPersistence();
 }
 
 ESPFlasher::~ESPFlasher()
@@ -122,6 +179,29 @@ ESPFlasher::~ESPFlasher()
     workerThread.wait();
     close_pack();
     ui.reset();
+}
+
+void ESPFlasher::restoreSettings()
+{
+    const QSettings settings;
+    const int baud = ui->baudRateCombo->findText(settings.value(QLatin1String(baudKey)).toString());
+    ui->baudRateCombo->setCurrentIndex(
+        baud >= 0 ? baud : ui->baudRateCombo->findText(QLatin1String(defaultBaudText)));
+    ui->resetBeforeConnectCheck->setChecked(
+        settings.value(QLatin1String(resetBeforeConnectKey), true).toBool());
+    ui->skipUnchangedCheck->setChecked(
+        settings.value(QLatin1String(skipUnchangedKey), true).toBool());
+}
+
+void ESPFlasher::connectSettingsPersistence()
+{
+    connect(ui->baudRateCombo, &QComboBox::currentTextChanged, this, [](const QString &text) {
+        QSettings().setValue(QLatin1String(baudKey), text.toUInt());
+    });
+    connect(ui->resetBeforeConnectCheck, &QCheckBox::toggled, this,
+            [](bool on) { QSettings().setValue(QLatin1String(resetBeforeConnectKey), on); });
+    connect(ui->skipUnchangedCheck, &QCheckBox::toggled, this,
+            [](bool on) { QSettings().setValue(QLatin1String(skipUnchangedKey), on); });
 }
 
 void ESPFlasher::log(LogColour colour, const QString &text)
@@ -174,24 +254,84 @@ QStringList ESPFlasher::portsForSerial(const QString &serial) const
     return names;
 }
 
+QString ESPFlasher::portItemText(const QComPort::PortEntry &port)
+{
+    const QString path = port.path.isEmpty() ? port.name : port.path;
+    if (port.description.isEmpty())
+        return path;
+    return QStringLiteral("%1 (%2)").arg(path, port.description);
+}
+
+QString ESPFlasher::portDetails(const QComPort::PortEntry &port)
+{
+    QStringList lines{port.path.isEmpty() ? port.name : port.path};
+    if (!port.description.isEmpty())
+        lines << tr("Description: %1").arg(port.description);
+    if (!port.manufacturer.isEmpty())
+        lines << tr("Manufacturer: %1").arg(port.manufacturer);
+    if (port.vendorId != 0 || port.productId != 0) {
+        lines << tr("VID:PID: %1:%2")
+                     .arg(port.vendorId, 4, 16, QLatin1Char('0'))
+                     .arg(port.productId, 4, 16, QLatin1Char('0'));
+    }
+    if (!port.serialNumber.isEmpty())
+        lines << tr("Serial number: %1").arg(port.serialNumber);
+    return lines.join(QLatin1Char('\n'));
+}
+
 void ESPFlasher::on_comPortScanTool_clicked()
 {
-    ui->comPortCombo->clear();
-    ui->comPortCombo->addItems(QComPort::availableComPorts());
-    ui->comPortConnect->setEnabled(ui->comPortCombo->count() > 0);
+    QComboBox *combo = ui->comPortCombo;
+    combo->clear();
+    for (const QComPort::PortEntry &entry : QComPort::availablePortEntries()) {
+        combo->addItem(portItemText(entry), entry.path.isEmpty() ? entry.name : entry.path);
+        combo->setItemData(combo->count() - 1, entry.name, portNameRole);
+        combo->setItemData(combo->count() - 1, portDetails(entry), Qt::ToolTipRole);
+    }
+    // The closed combo keeps its width; the open list shows the descriptions in full.
+    combo->view()->setMinimumWidth(combo->view()->sizeHintForColumn(0));
+    ui->comPortConnect->setEnabled(combo->count() > 0);
+}
+
+int ESPFlasher::portIndex(const QString &port) const
+{
+    const QComboBox *combo = ui->comPortCombo;
+    for (int index = 0; index < combo->count(); ++index) {
+        if (combo->itemData(index, portNameRole).toString() == port ||
+            combo->itemData(index).toString() == port)
+            return index;
+    }
+    return -1;
 }
 
 void ESPFlasher::on_comPortConnect_clicked()
 {
-    const QString port = ui->comPortCombo->currentText();
+    const QString port = ui->comPortCombo->currentData().toString();
     ui->comPortCombo->setEnabled(false);
     startConnect(port);
 }
 
 void ESPFlasher::startConnect(const QString &port)
 {
+    connectedPort = port;
     log(LogColour::Notice, tr("Connecting to %1").arg(port));
-    queueCommand(ESPToolWorker::Connect, QVariantList{port});
+    queueCommand(ESPToolWorker::Connect, QVariantList{port, connectOptions()});
+}
+
+QVariantMap ESPFlasher::connectOptions() const
+{
+    return {
+        {QLatin1String(ESPToolWorker::ResetOption), ui->resetBeforeConnectCheck->isChecked()},
+        {QLatin1String(ESPToolWorker::BaudOption), ui->baudRateCombo->currentText().toUInt()},
+        {QLatin1String(ESPToolWorker::SkipUnchangedOption), ui->skipUnchangedCheck->isChecked()}};
+}
+
+void ESPFlasher::setConnectionSettingsEnabled(bool enabled)
+{
+    ui->comPortScanTool->setEnabled(enabled);
+    ui->baudRateCombo->setEnabled(enabled);
+    ui->resetBeforeConnectCheck->setEnabled(enabled);
+    ui->skipUnchangedCheck->setEnabled(enabled);
 }
 
 void ESPFlasher::guess(const QString &serial)
@@ -199,9 +339,9 @@ void ESPFlasher::guess(const QString &serial)
     const QStringList ports = portsForSerial(serial);
     if (ports.isEmpty())
         return;
-    if (ui->comPortCombo->findText(ports.first()) < 0)
+    if (portIndex(ports.first()) < 0)
         on_comPortScanTool_clicked(); // the list was taken before the port appeared
-    ui->comPortCombo->setCurrentText(ports.first());
+    ui->comPortCombo->setCurrentIndex(portIndex(ports.first()));
 }
 
 bool ESPFlasher::autoconnect(const QString &serial)
@@ -219,11 +359,12 @@ bool ESPFlasher::autoconnect(const QString &serial)
         if (!accepted || port.isEmpty())
             return false;
     }
-    if (ui->comPortCombo->findText(port) < 0)
+    if (portIndex(port) < 0)
         on_comPortScanTool_clicked();
-    ui->comPortCombo->setCurrentText(port);
+    const int index = portIndex(port);
+    ui->comPortCombo->setCurrentIndex(index);
     // Unlike a manual connect, the port list stays enabled.
-    startConnect(port);
+    startConnect(index >= 0 ? ui->comPortCombo->itemData(index).toString() : port);
     return true;
 }
 
@@ -233,6 +374,11 @@ bool ESPFlasher::autoconnect(const QString &serial)
 void ESPFlasher::worker_error(const QString &reason)
 {
     log(LogColour::Notice, FlashPlan::workerErrorMessage(reason));
+}
+
+void ESPFlasher::worker_notice(const QString &text)
+{
+    log(LogColour::Notice, text);
 }
 
 void ESPFlasher::worker_progress(int total, int current)
@@ -318,7 +464,7 @@ void ESPFlasher::worker_connectionLost(const QString &reason)
     Q_UNUSED(reason)
     if (!connectedToChip)
         return;
-    log(LogColour::Error, tr("The connection to %1 was lost").arg(ui->comPortCombo->currentText()));
+    log(LogColour::Error, tr("The connection to %1 was lost").arg(connectedPort));
     returnToDisconnected();
     scheduleAutoClose(false, tr("Connection closed."));
 }
@@ -326,6 +472,7 @@ void ESPFlasher::worker_connectionLost(const QString &reason)
 void ESPFlasher::returnToDisconnected()
 {
     connectedToChip = false;
+    closingAfterUpgrade = false;
     stubLoaded = false;
     close_zip_file();
     // Nothing in work goes on: a late result of it must not restart a walk.
@@ -333,8 +480,7 @@ void ESPFlasher::returnToDisconnected()
     sectionIndex = -2;
     finalChecked = -1;
     ui->comPortCombo->setEnabled(true);
-    ui->comPortScanTool->setEnabled(true);
-    ui->baudRateCombo->setEnabled(true);
+    setConnectionSettingsEnabled(true);
     ui->comPortConnect->setText(tr("Connect"));
     ui->comPortConnect->setEnabled(ui->comPortCombo->count() > 0);
     // Disabled until a chip is identified again; the scatter stays loaded for that.
@@ -351,28 +497,33 @@ void ESPFlasher::connected()
     connectedToChip = true;
     stubLoaded = false;
     ui->stubSelTool->setEnabled(true);
-    log(LogColour::Success,
-        FlashPlan::finishedMessage(ESPToolWorker::Connect, ui->comPortCombo->currentText()));
+    log(LogColour::Success, FlashPlan::finishedMessage(ESPToolWorker::Connect, connectedPort));
     ui->comPortConnect->setText(tr("Disconnect"));
-    // The only disconnect this dialog issues is the one after a failed identification.
+    // The dialog disconnects by itself only after a failed identification and, to reset the
+    // board into its new firmware, after an upgrade.
     ui->comPortConnect->setEnabled(false);
-    ui->comPortScanTool->setEnabled(false);
-    ui->baudRateCombo->setEnabled(false);
+    // The settings apply to this connection: changing them now would change nothing.
+    setConnectionSettingsEnabled(false);
     queueCommand(ESPToolWorker::GetInfo);
 }
 
 void ESPFlasher::disconnected()
 {
-    log(LogColour::Success,
-        FlashPlan::finishedMessage(ESPToolWorker::Disconnect, ui->comPortCombo->currentText()));
+    log(LogColour::Success, FlashPlan::finishedMessage(ESPToolWorker::Disconnect, connectedPort));
     ui->chipIDField->clear();
     ui->flashIDField->clear();
     ui->macField->clear();
     ui->comPortCombo->setEnabled(true);
+    setConnectionSettingsEnabled(true);
     ui->comPortConnect->setText(tr("Connect"));
     ui->comPortConnect->setEnabled(true);
     stubLoaded = false;
     connectedToChip = false;
+    if (closingAfterUpgrade) {
+        closingAfterUpgrade = false;
+        scheduleAutoClose(true, tr("Upgrade completed."));
+        return;
+    }
     scheduleAutoClose(false, tr("Connection closed."));
 }
 
@@ -597,6 +748,17 @@ void ESPFlasher::writeNextSection()
     queueCommand(FlashPlan::writeCommand(row, source, flashSize));
 }
 
+void ESPFlasher::flashingFinished()
+{
+    if (runMode == RUN_MODE_UPGRADE && ui->resetBeforeConnectCheck->isChecked()) {
+        closingAfterUpgrade = true;
+        queueCommand(ESPToolWorker::Disconnect,
+                     {QVariantMap{{QLatin1String(ESPToolWorker::HardResetOption), true}}});
+        return;
+    }
+    scheduleAutoClose(true, tr("Upgrade completed."));
+}
+
 void ESPFlasher::sectionWritten(int command)
 {
     // The expectation comes from the bytes just written: the package entry still in memory, or
@@ -655,7 +817,7 @@ void ESPFlasher::finishFlashing()
 {
     if (finalCheckFailures == 0) {
         finishSectionWalk(FlashPlan::finishedFlashingMessage());
-        scheduleAutoClose(true, tr("Upgrade completed."));
+        flashingFinished();
         return;
     }
     log(LogColour::Error,
@@ -1094,10 +1256,12 @@ bool ESPFlasher::on_scatterSelTool_clicked()
                                  : ui->scatterEdit->text();
     const QString path = QFileDialog::getOpenFileName(
         this, tr("Select scatter file"), startDir,
-        QStringLiteral("%1 (*.zip *.txt)").arg(tr("Packages and Scatter files")));
+        QStringLiteral("%1 (*.zip *.txt *.bin)").arg(tr("Packages, Scatter files and Images")));
     if (path.isEmpty())
         return false;
     settings.setValue(QLatin1String(scatterDirKey), QFileInfo(path).absolutePath());
+    if (path.endsWith(QLatin1String(".bin"), Qt::CaseInsensitive))
+        return loadImage(path);
 
     ui->scatterEdit->clear();
     ui->flashTool->setEnabled(false);
@@ -1142,6 +1306,119 @@ bool ESPFlasher::loadScatter(const QString &path)
     if (zip)
         log(LogColour::Success, ScatterLoader::loadedPackageMessage(path, zip->comment()));
     return true;
+}
+
+bool ESPFlasher::loadImage(const QString &path)
+{
+    // Everything is asked first: a cancel leaves the loaded scatter as it was.
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) {
+        QMessageBox::warning(this, tr("Select scatter file"),
+                             tr("%1 could not be read: %2").arg(path, file.errorString()));
+        return false;
+    }
+    if (file.size() == 0) {
+        QMessageBox::warning(this, tr("Select scatter file"), tr("%1 is empty").arg(path));
+        return false;
+    }
+    quint32 address = 0;
+    if (!askImageAddress(path, file.size(), &address))
+        return false;
+    const QString loader = imageLoader();
+    if (loader.isEmpty()) {
+        QMessageBox::warning(this, tr("Select scatter file"),
+                             tr("An image is written through a flash loader, and none was chosen"));
+        return false;
+    }
+
+    ScatterSection row;
+    row.hasCells = true;
+    row.kindSet = true;
+    row.file = QFileInfo(path).fileName();
+    row.source = path;
+    row.startAddress = address;
+    row.endAddress = quint32(address + file.size());
+    row.md5 = hexlify(ESPTool::get_md5(&file), true);
+    ESPImageParser image;
+    const unsigned char own = ESPImageParser::kCodeNotGiven;
+    // An image with a firmware header is written as firmware with its own flash options.
+    const bool firmware = image.load(path, own, own, own);
+    if (firmware && takeOwnFlashOptions(image, &row)) {
+        row.kind = ScatterSection::Firmware;
+        row.typeKey = QStringLiteral("Firmware");
+    } else {
+        row.kind = ScatterSection::Application;
+        row.typeKey = QStringLiteral("Application");
+        row.flashMode.clear();
+        row.flashSize.clear();
+        row.flashFrequency.clear();
+    }
+
+    ui->flashTool->setEnabled(false);
+    ui->readTool->setEnabled(false);
+    close_pack();
+    fillScatterTable({row});
+    ui->scatterEdit->setText(path);
+    ui->stubEdit->setText(loader);
+    parseFinish();
+    // Written unchanged as data, the header stays exactly as it is.
+    if (firmware && row.isApplication())
+        log(LogColour::Notice,
+            tr("The flash options in the header of %1 have no names that a firmware write keeps; "
+               "it is written unchanged, as a user application")
+                .arg(row.file));
+    log(LogColour::Success,
+        row.isApplication()
+            ? tr("Loaded image %1 for 0x%2 as a user application").arg(path, hex8(address))
+            : tr("Loaded firmware image %1 for 0x%2 (flash memory size %3, mode %4, frequency %5)")
+                  .arg(path, hex8(address), row.flashSize, row.flashMode, row.flashFrequency));
+    return true;
+}
+
+bool ESPFlasher::askImageAddress(const QString &path, qint64 size, quint32 *address)
+{
+    // Without a detected size, the largest flash there is.
+    const quint64 flashEnd =
+        detectedFlashSize != 0 ? detectedFlashSize : ESPImageParser::kMaxBlockSize;
+    QString text = QStringLiteral("0x0");
+    // A mistyped address is explained and offered again as typed.
+    for (;;) {
+        bool accepted = false;
+        text = QInputDialog::getText(this, tr("Flash Image"),
+                                     tr("Address to write %1 at:").arg(QFileInfo(path).fileName()),
+                                     QLineEdit::Normal, text, &accepted);
+        if (!accepted)
+            return false;
+        bool ok = false;
+        *address = parseUnsignedInteger(text.trimmed(), &ok);
+        QString problem;
+        if (!ok) {
+            problem = tr("%1 is not an address").arg(text.trimmed());
+        } else if (*address % flashSectorBytes != 0) {
+            problem = tr("0x%1 is not the start of a 4 KiB flash sector").arg(hex8(*address));
+        } else if (quint64(*address) + quint64(size) > flashEnd) {
+            problem = tr("%1 bytes at 0x%2 go past the end of the flash (%3 bytes)")
+                          .arg(size)
+                          .arg(hex8(*address))
+                          .arg(flashEnd);
+        }
+        if (problem.isEmpty())
+            return true;
+        QMessageBox::warning(this, tr("Flash Image"), problem);
+    }
+}
+
+QString ESPFlasher::imageLoader()
+{
+    const QString chosen = ui->stubEdit->text();
+    if (QDir::isAbsolutePath(chosen) && QFileInfo(chosen).isFile())
+        return chosen;
+    const QString bundled = FlashPlan::defaultLoaderPath();
+    if (!bundled.isEmpty())
+        return bundled;
+    on_stubSelTool_clicked();
+    const QString picked = ui->stubEdit->text();
+    return QDir::isAbsolutePath(picked) && QFileInfo(picked).isFile() ? picked : QString();
 }
 
 void ESPFlasher::on_stubSelTool_clicked()

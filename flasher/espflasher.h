@@ -2,6 +2,7 @@
 
 #include <esputility/esputility_global.h>
 #include <esputility/flashplan.h>
+#include <esputility/qcomport.h>
 #include <esputility/scatterprompts.h>
 #include <esputility/scattersection.h>
 
@@ -68,6 +69,12 @@ public:
     // detected from the chip's flash ID; empty when neither is known.
     QString getScatterFlashSize();
 
+    // The port list's text for a port: its path, and the adapter's description when known.
+    static QString portItemText(const QComPort::PortEntry &port);
+    // The port's tool tip: the path, then description, manufacturer, VID:PID and serial number,
+    // each on a line of its own when known.
+    static QString portDetails(const QComPort::PortEntry &port);
+
     // Closes the package entry handed to the worker, then the package itself.
     void close_pack();
     // Closes only the package entry handed to the worker.
@@ -86,6 +93,7 @@ private slots:
     void worker_error(const QString &reason);
     void worker_progress(int total, int current);
     void worker_finished(bool result, int command, const QVariantList &results);
+    void worker_notice(const QString &text);
     void worker_connectionLost(const QString &reason);
     void scatterTableHeaderClickHandler(int index);
     void eraseActionHandler();
@@ -111,6 +119,15 @@ private:
     void queueCommand(int command, const QVariantList &params = QVariantList());
     void queueCommand(const FlashPlan::Command &command);
     void startConnect(const QString &port);
+    // The options of "connect" as the connection group sets them.
+    QVariantMap connectOptions() const;
+    // Index in the port list of the port of that enumeration name or path; -1 when none.
+    int portIndex(const QString &port) const;
+    // Lets the user change the connection settings (rate, reset, skip, the port scan) or not;
+    // the port list itself is enabled by its own rules.
+    void setConnectionSettingsEnabled(bool enabled);
+    void restoreSettings();
+    void connectSettingsPersistence();
 
     void commandFailed(int command);
     void connected();
@@ -136,6 +153,9 @@ private:
     void enableToolsAfterWalk();
     // Writes the row at sectionIndex, passing over unchecked rows; the last row ends the run.
     void writeNextSection();
+    // The end of a successful run; in the upgrade mode a board with the reset circuit is
+    // reset into its new firmware before the tool closes.
+    void flashingFinished();
     void sectionWritten(int command);
     // After the last row every section written is compared with the flash once more; the run
     // succeeds only when all still match.
@@ -187,6 +207,12 @@ private:
     void fillScatterTable(const QVector<ScatterSection> &rows);
     void clearScatterTable();
     bool loadScatter(const QString &path);
+    // A plain image file (.bin): asks where it goes, then fills the table with its one row.
+    bool loadImage(const QString &path);
+    bool askImageAddress(const QString &path, qint64 size, quint32 *address);
+    // The loader an image is written with: the one chosen before, the one beside the program,
+    // or one the user picks; empty when none.
+    QString imageLoader();
     QVector<ScatterSection> scatterRows() const;
     ScatterSection scatterRow(int row) const;
     QString scatterDirectory() const;
@@ -209,6 +235,10 @@ private:
     qint32 sectionIndex = 0;
     // Flash size in bytes guessed from the chip's flash ID; 0 when unknown.
     quint32 detectedFlashSize = 0;
+    // The port of the running connection (the path given to "connect").
+    QString connectedPort;
+    // A disconnect that resets the board after a successful upgrade: its end closes the tool.
+    bool closingAfterUpgrade = false;
     // What the running flash walk wrote, and how far the final check has come through it.
     QVector<FlashPlan::WrittenSection> writtenSections;
     int finalChecked = -1; // -1: the check has not started

@@ -6,6 +6,8 @@
 #include "worker/esptoolworker.h"
 
 #include <QCoreApplication>
+#include <QDir>
+#include <QFileInfo>
 #include <QVariantMap>
 
 namespace {
@@ -329,6 +331,21 @@ QString FlashPlan::finishedMessage(int command, const QString &port)
 QString FlashPlan::workerErrorMessage(const QString &reason)
 {
     return dialogText(QT_TRANSLATE_NOOP("ESPFlasher", "Flasher error: ")) + reason;
+}
+
+QString FlashPlan::defaultLoaderPath()
+{
+    const QDir program(QCoreApplication::applicationDirPath());
+    const QString installed = QStringLiteral(ESP_INSTALLED_DATA_DIR);
+    for (const QString &path :
+         {QStringLiteral("../stub/vendor/esp8266_loader_stub.elf"),
+          QStringLiteral("../stub/esp8266_loader_stub.elf"),
+          installed + QStringLiteral("/esp8266_loader_stub.elf"),
+          installed + QStringLiteral("/virtualchip/esp8266_loader_stub.elf")}) {
+        if (QFileInfo(program.absoluteFilePath(path)).isFile())
+            return QDir::cleanPath(program.absoluteFilePath(path));
+    }
+    return QString();
 }
 
 QString FlashPlan::finishedFlashingMessage()

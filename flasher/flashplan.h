@@ -35,6 +35,10 @@ public:
 
     // "load stub" with a path or an IODeviceDescriptor, announced as "Start loading stub from %1".
     static Command loadStubCommand(const QVariant &stub);
+    // The loader for jobs that name none (plain images): the one the build makes for real boards,
+    // else the virtual chip's stand-in, beside the program in the build tree or where an
+    // installation keeps them; empty when there is none.
+    static QString defaultLoaderPath();
 
     // The flash size text handed to "write data": the size text of the first firmware row;
     // without one, the size guessed from the chip's flash id (0: none detected, then empty).

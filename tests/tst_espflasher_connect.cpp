@@ -1,5 +1,6 @@
 #include "flashertestkit.h"
 #include "ptypair.h"
+#include "scattertestfiles.h"
 
 using namespace FlasherTestKit;
 
@@ -11,6 +12,11 @@ class TestEspFlasherConnect : public FlasherTest
 private slots:
     void autoconnect_data();
     void autoconnect();
+    void portDetails_data();
+    void portDetails();
+    void settingsRemembered();
+    void unopenablePort_data();
+    void unopenablePort();
     void otherResults();
 
 private:
@@ -66,6 +72,8 @@ void TestEspFlasherConnect::autoconnect()
     QVERIFY(!enabled("infoGroup") && !enabled("loaderGroup"));
     // The extra ports come after the enumerated ones; no serial number matches a host without one.
     QCOMPARE(combo->itemText(combo->count() - 1), this->port(serials.size() - 1));
+    QCOMPARE(combo->itemData(combo->count() - 1, Qt::ToolTipRole).toString(),
+             this->port(serials.size() - 1) + "\nSerial number: " + serials.last());
     QVERIFY(flasher->portsForSerial(QString()).isEmpty());
     if (!prompt.isEmpty())
         answerer->answerInput(prompt == "cancel" ? QString() : this->port(prompt.toInt()));
@@ -91,9 +99,107 @@ void TestEspFlasherConnect::autoconnect()
     QVERIFY(ports[0]->readMaster(0).isEmpty());
     const QString failed = line(red, "UBoot operation connect (0) finished with error");
     QVERIFY(waitForLog(failed));
-    QCOMPARE(log().size(), 3);
+    QCOMPARE(log().size(), 4);
     QCOMPARE(log().first(), line(amber, "Connecting to " + this->port(port)));
-    QVERIFY2(log().at(1).startsWith(line(amber, "Flasher error: ")), qPrintable(log().at(1)));
+    // A pseudo-terminal has no modem lines: the reset is skipped, and said so once.
+    QCOMPARE(log().at(1), line(amber, "The board is not reset: " + this->port(port) +
+                                          " has no modem lines (DTR/RTS)"));
+    QVERIFY2(log().at(2).startsWith(line(amber, "Flasher error: ")), qPrintable(log().at(2)));
+}
+
+void TestEspFlasherConnect::portDetails_data()
+{
+    QTest::addColumn<QStringList>("entry"); // description, manufacturer, serial number
+    QTest::addColumn<int>("productId");     // the vendor id is 0x1234 with one
+    QTest::addColumn<QString>("text");
+    QTest::addColumn<QString>("details"); // lines joined by '|'
+
+    QTest::newRow("every detail")
+        << QStringList{"USB-serial bridge", "Adapter maker", "A50285BI"} << 0xab
+        << "/dev/ttyUSB0 (USB-serial bridge)"
+        << "/dev/ttyUSB0|Description: USB-serial bridge|Manufacturer: Adapter maker|VID:PID: "
+           "1234:00ab|Serial number: A50285BI";
+    QTest::newRow("nothing known") << QStringList{"", "", ""} << 0 << "/dev/ttyUSB0"
+                                   << "/dev/ttyUSB0";
+}
+
+// The port list names a port by its path and describes the adapter behind it.
+void TestEspFlasherConnect::portDetails()
+{
+    QFETCH(QStringList, entry);
+    QFETCH(int, productId);
+    const QComPort::PortEntry port{"ttyUSB0",         entry.at(2), "/dev/ttyUSB0",
+                                   entry.at(0),       entry.at(1), quint16(productId ? 0x1234 : 0),
+                                   quint16(productId)};
+    QTEST(ESPFlasher::portItemText(port), "text");
+    QTEST(ESPFlasher::portDetails(port).replace('\n', '|'), "details");
+}
+
+// The connection settings are remembered from one start of the dialog to the next.
+void TestEspFlasherConnect::settingsRemembered()
+{
+    start(ESPFlasher::RUN_MODE_STANDALONE, {});
+    auto *baud = find<QComboBox>("baudRateCombo");
+    auto *reset = find<QCheckBox>("resetBeforeConnectCheck");
+    auto *skip = find<QCheckBox>("skipUnchangedCheck");
+    // A fresh installation: the rate of the connection, reset and skip on; nothing saved yet.
+    QCOMPARE(baud->currentText(), QStringLiteral("115200"));
+    QVERIFY(reset->isChecked() && skip->isChecked());
+    QVERIFY(QSettings().allKeys().isEmpty());
+
+    baud->setCurrentText("460800");
+    reset->click();
+    skip->click();
+    const QSettings settings;
+    QCOMPARE(settings.value("COM/Baud").toUInt(), 460800u);
+    QCOMPARE(settings.value("COM/ResetBeforeConnect").toBool(), false);
+    QCOMPARE(settings.value("Flash/SkipUnchanged").toBool(), false);
+    start(ESPFlasher::RUN_MODE_STANDALONE, {});
+    QCOMPARE(find<QComboBox>("baudRateCombo")->currentText(), QStringLiteral("460800"));
+    QVERIFY(!find<QCheckBox>("resetBeforeConnectCheck")->isChecked());
+    QVERIFY(!find<QCheckBox>("skipUnchangedCheck")->isChecked());
+
+    // A rate the list does not offer is not taken over.
+    QSettings().setValue("COM/Baud", 12345);
+    start(ESPFlasher::RUN_MODE_STANDALONE, {});
+    QCOMPARE(find<QComboBox>("baudRateCombo")->currentText(), QStringLiteral("115200"));
+}
+
+void TestEspFlasherConnect::unopenablePort_data()
+{
+    QTest::addColumn<QString>("reason");
+    QTest::newRow("not a serial device") << "not a serial device";
+    QTest::newRow("gone") << "no such port (is the board plugged in?)";
+}
+
+// A port that cannot be opened: one line says why, nothing claims it was closed, and another
+// port can be chosen.
+void TestEspFlasherConnect::unopenablePort()
+{
+    QFETCH(QString, reason);
+    const bool gone = reason.startsWith("no such port");
+    QString port = writeTestFile(dir->path(), "ttyFILE", "not a device");
+    if (gone) {
+        start(ESPFlasher::RUN_MODE_STANDALONE, {"SER"});
+        port = this->port(0);
+        ports.clear(); // unplugged after the list was made
+    } else {
+        qputenv(QComPort::extraPortsVariable, port.toLocal8Bit());
+        flasher = std::make_unique<ESPFlasher>(ESPFlasher::RUN_MODE_STANDALONE, nullptr);
+        combo = find<QComboBox>("comPortCombo");
+    }
+    combo->setCurrentIndex(combo->count() - 1);
+    QCOMPARE(combo->currentText(), port);
+    find<QPushButton>("comPortConnect")->click();
+    const QString failed = line(red, "UBoot operation connect (0) finished with error");
+    QVERIFY(waitForLog(failed));
+    QCOMPARE(log(), (QStringList{line(amber, "Connecting to " + port),
+                                 line(amber, "Flasher error: Cannot open " + port + ": " + reason),
+                                 failed}));
+    for (const char *name : {"comPortCombo", "comPortScanTool", "baudRateCombo",
+                             "resetBeforeConnectCheck", "skipUnchangedCheck", "comPortConnect"})
+        QVERIFY2(enabled(name), name);
+    QCOMPARE(find<QPushButton>("comPortConnect")->text(), QStringLiteral("Connect"));
 }
 
 void TestEspFlasherConnect::otherResults()

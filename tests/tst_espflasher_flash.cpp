@@ -5,6 +5,7 @@
 #include "flashertestkit.h"
 #include "scattertestfiles.h"
 
+#include "serial/modemlineregistry.h"
 #include "tools/imagegen/espimagebuilder.h"
 
 using namespace FlasherTestKit;
@@ -69,6 +70,20 @@ struct FlashTestFiles
     }
 };
 
+// The board's auto-reset circuit: the host's DTR and RTS reach the chip's GPIO0 and EN.
+class ResetWiring
+{
+public:
+    ResetWiring(VirtualEsp8266 &chip, const QString &port) : port(port)
+    {
+        ModemLineRegistry::add(port, [&chip](bool dtr, bool rts) { chip.setModemLines(dtr, rts); });
+    }
+    ~ResetWiring() { ModemLineRegistry::remove(port); }
+
+private:
+    QString port;
+};
+
 } // namespace
 
 class TestEspFlasherFlash : public FlasherTest
@@ -85,8 +100,20 @@ private slots:
     void packageLoaderComesFromThePackage();
     void upgrade_data();
     void upgrade();
+    void connectSettings_data();
+    void connectSettings();
+    void loaderRateAndReflash_data();
+    void loaderRateAndReflash();
+    void imageFile_data();
+    void imageFile();
 
 private:
+    // A board with its reset circuit, powered up into `powerUp`; a dialog on its port.
+    // A board with the auto-reset circuit, powered up into its firmware, or a jig: no reset
+    // lines, powered up into the boot loader.
+    void startChip(bool jig = false);
+    // The same with a dialog on its port.
+    void startBoard(bool jig = false);
     void connectAndLoad(const QString &scatter);
     void click(const char *button)
     {
@@ -106,6 +133,7 @@ private:
 
     FlashTestFiles files;
     std::unique_ptr<ChipFixture> chip;
+    std::unique_ptr<ResetWiring> wiring;
     int mark = 0;
 };
 
@@ -116,13 +144,29 @@ void TestEspFlasherFlash::init()
     QVERIFY(files.create(dir->path()));
 }
 
-void TestEspFlasherFlash::connectAndLoad(const QString &scatter)
+void TestEspFlasherFlash::startChip(bool jig)
+{
+    wiring.reset();
+    VirtualEsp8266::Config config;
+    config.powerUpMode =
+        jig ? VirtualEsp8266::BootMode::Download : VirtualEsp8266::BootMode::Firmware;
+    chip = std::make_unique<ChipFixture>(config);
+    QVERIFY(chip->start());
+    if (!jig)
+        wiring = std::make_unique<ResetWiring>(board(), chip->port());
+}
+
+void TestEspFlasherFlash::startBoard(bool jig)
 {
     flasher.reset();
-    chip = std::make_unique<ChipFixture>();
-    QVERIFY(chip->start());
+    startChip(jig);
     flasher = std::make_unique<ESPFlasher>(ESPFlasher::RUN_MODE_STANDALONE, nullptr);
     find<QComboBox>("comPortCombo")->setCurrentText(chip->port());
+}
+
+void TestEspFlasherFlash::connectAndLoad(const QString &scatter)
+{
+    startBoard();
     click("comPortConnect");
     QVERIFY(!enabled("comPortCombo"));
     QVERIFY2(waitForLog(line(green, "Retrieved chip info")), qPrintable(log().join('\n')));
@@ -268,8 +312,10 @@ void TestEspFlasherFlash::failureThenReconnect()
     // The board is reset, or plugged in again under a new name, and found by a new scan.
     board().setCommandObserver(nullptr);
     if (board().vanished()) {
+        wiring.reset();
         board().stop();
         QVERIFY(chip->start());
+        wiring = std::make_unique<ResetWiring>(board(), chip->port()); // under its new name
     } else {
         board().reset();
     }
@@ -471,13 +517,15 @@ void TestEspFlasherFlash::upgrade_data()
     QTest::addColumn<QString>("components"); // chosen, F and A; "reject"; empty: not asked
     QTest::addColumn<QString>("closing");    // the closing box's text and default button
     QTest::addColumn<QString>("written");    // the images on the chip afterwards, F and A
+    QTest::addColumn<bool>("reset");         // the reset setting; off: a jig, in boot mode
 
     const auto row = [](const char *name, const char *components, const char *closing,
-                        const char *written) {
-        QTest::newRow(name) << components << closing << written;
+                        const char *written, bool reset = true) {
+        QTest::newRow(name) << components << closing << written << reset;
     };
     // The "success" row's box closes itself after its countdown; other boxes are answered.
     row("success", "FA", "Upgrade completed.|OK (5)", "FA");
+    row("success on a jig", "FA", "Upgrade completed.|OK (5)", "FA", false);
     row("firmware only", "F", "Upgrade completed.|OK (5)", "F");
     row("application only", "A", "Upgrade completed.|OK (5)", "A");
     row("components rejected", "reject", "Upgrade cancelled.|OK (10)", "");
@@ -496,10 +544,11 @@ void TestEspFlasherFlash::upgrade()
     QFETCH(QString, components);
     QFETCH(QString, closing);
     QFETCH(QString, written);
+    QFETCH(bool, reset);
     const QString mishap = QTest::currentDataTag();
 
-    chip = std::make_unique<ChipFixture>();
-    QVERIFY(chip->start());
+    QSettings().setValue("COM/ResetBeforeConnect", reset);
+    startChip(!reset);
     qputenv(QComPort::extraPortsVariable, (chip->port() + "=UPGRADE-0042").toLocal8Bit());
     const QString chosen = mishap == "loader removed" ? files.scatter : files.package;
     answerer->answerFile(components.isEmpty() ? QString() : chosen);
@@ -533,6 +582,12 @@ void TestEspFlasherFlash::upgrade()
     const bool completed = closing.startsWith("Upgrade completed.");
     QCOMPARE(flasher->exec(), int(completed ? QDialog::Accepted : QDialog::Rejected));
     QCOMPARE(log().contains(finishedFlashing), completed);
+    // After a success the board is reset into its new firmware, unless it sits in a jig.
+    const bool resetAfter = reset && completed;
+    QCOMPARE(log().indexOf(line(green, "Closed connection to " + chip->port())),
+             resetAfter ? log().indexOf(finishedFlashing) + 1 : -1);
+    QCOMPARE(board().resetCount(), int(reset) + int(resetAfter));
+    QCOMPARE(board().bootMode() == VirtualEsp8266::BootMode::Firmware, resetAfter);
     if (mishap == "a later write wipes an earlier one") {
         const QString wiped = md5Hex(QByteArray(files.patched.size(), '\xFF'));
         QCOMPARE(log().mid(log().size() - 3),
@@ -558,6 +613,218 @@ void TestEspFlasherFlash::upgrade()
     QCOMPARE(board().flash(applicationAddress, files.application.size()),
              written.contains('A') ? files.application
                                    : QByteArray(files.application.size(), '\xFF'));
+}
+
+void TestEspFlasherFlash::connectSettings_data()
+{
+    QTest::addColumn<bool>("reset");        // the dialog's setting
+    QTest::addColumn<bool>("jig");          // no reset lines, in boot mode; else a board
+    QTest::addColumn<QStringList>("lines"); // %1: the port
+
+    const QString connecting = line(amber, "Connecting to %1");
+    const QStringList connected{line(green, "Connected to ESP UBoot via %1"),
+                                line(green, "Retrieved chip info")};
+    QTest::newRow("reset, board in its firmware")
+        << true << false << QStringList{connecting} + connected;
+    QTest::newRow("no reset, jig") << false << true << QStringList{connecting} + connected;
+    // A port without modem lines: skipped quietly, said once.
+    QTest::newRow("reset, jig without modem lines")
+        << true << true
+        << QStringList{connecting,
+                       line(amber, "The board is not reset: %1 has no modem lines (DTR/RTS)")} +
+               connected;
+    QTest::newRow("no reset, board in its firmware")
+        << false << false
+        << QStringList{connecting,
+                       line(amber,
+                            "Flasher error: esptool failed: No response for 0x08 command (1) - the "
+                            "board does not answer: check that its "
+                            "reset circuit (DTR/RTS) is there, or put it into boot mode "
+                            "by hand (GPIO0 low while it resets)"),
+                       line(red, "UBoot operation connect (0) finished with error")};
+}
+
+// The remembered reset setting decides whether the board is reset into its boot loader.
+void TestEspFlasherFlash::connectSettings()
+{
+    QFETCH(bool, reset);
+    QFETCH(bool, jig);
+    QFETCH(QStringList, lines);
+
+    QSettings().setValue("COM/ResetBeforeConnect", reset);
+    startBoard(jig);
+    lines.replaceInStrings("%1", chip->port());
+    click("comPortConnect");
+    const bool connects = lines.last().endsWith("Retrieved chip info");
+    QVERIFY(waitForLog(lines.last()));
+    QCOMPARE(log(), lines);
+    QCOMPARE(board().resetCount() > 0, reset && !jig);
+    QCOMPARE(board().bootMode() == VirtualEsp8266::BootMode::Download, connects);
+    // Connected, the settings stay as they are; a failed connect gives them back with the port.
+    for (const char *name : {"comPortCombo", "baudRateCombo", "resetBeforeConnectCheck",
+                             "skipUnchangedCheck", "comPortScanTool", "comPortConnect"})
+        QVERIFY2(enabled(name) == !connects, name);
+    QVERIFY(!log().join('\n').contains("Closed connection"));
+}
+
+void TestEspFlasherFlash::loaderRateAndReflash_data()
+{
+    QTest::addColumn<QString>("rate");
+    QTest::addColumn<bool>("refused"); // the loader refuses the change
+    QTest::addColumn<bool>("skip");
+    QTest::addColumn<quint32>("lineRate");
+    QTest::addColumn<QString>("notice");
+
+    QTest::newRow("921600, skipping") << "921600" << false << true << 921600u << QString();
+    QTest::newRow("921600 refused, writing everything")
+        << "921600" << true << false << 115200u
+        << line(amber, "The board did not switch to 921600 baud; staying at 115200 baud");
+    QTest::newRow("115200: no change") << "115200" << false << true << 115200u << QString();
+}
+
+// The baud combo's choice is the rate once the loader runs (a refusal costs one line, no
+// failure); flashing the same package again sends only the blocks that differ unless the skip
+// setting is off.
+void TestEspFlasherFlash::loaderRateAndReflash()
+{
+    QFETCH(QString, rate);
+    QFETCH(bool, refused);
+    QFETCH(bool, skip);
+    QFETCH(quint32, lineRate);
+    QFETCH(QString, notice);
+
+    startBoard();
+    find<QComboBox>("baudRateCombo")->setCurrentText(rate);
+    if (!skip)
+        find<QCheckBox>("skipUnchangedCheck")->click(); // on by default
+    if (refused) {
+        board().setCommandObserver([this](const VirtualEsp8266::CommandRecord &record) {
+            if (record.opcode == VirtualEsp8266::MemEnd)
+                board().armErrorStatus(1);
+        });
+    }
+    click("comPortConnect");
+    QVERIFY(waitForLog(line(green, "Retrieved chip info")));
+    QCOMPARE(board().baudRate(), 115200u); // the connection itself
+    answerer->answerFile(files.package);
+    QVERIFY(selectScatter());
+    click("flashTool");
+    QVERIFY(awaitNew(finishedFlashing));
+    QCOMPARE(board().baudRate(), lineRate);
+    QCOMPARE(board().counters().commands.value(VirtualEsp8266::ChangeBaudrate),
+             int(rate != "115200"));
+    QCOMPARE(log(mark).filter(QRegularExpression("^" + QString(amber))),
+             notice.isEmpty() ? QStringList() : QStringList{notice});
+
+    // One section changes on the chip: only that one is sent again.
+    const int erases = board().counters().erases.size();
+    board().setFlash(applicationAddress + 0x100, QByteArray(16, '\0'));
+    click("flashTool");
+    QVERIFY(awaitNew(finishedFlashing));
+    // Said right after the firmware's announcement.
+    QCOMPARE(log(mark).indexOf(line(amber, "1 of 1 block(s) of 64 KiB unchanged, nothing written")),
+             skip ? 1 : -1);
+    QStringList written; // the writes that reached the chip, by the regions they erased first
+    for (const VirtualEsp8266::EraseRecord &erase : board().counters().erases.mid(erases))
+        written << QString::number(erase.offset, 16);
+    QCOMPARE(written, skip ? QStringList{"10000"} : (QStringList{"0", "10000"}));
+    QCOMPARE(board().flash(applicationAddress, files.application.size()), files.application);
+}
+
+void TestEspFlasherFlash::imageFile_data()
+{
+    QTest::addColumn<QString>("name");
+    QTest::addColumn<QByteArray>("bytes");
+    // Addresses typed in ("" cancels) and, where a box warns, its title and text (%1: the file).
+    QTest::addColumn<QStringList>("answers");
+    QTest::addColumn<QString>("type"); // with the flash options; "" when nothing is loaded
+    QTest::addColumn<quint32>("address");
+
+    // A firmware header (1 MB, qio, 26 MHz) is kept as it is.
+    QTest::newRow("firmware") << "fw.bin" << firmwareImage(2, 31) << QStringList{"0x0"}
+                              << "Firmware|qio|1Mb|26MHz" << 0u;
+    // 80 MHz has no name that a firmware write keeps: the image goes as it is, as data.
+    QByteArray fast = firmwareImage(4, 35);
+    fast[3] = char(0x4F);
+    QTest::newRow("firmware at 80 MHz")
+        << "fast.bin" << fast << QStringList{"0x0"} << "Application" << 0u;
+    QTest::newRow("data, mistyped address")
+        << "data.BIN" << noiseBytes(0x3000, 32)
+        << QStringList{"0x2g000", "Flash Image|0x2g000 is not an address", " 128kb "}
+        << "Application" << 0x20000u;
+    QTest::newRow("inside a sector, cancelled")
+        << "data.bin" << noiseBytes(0x3000, 33)
+        << QStringList{"0x1800", "Flash Image|0x00001800 is not the start of a 4 KiB flash sector",
+                       ""}
+        << "" << 0u;
+    QTest::newRow("past the end, cancelled")
+        << "data.bin" << noiseBytes(0x2000, 34)
+        << QStringList{"0x3ff000",
+                       "Flash Image|8192 bytes at 0x003ff000 go past the end of the flash "
+                       "(4194304 bytes)",
+                       ""}
+        << "" << 0u;
+    QTest::newRow("empty") << "empty.bin" << QByteArray()
+                           << QStringList{"Select scatter file|%1 is empty"} << "" << 0u;
+}
+
+// A plain image from the file chooser: placed at the address asked for, flashed like a scatter.
+void TestEspFlasherFlash::imageFile()
+{
+    QFETCH(QString, name);
+    QFETCH(QByteArray, bytes);
+    QFETCH(QStringList, answers);
+    QFETCH(QString, type);
+    QFETCH(quint32, address);
+
+    connectAndLoad(files.package);
+    const QString image = writeTestFile(dir->path(), name, bytes);
+    const int asked = answerer->seen.size();
+    answerer->answerFile(image);
+    QStringList expectedModals{"Select scatter file|Packages, Scatter files and Images (*.zip "
+                               "*.txt *.bin)|" +
+                               dir->path()};
+    for (const QString &answer : answers) {
+        if (answer.contains('|')) {
+            answerer->answerBox(QMessageBox::Ok);
+            expectedModals << QString(answer).replace("%1", image);
+            continue;
+        }
+        answerer->answerInput(answer.isEmpty() ? QString() : answer);
+        expectedModals << "Flash Image|Address to write " + name + " at:";
+    }
+    QCOMPARE(selectScatter(), !type.isEmpty());
+    QCOMPARE(answerer->texts(asked), expectedModals);
+    auto *table = find<QTableWidget>("scatterTable");
+    if (type.isEmpty()) { // what was loaded stays
+        QCOMPARE(text("scatterEdit") + QString::number(table->rowCount()), files.package + "2");
+        return;
+    }
+
+    QCOMPARE(text("scatterEdit"), image);
+    QCOMPARE(text("stubEdit"), loaderStubPath()); // no scatter names one: the bundled loader
+    const QTableWidgetItem *kind = table->item(0, 1);
+    QStringList cells{kind->text(), kind->data(Qt::UserRole + 2).toString(),
+                      kind->data(Qt::UserRole + 3).toString(),
+                      kind->data(Qt::UserRole + 4).toString()};
+    cells.removeAll(QString());
+    for (int column : {2, 3, 4})
+        cells << table->item(0, column)->text();
+    QCOMPARE(table->rowCount(), 1);
+    QCOMPARE(cells.join('|'), QString("%1|0x%2|0x%3|%4")
+                                  .arg(type)
+                                  .arg(address, 8, 16, QChar('0'))
+                                  .arg(address + bytes.size(), 8, 16, QChar('0'))
+                                  .arg(name));
+    QCOMPARE(log().filter(line(amber, "The flash options in the header of " + name)).size(),
+             int(QTest::currentDataTag() == QLatin1String("firmware at 80 MHz")));
+
+    click("flashTool");
+    QVERIFY(awaitNew(finishedFlashing));
+    QCOMPARE(board().flash(address, bytes.size()), bytes);
+    // The row's digest is that of the file, so verifying compares with it.
+    trigger("verifyTool", 0);
+    QVERIFY(awaitNew(line(green, "Checksum verified (MD5: " + md5Hex(bytes) + ")")));
 }
 
 QTEST_MAIN(TestEspFlasherFlash)

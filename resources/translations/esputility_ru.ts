@@ -19,7 +19,7 @@
         <translation>Последовательный порт:</translation>
     </message>
     <message>
-        <location line="+23"/>
+        <location line="+26"/>
         <source>Refresh the list of available serial ports</source>
         <translation>Обновить список доступных последовательных портов</translation>
     </message>
@@ -29,8 +29,37 @@
         <translation>Скорость (бод):</translation>
     </message>
     <message>
-        <location line="+44"/>
-        <location filename="../../flasher/espflasher.cpp" line="+338"/>
+        <location line="+10"/>
+        <source>The line rate once the flash loader runs; connecting always starts at 115200 baud</source>
+        <translation>Скорость линии после запуска загрузчика флеш-памяти; подключение всегда начинается на 115200 бод</translation>
+    </message>
+    <message>
+        <location line="+52"/>
+        <source>Reset into boot loader</source>
+        <translation>Сброс в загрузчик</translation>
+    </message>
+    <message>
+        <location line="+3"/>
+        <source>Reset the board into its boot loader through DTR/RTS before connecting, and into the new firmware after an upgrade.
+Turn it off for a board wired to a programming jig that is put into boot mode by hand.</source>
+        <translation>Перед подключением сбрасывать плату в загрузчик через DTR/RTS, а после обновления — в новую прошивку.
+Отключите для платы в программаторе, которую переводят в режим загрузки вручную.</translation>
+    </message>
+    <message>
+        <location line="+11"/>
+        <source>Skip unchanged blocks</source>
+        <translation>Пропускать неизменённые блоки</translation>
+    </message>
+    <message>
+        <location line="+3"/>
+        <source>Compare the flash with the image per 64 KiB block and write only the blocks that differ.
+Turn it off to write everything.</source>
+        <translation>Сравнивать флеш-память с образом блоками по 64 КиБ и записывать только отличающиеся блоки.
+Отключите, чтобы записывать всё.</translation>
+    </message>
+    <message>
+        <location line="+11"/>
+        <location filename="../../flasher/espflasher.cpp" line="+484"/>
         <location line="+34"/>
         <source>Connect</source>
         <translation>Подключить</translation>
@@ -143,12 +172,12 @@ To erase the entire flash, input 0x911 when asked to select the address/size.</s
         <translation>Журнал</translation>
     </message>
     <message>
-        <location filename="../../flasher/espflasher.cpp" line="-179"/>
+        <location filename="../../flasher/espflasher.cpp" line="-201"/>
         <source>Connecting to %1</source>
         <translation>Подключение к %1</translation>
     </message>
     <message>
-        <location line="+24"/>
+        <location line="+40"/>
         <source>Select port</source>
         <translation>Выбор порта</translation>
     </message>
@@ -158,17 +187,17 @@ To erase the entire flash, input 0x911 when asked to select the address/size.</s
         <translation>Порт %1:</translation>
     </message>
     <message>
-        <location filename="../../flasher/flashplan.cpp" line="+331"/>
+        <location filename="../../flasher/flashplan.cpp" line="+333"/>
         <source>Flasher error: </source>
         <translation>Ошибка прошивки: </translation>
     </message>
     <message>
-        <location filename="../../flasher/espflasher.cpp" line="+82"/>
+        <location filename="../../flasher/espflasher.cpp" line="+88"/>
         <source>Unknown command %1 finished</source>
         <translation>Завершилась неизвестная команда %1</translation>
     </message>
     <message>
-        <location filename="../../flasher/flashplan.cpp" line="+26"/>
+        <location filename="../../flasher/flashplan.cpp" line="+41"/>
         <source>UBoot operation %1 (%2) finished with error</source>
         <translation>Операция UBoot %1 (%2) завершилась с ошибкой</translation>
     </message>
@@ -178,12 +207,12 @@ To erase the entire flash, input 0x911 when asked to select the address/size.</s
         <translation>Сбой операции UBoot.</translation>
     </message>
     <message>
-        <location filename="../../flasher/flashplan.cpp" line="-48"/>
+        <location filename="../../flasher/flashplan.cpp" line="-63"/>
         <source>Connected to ESP UBoot via %1</source>
         <translation>Установлено подключение к ESP UBoot через %1</translation>
     </message>
     <message>
-        <location filename="../../flasher/espflasher.cpp" line="+45"/>
+        <location filename="../../flasher/espflasher.cpp" line="+44"/>
         <source>Disconnect</source>
         <translation>Отключить</translation>
     </message>
@@ -193,18 +222,18 @@ To erase the entire flash, input 0x911 when asked to select the address/size.</s
         <translation>Соединение с %1 закрыто</translation>
     </message>
     <message>
-        <location filename="../../flasher/espflasher.cpp" line="-33"/>
-        <location line="+53"/>
+        <location filename="../../flasher/espflasher.cpp" line="-32"/>
+        <location line="+58"/>
         <source>Connection closed.</source>
         <translation>Соединение закрыто.</translation>
     </message>
     <message>
-        <location filename="../../flasher/flashplan.cpp" line="+62"/>
+        <location filename="../../flasher/flashplan.cpp" line="+77"/>
         <source>Chip could not be identified</source>
         <translation>Не удалось определить чип</translation>
     </message>
     <message>
-        <location line="-58"/>
+        <location line="-73"/>
         <source>Retrieved chip info</source>
         <translation>Сведения о чипе получены</translation>
     </message>
@@ -230,13 +259,13 @@ The tool will be closed</source>
         <location line="+12"/>
         <location line="+9"/>
         <location line="+104"/>
-        <location line="+487"/>
+        <location line="+498"/>
         <location line="+10"/>
         <source>Flash Loader</source>
         <translation>Загрузчик флеш-памяти</translation>
     </message>
     <message>
-        <location line="-621"/>
+        <location line="-632"/>
         <location line="+125"/>
         <source>The device is busy. Please try again later.</source>
         <translation>Устройство занято. Повторите попытку позже.</translation>
@@ -277,12 +306,89 @@ The tool will be closed</source>
         <translation>Загрузчик не загрузился</translation>
     </message>
     <message>
-        <location line="+133"/>
+        <location line="+583"/>
+        <source>Packages, Scatter files and Images</source>
+        <translation>Пакеты, файлы разметки и образы</translation>
+    </message>
+    <message>
+        <location line="+62"/>
+        <source>%1 is empty</source>
+        <translation>Файл %1 пуст</translation>
+    </message>
+    <message>
+        <location line="+9"/>
+        <source>An image is written through a flash loader, and none was chosen</source>
+        <translation>Образ записывается через загрузчик флеш-памяти, но загрузчик не выбран</translation>
+    </message>
+    <message>
+        <location line="+37"/>
+        <source>The flash options in the header of %1 have no names that a firmware write keeps; it is written unchanged, as a user application</source>
+        <translation>Для параметров флеш-памяти в заголовке %1 нет названий, которые сохранит запись прошивки; файл записывается без изменений, как пользовательское приложение</translation>
+    </message>
+    <message>
+        <location line="+5"/>
+        <source>Loaded image %1 for 0x%2 as a user application</source>
+        <translation>Загружен образ %1 для адреса 0x%2 как пользовательское приложение</translation>
+    </message>
+    <message>
+        <location line="+1"/>
+        <source>Loaded firmware image %1 for 0x%2 (flash memory size %3, mode %4, frequency %5)</source>
+        <translation>Загружен образ прошивки %1 для адреса 0x%2 (размер флеш-памяти %3, режим %4, частота %5)</translation>
+    </message>
+    <message>
+        <location line="+14"/>
+        <location line="+20"/>
+        <source>Flash Image</source>
+        <translation>Запись образа</translation>
+    </message>
+    <message>
+        <location line="-19"/>
+        <source>Address to write %1 at:</source>
+        <translation>Адрес записи %1:</translation>
+    </message>
+    <message>
+        <location line="+8"/>
+        <source>%1 is not an address</source>
+        <translation>%1 — не адрес</translation>
+    </message>
+    <message>
+        <location line="+2"/>
+        <source>0x%1 is not the start of a 4 KiB flash sector</source>
+        <translation>0x%1 — не начало сектора флеш-памяти размером 4 КиБ</translation>
+    </message>
+    <message>
+        <location line="+2"/>
+        <source>%1 bytes at 0x%2 go past the end of the flash (%3 bytes)</source>
+        <translation>%1 байт по адресу 0x%2 выходят за конец флеш-памяти (%3 байт)</translation>
+    </message>
+    <message>
+        <location line="-876"/>
+        <location line="+235"/>
         <source>Upgrade completed.</source>
         <translation>Обновление завершено.</translation>
     </message>
     <message>
-        <location line="+6"/>
+        <location line="-490"/>
+        <source>Description: %1</source>
+        <translation>Описание: %1</translation>
+    </message>
+    <message>
+        <location line="+2"/>
+        <source>Manufacturer: %1</source>
+        <translation>Производитель: %1</translation>
+    </message>
+    <message>
+        <location line="+2"/>
+        <source>VID:PID: %1:%2</source>
+        <translation>Идентификаторы USB (VID:PID): %1:%2</translation>
+    </message>
+    <message>
+        <location line="+5"/>
+        <source>Serial number: %1</source>
+        <translation>Серийный номер: %1</translation>
+    </message>
+    <message>
+        <location line="+548"/>
         <source>The flashed sections did not match at the end.</source>
         <translation>Записанные разделы в конце не совпали с флеш-памятью.</translation>
     </message>
@@ -314,12 +420,12 @@ The tool will be closed</source>
         <translation>Не удаётся прочитать файл %1 (%2)</translation>
     </message>
     <message>
-        <location line="-491"/>
+        <location line="-502"/>
         <source>Invalid package</source>
         <translation>Недопустимый пакет</translation>
     </message>
     <message>
-        <location line="+138"/>
+        <location line="+149"/>
         <source>Scatter File</source>
         <translation>Файл разметки</translation>
     </message>
@@ -376,12 +482,12 @@ The tool will be closed</source>
         <translation>Область [адрес:размер]:</translation>
     </message>
     <message>
-        <location line="-567"/>
+        <location line="-583"/>
         <source>The connection to %1 was lost</source>
         <translation>Соединение с %1 потеряно</translation>
     </message>
     <message>
-        <location line="+652"/>
+        <location line="+668"/>
         <source>Verify Flash Memory Contents</source>
         <translation>Проверка содержимого флеш-памяти</translation>
     </message>
@@ -397,18 +503,20 @@ The tool will be closed</source>
     </message>
     <message>
         <location line="+84"/>
-        <location line="+18"/>
+        <location line="+20"/>
         <location line="+22"/>
+        <location line="+16"/>
+        <location line="+5"/>
+        <location line="+8"/>
         <source>Select scatter file</source>
         <translation>Выбор файла разметки</translation>
     </message>
     <message>
-        <location line="-39"/>
         <source>Packages and Scatter files</source>
-        <translation>Пакеты и файлы разметки</translation>
+        <translation type="vanished">Пакеты и файлы разметки</translation>
     </message>
     <message>
-        <location line="+54"/>
+        <location line="+99"/>
         <source>Select Flash Loader</source>
         <translation>Выбор загрузчика флеш-памяти</translation>
     </message>
@@ -553,7 +661,7 @@ The tool will be closed</source>
         <translation>Флеш-память стёрта.</translation>
     </message>
     <message>
-        <location line="+23"/>
+        <location line="+38"/>
         <source>Skipping section %1</source>
         <translation>Пропуск секции %1</translation>
     </message>
@@ -664,12 +772,13 @@ The tool will be closed</source>
         <translation>Не удаётся прочитать scatter.txt из пакета %1</translation>
     </message>
     <message>
-        <location line="+8"/>
+        <location filename="../../flasher/espflasher.cpp" line="-387"/>
+        <location filename="../../flasher/scatterloader.cpp" line="+8"/>
         <source>%1 could not be read: %2</source>
         <translation>Не удалось прочитать %1: %2</translation>
     </message>
     <message>
-        <location line="+11"/>
+        <location filename="../../flasher/scatterloader.cpp" line="+11"/>
         <source>%1 package is invalid: %2</source>
         <translation>Пакет %1 некорректен: %2</translation>
     </message>

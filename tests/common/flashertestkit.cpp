@@ -104,6 +104,7 @@ void FlasherTest::initTestCase()
 
 void FlasherTest::init()
 {
+    QSettings().clear(); // each test starts with the settings of a fresh installation
     dir = std::make_unique<QTemporaryDir>();
     answerer = std::make_unique<ModalAnswerer>();
 }
