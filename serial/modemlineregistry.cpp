@@ -7,10 +7,17 @@
 
 namespace {
 
+struct Registration
+{
+    quint64 number = 0;
+    ModemLineRegistry::Setter setter;
+};
+
 struct Registry
 {
     QMutex mutex;
-    QHash<QString, ModemLineRegistry::Setter> setters;
+    QHash<QString, Registration> setters;
+    quint64 lastNumber = 0;
 };
 
 Registry &registry()
@@ -27,11 +34,13 @@ QString key(const QString &path)
 
 } // namespace
 
-void ModemLineRegistry::add(const QString &path, Setter setter)
+quint64 ModemLineRegistry::add(const QString &path, Setter setter)
 {
     Registry &r = registry();
     QMutexLocker lock(&r.mutex);
-    r.setters.insert(key(path), std::move(setter));
+    const quint64 number = ++r.lastNumber;
+    r.setters.insert(key(path), Registration{number, std::move(setter)});
+    return number;
 }
 
 void ModemLineRegistry::remove(const QString &path)
@@ -41,10 +50,20 @@ void ModemLineRegistry::remove(const QString &path)
     r.setters.remove(key(path));
 }
 
+void ModemLineRegistry::remove(const QString &path, quint64 registration)
+{
+    const QString name = key(path);
+    Registry &r = registry();
+    QMutexLocker lock(&r.mutex);
+    const auto found = r.setters.constFind(name);
+    if (found != r.setters.constEnd() && found->number == registration)
+        r.setters.erase(found);
+}
+
 ModemLineRegistry::Setter ModemLineRegistry::find(const QString &path)
 {
     const QString wanted = key(path);
     Registry &r = registry();
     QMutexLocker lock(&r.mutex);
-    return r.setters.value(wanted);
+    return r.setters.value(wanted).setter;
 }

@@ -16,9 +16,12 @@ public:
     using Setter = std::function<void(bool dtrAsserted, bool rtsAsserted)>;
 
     // Registers `setter` for the device at `path` (symbolic links are resolved); replaces an
-    // earlier one.
-    static void add(const QString &path, Setter setter);
+    // earlier one. Returns the registration's number, never 0.
+    static quint64 add(const QString &path, Setter setter);
     static void remove(const QString &path);
+    // Removes the setter only while it is still `registration`: a terminal's name is reused
+    // once it is gone, and the new owner's setter must stay.
+    static void remove(const QString &path, quint64 registration);
     // The setter for `path`, or an empty function.
     static Setter find(const QString &path);
 };

@@ -70,20 +70,6 @@ struct FlashTestFiles
     }
 };
 
-// The board's auto-reset circuit: the host's DTR and RTS reach the chip's GPIO0 and EN.
-class ResetWiring
-{
-public:
-    ResetWiring(VirtualEsp8266 &chip, const QString &port) : port(port)
-    {
-        ModemLineRegistry::add(port, [&chip](bool dtr, bool rts) { chip.setModemLines(dtr, rts); });
-    }
-    ~ResetWiring() { ModemLineRegistry::remove(port); }
-
-private:
-    QString port;
-};
-
 } // namespace
 
 class TestEspFlasherFlash : public FlasherTest
@@ -108,7 +94,6 @@ private slots:
     void imageFile();
 
 private:
-    // A board with its reset circuit, powered up into `powerUp`; a dialog on its port.
     // A board with the auto-reset circuit, powered up into its firmware, or a jig: no reset
     // lines, powered up into the boot loader.
     void startChip(bool jig = false);
@@ -133,7 +118,6 @@ private:
 
     FlashTestFiles files;
     std::unique_ptr<ChipFixture> chip;
-    std::unique_ptr<ResetWiring> wiring;
     int mark = 0;
 };
 
@@ -146,14 +130,10 @@ void TestEspFlasherFlash::init()
 
 void TestEspFlasherFlash::startChip(bool jig)
 {
-    wiring.reset();
-    VirtualEsp8266::Config config;
-    config.powerUpMode =
-        jig ? VirtualEsp8266::BootMode::Download : VirtualEsp8266::BootMode::Firmware;
-    chip = std::make_unique<ChipFixture>(config);
+    chip = std::make_unique<ChipFixture>(VirtualEsp8266::Config(),
+                                         jig ? VirtualBoard::Wiring::Jig
+                                             : VirtualBoard::Wiring::AutoReset);
     QVERIFY(chip->start());
-    if (!jig)
-        wiring = std::make_unique<ResetWiring>(board(), chip->port());
 }
 
 void TestEspFlasherFlash::startBoard(bool jig)
@@ -312,10 +292,8 @@ void TestEspFlasherFlash::failureThenReconnect()
     // The board is reset, or plugged in again under a new name, and found by a new scan.
     board().setCommandObserver(nullptr);
     if (board().vanished()) {
-        wiring.reset();
         board().stop();
-        QVERIFY(chip->start());
-        wiring = std::make_unique<ResetWiring>(board(), chip->port()); // under its new name
+        QVERIFY(chip->start()); // under a new name, its reset lines with it
     } else {
         board().reset();
     }

@@ -60,16 +60,22 @@ struct Session
 const auto ok = [](quint8 opcode) { return ScriptedPeer::success(opcode); };
 
 // Records the modem lines on their way to the chip's reset circuit (in place of the fixture's
-// registration, which the fixture removes when it stops).
+// registration, while it lives).
 struct LineRecorder
 {
-    LineRecorder(VirtualEsp8266 &chip, const QString &port)
+    LineRecorder(VirtualEsp8266 &chip, const QString &port) : port(port)
     {
-        ModemLineRegistry::add(port, [this, &chip](bool dtr, bool rts) {
+        registration = ModemLineRegistry::add(port, [this, &chip](bool dtr, bool rts) {
             changes.append({dtr, rts});
             chip.setModemLines(dtr, rts);
         });
     }
+    ~LineRecorder() { ModemLineRegistry::remove(port, registration); }
+    LineRecorder(const LineRecorder &) = delete;
+    LineRecorder &operator=(const LineRecorder &) = delete;
+
+    const QString port;
+    quint64 registration = 0;
     QVector<QPair<bool, bool>> changes; // (DTR, RTS) as asserted
 };
 

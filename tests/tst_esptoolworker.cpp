@@ -6,6 +6,7 @@
 
 #include "serial/modemlineregistry.h"
 
+#include <QScopeGuard>
 #include <QSerialPort>
 #include <QtTest>
 
@@ -446,11 +447,14 @@ private slots:
         QMutex mutex;
         QVector<QPair<bool, bool>> lines; // (DTR, RTS), set from the worker's thread
         // Recorded on their way to the chip's reset circuit.
-        ModemLineRegistry::add(session.fixture.port(), [&](bool dtr, bool rts) {
-            QMutexLocker lock(&mutex);
-            lines.append({dtr, rts});
-            session.chip().setModemLines(dtr, rts);
-        });
+        const quint64 registration =
+            ModemLineRegistry::add(session.fixture.port(), [&](bool dtr, bool rts) {
+                QMutexLocker lock(&mutex);
+                lines.append({dtr, rts});
+                session.chip().setModemLines(dtr, rts);
+            });
+        const auto unregister =
+            qScopeGuard([&] { ModemLineRegistry::remove(session.fixture.port(), registration); });
         QSignalSpy notices(session.worker, &ESPToolWorker::notice);
         const QVariantMap options{{ESPToolWorker::BaudOption, 921600u}};
         QVERIFY(session.run(Cmd::Connect, {session.fixture.port(), options}).result);
@@ -458,7 +462,7 @@ private slots:
         QCOMPARE(session.chip().baudRate(), 921600u); // once the loader runs
         const QVariantMap reset{{ESPToolWorker::HardResetOption, true}};
         QVERIFY(session.run(Cmd::Disconnect, {reset}).result);
-        ModemLineRegistry::remove(session.fixture.port());
+        ModemLineRegistry::remove(session.fixture.port()); // the board's own lines too
         // The reset into the boot loader, then an EN pulse with GPIO0 released.
         QCOMPARE(lines,
                  (QVector<QPair<bool, bool>>{

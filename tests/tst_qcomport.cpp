@@ -1,5 +1,6 @@
 #include "ptypair.h"
 #include "serial/espcommunicator.h"
+#include "serial/modemlineregistry.h"
 #include "serial/qcomport.h"
 
 #include <QSerialPort>
@@ -41,6 +42,26 @@ private slots:
         QTEST((QList<int>{int(s.baudRate), int(s.parity), int(s.dataBits), int(s.flowControl),
                           int(s.stopBits)}),
               "expected");
+    }
+
+    // A board whose terminal went away removes its reset lines by its registration, so a new
+    // board that got the same name keeps its own.
+    void modemLinesStayWithTheNewOwnerOfAName()
+    {
+        const QString path = QStringLiteral("/dev/esp-utility-test-no-such-port");
+        QString reached;
+        const quint64 first =
+            ModemLineRegistry::add(path, [&](bool, bool) { reached = QStringLiteral("first"); });
+        const quint64 second =
+            ModemLineRegistry::add(path, [&](bool, bool) { reached = QStringLiteral("second"); });
+        QVERIFY(first != 0 && second != first);
+        ModemLineRegistry::remove(path, first);
+        const ModemLineRegistry::Setter setter = ModemLineRegistry::find(path);
+        QVERIFY(setter);
+        setter(true, false);
+        QCOMPARE(reached, QStringLiteral("second"));
+        ModemLineRegistry::remove(path, second);
+        QVERIFY(!ModemLineRegistry::find(path));
     }
 
     void opensPseudoTerminalWithSettings()

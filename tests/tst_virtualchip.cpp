@@ -878,6 +878,13 @@ private slots:
         QVERIFY(m_client->readReg(efuse0) != 0xFFFFFFFF);
         QVERIFY(m_client->readFrame().isEmpty() && m_client->hungUp());
         QVERIFY(m_chip->vanished() && !QFile::exists(path));
+        // The unplugged name is not handed to another terminal while this chip still exists,
+        // even after the client let go of it: a lock the client may still hold stays harmless.
+        m_client.reset();
+        V other;
+        QVERIFY(other.start());
+        QVERIFY2(other.devicePath() != path, qPrintable(path));
+        other.stop();
         // Back on a new terminal with the flash kept.
         m_chip->stop();
         QVERIFY(m_chip->start() && !m_chip->vanished());

@@ -27,13 +27,17 @@ bool VirtualBoard::start()
 {
     if (!m_chip->start())
         return false;
-    if (m_wiring == Wiring::AutoReset && m_registeredPath.isEmpty()) {
+    // A chip that vanished and came back has a new device path: its lines move with it.
+    if (m_wiring == Wiring::AutoReset && m_registeredPath != m_chip->devicePath()) {
+        if (!m_registeredPath.isEmpty())
+            ModemLineRegistry::remove(m_registeredPath, m_registration);
         m_registeredPath = m_chip->devicePath();
         const std::weak_ptr<VirtualEsp8266> chip = m_chip;
-        ModemLineRegistry::add(m_registeredPath, [chip](bool dtrAsserted, bool rtsAsserted) {
-            if (const auto alive = chip.lock())
-                alive->setModemLines(dtrAsserted, rtsAsserted);
-        });
+        m_registration =
+            ModemLineRegistry::add(m_registeredPath, [chip](bool dtrAsserted, bool rtsAsserted) {
+                if (const auto alive = chip.lock())
+                    alive->setModemLines(dtrAsserted, rtsAsserted);
+            });
     }
     return true;
 }
@@ -41,7 +45,7 @@ bool VirtualBoard::start()
 void VirtualBoard::stop()
 {
     if (!m_registeredPath.isEmpty()) {
-        ModemLineRegistry::remove(m_registeredPath);
+        ModemLineRegistry::remove(m_registeredPath, m_registration);
         m_registeredPath.clear();
     }
     m_chip->stop();

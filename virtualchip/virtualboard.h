@@ -39,4 +39,5 @@ private:
     std::shared_ptr<VirtualEsp8266> m_chip;
     const Wiring m_wiring;
     QString m_registeredPath;
+    quint64 m_registration = 0; // ours only while no other board took the name over
 };

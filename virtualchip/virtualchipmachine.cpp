@@ -145,6 +145,7 @@ void VirtualChipMachine::stop()
     m_thread.join();
     std::lock_guard<std::mutex> lock(m_mutex);
     closeTerminal();
+    closeFd(m_slave);
     closeFd(m_wakeRead);
     closeFd(m_wakeWrite);
     m_running = false;
@@ -434,8 +435,10 @@ void VirtualChipMachine::clearLine()
 void VirtualChipMachine::closeTerminal()
 {
     const bool wasOpen = m_master >= 0;
+    // Closing the master unplugs the port: its node goes, the host's side reads EIO. The slave
+    // stays open until stop(), so the kernel does not hand the number to another terminal
+    // while a host may still hold a lock on the old name.
     closeFd(m_master);
-    closeFd(m_slave);
     clearLine();
     if (wasOpen)
         m_vanished = true;

@@ -111,7 +111,7 @@ void FlasherTest::init()
 
 void FlasherTest::cleanup()
 {
-    QCOMPARE(answerer->unexpected, QStringList());
+    QVERIFY2(answerer->unexpected.isEmpty(), qPrintable(answerer->unexpected.join('\n')));
     QCOMPARE(answerer->steps.size(), 0); // every planned answer given
     flasher.reset();                     // the worker lets go of its port before a chip stops
     qputenv(QComPort::extraPortsVariable, savedPorts);
