@@ -1254,9 +1254,13 @@ bool ESPFlasher::on_scatterSelTool_clicked()
     const QString startDir = ui->scatterEdit->text().isEmpty()
                                  ? settings.value(QLatin1String(scatterDirKey)).toString()
                                  : ui->scatterEdit->text();
-    const QString path = QFileDialog::getOpenFileName(
-        this, tr("Select scatter file"), startDir,
-        QStringLiteral("%1 (*.zip *.txt *.bin)").arg(tr("Packages, Scatter files and Images")));
+    // Everything the tool opens is shown at first; the second filter hides plain images.
+    const QString filters =
+        QStringLiteral("%1 (*.zip *.txt *.bin)").arg(tr("Packages, Scatter files and Images")) +
+        QStringLiteral(";;") +
+        QStringLiteral("%1 (*.zip *.txt)").arg(tr("Packages and Scatter files"));
+    const QString path =
+        QFileDialog::getOpenFileName(this, tr("Select scatter file"), startDir, filters);
     if (path.isEmpty())
         return false;
     settings.setValue(QLatin1String(scatterDirKey), QFileInfo(path).absolutePath());

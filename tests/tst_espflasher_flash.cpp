@@ -760,7 +760,7 @@ void TestEspFlasherFlash::imageFile()
     const int asked = answerer->seen.size();
     answerer->answerFile(image);
     QStringList expectedModals{"Select scatter file|Packages, Scatter files and Images (*.zip "
-                               "*.txt *.bin)|" +
+                               "*.txt *.bin),Packages and Scatter files (*.zip *.txt)|" +
                                dir->path()};
     for (const QString &answer : answers) {
         if (answer.contains('|')) {

@@ -134,7 +134,9 @@ void TestEspFlasherScatter::loadsLooseScatter()
     answerer->answerFile(QString());
     QVERIFY(!selectScatter());
     QCOMPARE(answerer->last().text,
-             "Select scatter file|Packages, Scatter files and Images (*.zip *.txt *.bin)|" + dir->path());
+             "Select scatter file|Packages, Scatter files and Images (*.zip *.txt *.bin),Packages "
+             "and Scatter files (*.zip *.txt)|" +
+                 dir->path());
     QCOMPARE(edit("scatterEdit")->text(), path("scatter.json"));
     QCOMPARE(rowCells(table, 1).first(), QStringLiteral("0"));
     QVERIFY(enabled("flashTool"));

@@ -311,7 +311,7 @@ The tool will be closed</source>
         <translation>Пакеты, файлы разметки и образы</translation>
     </message>
     <message>
-        <location line="+62"/>
+        <location line="+66"/>
         <source>%1 is empty</source>
         <translation>Файл %1 пуст</translation>
     </message>
@@ -362,7 +362,7 @@ The tool will be closed</source>
         <translation>%1 байт по адресу 0x%2 выходят за конец флеш-памяти (%3 байт)</translation>
     </message>
     <message>
-        <location line="-876"/>
+        <location line="-880"/>
         <location line="+235"/>
         <source>Upgrade completed.</source>
         <translation>Обновление завершено.</translation>
@@ -502,8 +502,8 @@ The tool will be closed</source>
         <translation>Конечный адрес %1 секции № %2 недопустим</translation>
     </message>
     <message>
-        <location line="+84"/>
-        <location line="+20"/>
+        <location line="+89"/>
+        <location line="+19"/>
         <location line="+22"/>
         <location line="+16"/>
         <location line="+5"/>
@@ -512,11 +512,12 @@ The tool will be closed</source>
         <translation>Выбор файла разметки</translation>
     </message>
     <message>
+        <location line="-72"/>
         <source>Packages and Scatter files</source>
-        <translation type="vanished">Пакеты и файлы разметки</translation>
+        <translation>Пакеты и файлы разметки</translation>
     </message>
     <message>
-        <location line="+99"/>
+        <location line="+171"/>
         <source>Select Flash Loader</source>
         <translation>Выбор загрузчика флеш-памяти</translation>
     </message>
