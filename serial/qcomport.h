@@ -54,6 +54,10 @@ ESPUTILITY_CORE_EXPORT QVector<PortEntry> availablePortEntries();
 // Their names.
 ESPUTILITY_CORE_EXPORT QStringList availableComPorts();
 
+// `path` with symbolic links resolved, or as it is when it does not exist: two names of one
+// device compare equal.
+ESPUTILITY_CORE_EXPORT QString canonicalPortPath(const QString &path);
+
 // The device path that `name` stands for: /dev/ttyUSB0 for ttyUSB0, /dev/ttyUSB0 or an extra
 // path as it is, a symbolic link (/dev/serial/by-id/...) resolved; compared with the
 // enumerated ports and the extra paths. Empty when no listed port matches.
