@@ -104,11 +104,6 @@ QTableWidgetItem *textItem(const QString &text)
     return item;
 }
 
-QString hex8(quint32 value)
-{
-    return QStringLiteral("%1").arg(value, 8, 16, QLatin1Char('0'));
-}
-
 // The first text that the firmware write turns back into `code`; empty when none does.
 QString textForCode(unsigned char code, const QStringList &candidates,
                     unsigned char (*fromString)(const QString &))

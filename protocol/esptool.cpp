@@ -111,11 +111,6 @@ quint32 wordAt(const QByteArray &bytes, int offset)
     return qFromLittleEndian<quint32>(bytes.constData() + offset);
 }
 
-QString hex8(quint32 value)
-{
-    return QStringLiteral("%1").arg(value, 8, 16, QLatin1Char('0'));
-}
-
 ESPTool::SPIFLASH_IDENTIFIER knownChip(const char *name, quint16 device, quint16 sectors)
 {
     ESPTool::SPIFLASH_IDENTIFIER chip;

@@ -22,3 +22,8 @@ QString hexlify(const QByteArray &data, bool upper)
     const QByteArray hex = data.toHex();
     return QString::fromLatin1(upper ? hex.toUpper() : hex);
 }
+
+QString hex8(quint32 value)
+{
+    return QStringLiteral("%1").arg(value, 8, 16, QLatin1Char('0'));
+}

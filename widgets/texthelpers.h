@@ -13,3 +13,6 @@ ESPUTILITY_CORE_EXPORT unsigned int parseUnsignedInteger(const QString &text, bo
 
 // Two hexadecimal digits per byte, no separators; upper case when asked.
 ESPUTILITY_CORE_EXPORT QString hexlify(const QByteArray &data, bool upper);
+
+// Eight lower-case hexadecimal digits, no prefix: how addresses appear in messages.
+ESPUTILITY_CORE_EXPORT QString hex8(quint32 value);

@@ -245,7 +245,7 @@ void ESPToolWorker::doGetInfo()
     QString flashText;
     unsigned int flashSize = 0;
     if (answering())
-        chipId = QStringLiteral("%1").arg(tool->get_chip_id(), 8, 16, QLatin1Char('0'));
+        chipId = hex8(tool->get_chip_id());
     if (answering())
         mac = QString::fromLatin1(tool->get_chip_mac().toHex().toUpper());
     if (answering()) {
