@@ -37,6 +37,16 @@ struct PortEntry
     QString manufacturer;
     quint16 vendorId = 0; // 0 when unknown
     quint16 productId = 0;
+
+    // "10c4:ea60", or empty when the adapter gave no identifiers.
+    QString vendorProduct() const
+    {
+        if (vendorId == 0 && productId == 0)
+            return QString();
+        return QStringLiteral("%1:%2")
+            .arg(vendorId, 4, 16, QLatin1Char('0'))
+            .arg(productId, 4, 16, QLatin1Char('0'));
+    }
 };
 
 // Why a port could not be opened.
