@@ -42,7 +42,6 @@ constexpr unsigned int eraseMsPerMegabyte = 30000;
 constexpr unsigned int md5MsPerMegabyte = 8000;
 
 constexpr int syncAttempts = 4;
-constexpr int syncSurplusAnswers = 6;
 // After connecting, the line counts as settled once no packet arrived for this long (ms).
 constexpr unsigned int lateAnswerQuietMs = 50;
 // A line that keeps chattering cannot hold the connect longer than this (ms).
