@@ -27,3 +27,9 @@ QString hex8(quint32 value)
 {
     return QStringLiteral("%1").arg(value, 8, 16, QLatin1Char('0'));
 }
+
+QString regionText(quint64 start, quint64 end)
+{
+    const QChar zero(QLatin1Char('0'));
+    return QStringLiteral("[0x%1:0x%2]").arg(start, 8, 16, zero).arg(end, 8, 16, zero);
+}
