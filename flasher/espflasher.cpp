@@ -104,11 +104,6 @@ QTableWidgetItem *textItem(const QString &text)
     return item;
 }
 
-QString hex8(quint32 value)
-{
-    return QStringLiteral("%1").arg(value, 8, 16, QLatin1Char('0'));
-}
-
 // The first text that the firmware write turns back into `code`; empty when none does.
 QString textForCode(unsigned char code, const QStringList &candidates,
                     unsigned char (*fromString)(const QString &))
@@ -269,11 +264,8 @@ QString ESPFlasher::portDetails(const QComPort::PortEntry &port)
         lines << tr("Description: %1").arg(port.description);
     if (!port.manufacturer.isEmpty())
         lines << tr("Manufacturer: %1").arg(port.manufacturer);
-    if (port.vendorId != 0 || port.productId != 0) {
-        lines << tr("VID:PID: %1:%2")
-                     .arg(port.vendorId, 4, 16, QLatin1Char('0'))
-                     .arg(port.productId, 4, 16, QLatin1Char('0'));
-    }
+    if (!port.vendorProduct().isEmpty())
+        lines << tr("VID:PID: %1").arg(port.vendorProduct());
     if (!port.serialNumber.isEmpty())
         lines << tr("Serial number: %1").arg(port.serialNumber);
     return lines.join(QLatin1Char('\n'));
