@@ -467,6 +467,12 @@ void ESPFlasher::returnToDisconnected()
     closingAfterUpgrade = false;
     stubLoaded = false;
     close_zip_file();
+    // A read that did not finish saved no scatter file: the table would name region files
+    // that are missing or incomplete, and a flash run would write them to the next board.
+    if (operation == OperationReading) {
+        clearScatterTable();
+        ui->scatterEdit->clear();
+    }
     // Nothing in work goes on: a late result of it must not restart a walk.
     operation = OperationNone;
     sectionIndex = -2;
