@@ -1412,7 +1412,8 @@ bool ESPFlasher::askImageAddress(const QString &path, qint64 size, quint32 *addr
 
 QString ESPFlasher::imageLoader()
 {
-    const QString chosen = ui->stubEdit->text();
+    // With a package open the field names its entry, never a file on this computer.
+    const QString chosen = zip ? QString() : ui->stubEdit->text();
     if (QDir::isAbsolutePath(chosen) && QFileInfo(chosen).isFile())
         return chosen;
     const QString bundled = FlashPlan::defaultLoaderPath();
