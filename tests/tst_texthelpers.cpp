@@ -35,6 +35,14 @@ private slots:
         QCOMPARE(parsed, ok);
         QTEST(parseUnsignedInteger(text), "value"); // the ok pointer is optional
     }
+
+    void hex()
+    {
+        const QByteArray data("\x00\x0a\xff\xc0\xdb", 5);
+        QCOMPARE(hexlify(data, true), QStringLiteral("000AFFC0DB"));
+        QCOMPARE(hexlify(data, false), QStringLiteral("000affc0db"));
+        QCOMPARE(hexlify(QByteArray(), true), QString());
+    }
 };
 
 QTEST_GUILESS_MAIN(TestTextHelpers)

@@ -1,3 +1,4 @@
+#include "widgets/flashtypeselector.h"
 #include "widgets/qautoclosemessagebox.h"
 
 #include "flashertestkit.h"
@@ -14,6 +15,7 @@ class TestWidgets : public QObject
 private slots:
     void countdownPressesDefault_data();
     void countdownPressesDefault();
+    void flashTypeSelector();
 };
 
 void TestWidgets::countdownPressesDefault_data()
@@ -62,6 +64,26 @@ void TestWidgets::countdownPressesDefault()
           "answer");
     QTEST(shown, "texts");
     QCOMPARE(answerer.unexpected, QStringList());
+}
+
+// Both components start enabled and checked; disabling unchecks, enabling again does not check.
+void TestWidgets::flashTypeSelector()
+{
+    FlashTypeSelector selector(nullptr);
+    const auto states = [&selector] {
+        return QStringLiteral("%1%2 %3%4")
+            .arg(selector.firmwareEnabled() ? "enabled" : "disabled",
+                 selector.firmwareChecked() ? " checked" : "",
+                 selector.applicationEnabled() ? "enabled" : "disabled",
+                 selector.applicationChecked() ? " checked" : "");
+    };
+    QCOMPARE(states(), QStringLiteral("enabled checked enabled checked"));
+    selector.setFirmwareEnabled(false);
+    QCOMPARE(states(), QStringLiteral("disabled enabled checked"));
+    selector.setFirmwareEnabled(true);
+    QCOMPARE(states(), QStringLiteral("enabled enabled checked"));
+    selector.setApplicationEnabled(false);
+    QCOMPARE(states(), QStringLiteral("enabled disabled"));
 }
 
 QTEST_MAIN(TestWidgets)
