@@ -842,14 +842,12 @@ private slots:
         // outside that range.
         const quint32 start = offset / sector * sector;
         const quint32 end = (offset + size + sector - 1) / sector * sector;
-        const QByteArray flash = m_chip->flash(0, flashSpan);
-        QCOMPARE(flash.left(int(start)), QByteArray(int(start), untouched));
-        QCOMPARE(flash.mid(int(end)), QByteArray(int(flashSpan - end), untouched));
-        QCOMPARE(flash.mid(int(start), int(offset - start)),
-                 QByteArray(int(offset - start), char(0xFF)));
-        QCOMPARE(flash.mid(int(offset + size), int(end - offset - size)),
-                 QByteArray(int(end - offset - size), char(0xFF)));
+        QByteArray flash = m_chip->flash(0, flashSpan);
         QCOMPARE(flash.mid(int(offset), int(size)) == data, written);
+        QByteArray expected(flashSpan, untouched);
+        expected.replace(int(start), int(end - start), QByteArray(int(end - start), char(0xFF)));
+        QCOMPARE(flash.replace(int(offset), int(size), QByteArray(int(size), char(0xFF))),
+                 expected);
         const auto erases = m_chip->counters().erases;
         QCOMPARE(erases.size(), 1);
         QCOMPARE(int(erases[0].kind), int(V::EraseKind::StubDeflBegin));
