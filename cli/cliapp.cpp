@@ -401,13 +401,8 @@ int CliApp::runPorts()
                                QStringLiteral("MANUFACTURER"), QStringLiteral("VID:PID"),
                                QStringLiteral("SERIAL")}};
     for (const QComPort::PortEntry &entry : ports) {
-        const QString ids = entry.vendorId || entry.productId
-                                ? QStringLiteral("%1:%2")
-                                      .arg(entry.vendorId, 4, 16, QLatin1Char('0'))
-                                      .arg(entry.productId, 4, 16, QLatin1Char('0'))
-                                : none;
-        rows.append({entry.path, orNone(entry.description), orNone(entry.manufacturer), ids,
-                     orNone(entry.serialNumber)});
+        rows.append({entry.path, orNone(entry.description), orNone(entry.manufacturer),
+                     orNone(entry.vendorProduct()), orNone(entry.serialNumber)});
     }
     QVector<int> widths(rows.first().size(), 0);
     for (const QStringList &row : rows) {

@@ -2,17 +2,13 @@
 
 #include "cli/boardcontext.h"
 #include "image/espimageparser.h"
+#include "widgets/texthelpers.h"
 #include "worker/esptoolworker.h"
 
 namespace {
 
 const QString keep = QStringLiteral("keep");
 const QString detect = QStringLiteral("detect");
-
-QString hex8(quint32 value)
-{
-    return QStringLiteral("%1").arg(value, 8, 16, QLatin1Char('0'));
-}
 
 } // namespace
 

@@ -104,11 +104,6 @@ QTableWidgetItem *textItem(const QString &text)
     return item;
 }
 
-QString hex8(quint32 value)
-{
-    return QStringLiteral("%1").arg(value, 8, 16, QLatin1Char('0'));
-}
-
 // The first text that the firmware write turns back into `code`; empty when none does.
 QString textForCode(unsigned char code, const QStringList &candidates,
                     unsigned char (*fromString)(const QString &))
@@ -269,11 +264,8 @@ QString ESPFlasher::portDetails(const QComPort::PortEntry &port)
         lines << tr("Description: %1").arg(port.description);
     if (!port.manufacturer.isEmpty())
         lines << tr("Manufacturer: %1").arg(port.manufacturer);
-    if (port.vendorId != 0 || port.productId != 0) {
-        lines << tr("VID:PID: %1:%2")
-                     .arg(port.vendorId, 4, 16, QLatin1Char('0'))
-                     .arg(port.productId, 4, 16, QLatin1Char('0'));
-    }
+    if (!port.vendorProduct().isEmpty())
+        lines << tr("VID:PID: %1").arg(port.vendorProduct());
     if (!port.serialNumber.isEmpty())
         lines << tr("Serial number: %1").arg(port.serialNumber);
     return lines.join(QLatin1Char('\n'));
@@ -475,6 +467,12 @@ void ESPFlasher::returnToDisconnected()
     closingAfterUpgrade = false;
     stubLoaded = false;
     close_zip_file();
+    // A read that did not finish saved no scatter file: the table would name region files
+    // that are missing or incomplete, and a flash run would write them to the next board.
+    if (operation == OperationReading) {
+        clearScatterTable();
+        ui->scatterEdit->clear();
+    }
     // Nothing in work goes on: a late result of it must not restart a walk.
     operation = OperationNone;
     sectionIndex = -2;
@@ -1414,7 +1412,8 @@ bool ESPFlasher::askImageAddress(const QString &path, qint64 size, quint32 *addr
 
 QString ESPFlasher::imageLoader()
 {
-    const QString chosen = ui->stubEdit->text();
+    // With a package open the field names its entry, never a file on this computer.
+    const QString chosen = zip ? QString() : ui->stubEdit->text();
     if (QDir::isAbsolutePath(chosen) && QFileInfo(chosen).isFile())
         return chosen;
     const QString bundled = FlashPlan::defaultLoaderPath();

@@ -17,11 +17,6 @@ QString dialogText(const char *source)
     return QCoreApplication::translate("ESPFlasher", source);
 }
 
-QString hex8(quint32 value)
-{
-    return QStringLiteral("%1").arg(value, 8, 16, QLatin1Char('0'));
-}
-
 // Key of the tag a final check hands to "flash md5"; the worker returns the tag unchanged.
 const QString finalCheckKey = QStringLiteral("finalCheck");
 

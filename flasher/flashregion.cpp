@@ -12,12 +12,6 @@ namespace {
 // Erases work on whole sectors of this many bytes.
 constexpr quint64 sectorBytes = 4096;
 
-QString regionText(quint64 start, quint64 end)
-{
-    const QChar zero(QLatin1Char('0'));
-    return QStringLiteral("[0x%1:0x%2]").arg(start, 8, 16, zero).arg(end, 8, 16, zero);
-}
-
 bool parseNumber(const QString &text, quint32 *value)
 {
     bool ok = false;

@@ -54,12 +54,6 @@ quint64 extentEnd(const ScatterSection &row, qint64 fileSize)
     return quint64(row.startAddress) + qMax<quint64>(length, quint64(qMax<qint64>(fileSize, 0)));
 }
 
-QString regionText(quint32 start, quint64 end)
-{
-    const QChar zero(QLatin1Char('0'));
-    return QStringLiteral("[0x%1:0x%2]").arg(start, 8, 16, zero).arg(end, 8, 16, zero);
-}
-
 } // namespace
 
 // Where a section's bytes come from: loose files beside the scatter file, or package entries.

@@ -29,14 +29,6 @@
 
 namespace {
 
-void check(bool condition, const char *what)
-{
-    if (!condition) {
-        std::fprintf(stderr, "invariant broken: %s\n", what);
-        std::abort();
-    }
-}
-
 AnswerPeer &peer()
 {
     static AnswerPeer *const instance = [] {

@@ -18,14 +18,6 @@
 
 namespace {
 
-void check(bool condition, const char *what)
-{
-    if (!condition) {
-        std::fprintf(stderr, "invariant broken: %s\n", what);
-        std::abort();
-    }
-}
-
 unsigned char pickCode(FuzzedDataProvider &input)
 {
     // Half of the time "keep the header's value", else any byte (out-of-range codes included).

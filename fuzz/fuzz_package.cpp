@@ -17,14 +17,6 @@
 
 namespace {
 
-void check(bool condition, const char *what)
-{
-    if (!condition) {
-        std::fprintf(stderr, "invariant broken: %s\n", what);
-        std::abort();
-    }
-}
-
 // More entries than any package carries; enough to reach every reader path.
 constexpr int maxEntriesRead = 24;
 

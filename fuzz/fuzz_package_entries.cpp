@@ -40,14 +40,6 @@
 
 namespace {
 
-void check(bool condition, const char *what)
-{
-    if (!condition) {
-        std::fprintf(stderr, "invariant broken: %s\n", what);
-        std::abort();
-    }
-}
-
 const QString chip = QStringLiteral("ESP8266EX / 00a1b2c3");
 
 quint8 next(FuzzedDataProvider &input)
@@ -63,14 +55,6 @@ QByteArray bytesOf(int size, bool zeros, int seed)
             bytes[i] = char((i * 131 + seed * 29) % 251);
     }
     return bytes;
-}
-
-bool writeFile(const QString &path, const QByteArray &bytes)
-{
-    QDir().mkpath(QFileInfo(path).absolutePath());
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly | QIODevice::Truncate) &&
-           file.write(bytes) == bytes.size();
 }
 
 QByteArray readFile(const QString &path)

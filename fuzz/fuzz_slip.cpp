@@ -2,6 +2,7 @@
 // the packets against a plain byte-by-byte reading of the framing rules, that chunking does not
 // matter, and that encoding round-trips both the decoded packets and the raw input.
 
+#include "fuzzsupport.h"
 #include "protocol/espprotocol.h"
 
 #include <QByteArray>
@@ -14,14 +15,6 @@
 #include <cstdlib>
 
 namespace {
-
-void check(bool condition, const char *what)
-{
-    if (!condition) {
-        std::fprintf(stderr, "invariant broken: %s\n", what);
-        std::abort();
-    }
-}
 
 // The framing rules one byte at a time, without shortcuts: the reference for the decoder.
 class ReferenceSlip

@@ -2,6 +2,7 @@
 // from a device. A refused file must leave nothing behind and say why; an accepted one must only
 // hold sections whose bytes and addresses are consistent.
 
+#include "fuzzsupport.h"
 #include "protocol/elfstubimage.h"
 
 #include <QBuffer>
@@ -10,14 +11,6 @@
 #include <cstdlib>
 
 namespace {
-
-void check(bool condition, const char *what)
-{
-    if (!condition) {
-        std::fprintf(stderr, "invariant broken: %s\n", what);
-        std::abort();
-    }
-}
 
 void checkImage(const ElfStubImage &image, bool loaded)
 {

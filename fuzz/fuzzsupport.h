@@ -8,6 +8,11 @@
 void ensureFuzzApplication();
 QString fuzzScratchDir();
 
+// Aborts with `what` on standard error when `condition` is false: the fuzzer records the input.
+void check(bool condition, const char *what);
+// Writes `bytes` to `path`, creating its folder; false when that fails.
+bool writeFile(const QString &path, const QByteArray &bytes);
+
 // The small files that fuzzed scatter documents name, loose and inside the fixture package; the
 // seed generator writes documents whose checksums match them.
 QByteArray scatterFixtureFirmware();

@@ -42,7 +42,6 @@ constexpr unsigned int eraseMsPerMegabyte = 30000;
 constexpr unsigned int md5MsPerMegabyte = 8000;
 
 constexpr int syncAttempts = 4;
-constexpr int syncSurplusAnswers = 6;
 // After connecting, the line counts as settled once no packet arrived for this long (ms).
 constexpr unsigned int lateAnswerQuietMs = 50;
 // A line that keeps chattering cannot hold the connect longer than this (ms).
@@ -100,14 +99,15 @@ QByteArray words(std::initializer_list<quint32> values)
     return bytes;
 }
 
+// The status byte of an answer (0: success), or -1 for a frame too short to carry one.
+int answerStatus(const QByteArray &answer)
+{
+    return answer.size() >= headerSize + 2 ? quint8(answer.at(answer.size() - 2)) : -1;
+}
+
 quint32 wordAt(const QByteArray &bytes, int offset)
 {
     return qFromLittleEndian<quint32>(bytes.constData() + offset);
-}
-
-QString hex8(quint32 value)
-{
-    return QStringLiteral("%1").arg(value, 8, 16, QLatin1Char('0'));
 }
 
 ESPTool::SPIFLASH_IDENTIFIER knownChip(const char *name, quint16 device, quint16 sectors)
@@ -189,25 +189,29 @@ void ESPTool::reportCommandError(int code)
     emit commandError(code);
 }
 
+QByteArray ESPTool::request(Opcode op, const QByteArray &payload)
+{
+    QByteArray packet;
+    packet.reserve(headerSize + payload.size());
+    packet.append(char(0x00));
+    packet.append(char(op));
+    char length[2];
+    qToLittleEndian(quint16(payload.size()), length);
+    packet.append(length, 2);
+    quint32 checksum = 0;
+    const bool dataBlock = op == ESP_FLASH_DATA || op == ESP_MEM_DATA || op == ESP_FLASH_DEFL_DATA;
+    if (dataBlock && payload.size() > dataHeaderSize)
+        checksum = esp_crc(payload.mid(dataHeaderSize));
+    appendWord(packet, checksum);
+    packet.append(payload);
+    return packet;
+}
+
 bool ESPTool::esp_command(Opcode op, const QByteArray &payload, bool waitAnswer,
                           unsigned int timeoutMs)
 {
     if (op != ESP_NO_COMMAND) {
-        QByteArray packet;
-        packet.reserve(headerSize + payload.size());
-        packet.append(char(0x00));
-        packet.append(char(op));
-        char length[2];
-        qToLittleEndian(quint16(payload.size()), length);
-        packet.append(length, 2);
-        quint32 checksum = 0;
-        const bool dataBlock =
-            op == ESP_FLASH_DATA || op == ESP_MEM_DATA || op == ESP_FLASH_DEFL_DATA;
-        if (dataBlock && payload.size() > dataHeaderSize)
-            checksum = esp_crc(payload.mid(dataHeaderSize));
-        appendWord(packet, checksum);
-        packet.append(payload);
-        if (!communicator.write(packet)) {
+        if (!communicator.write(request(op, payload))) {
             reportOperationError(SerialWriteFailed, communicator.errorString());
             return false;
         }
@@ -275,9 +279,7 @@ void ESPTool::sync()
     int succeeded = -1;
     // A refused synchronisation took no effect: it has no surplus answers either, and must not
     // pass for the single answer of a running flash loader.
-    const auto accepted = [this] {
-        return response.size() >= headerSize + 2 && quint8(response.at(response.size() - 2)) == 0;
-    };
+    const auto accepted = [this] { return answerStatus(response) == 0; };
     for (int attempt = 0; attempt < syncAttempts; ++attempt) {
         if (esp_command(ESP_SYNC, frame, true, syncTimeoutMs) && accepted()) {
             succeeded = attempt;
@@ -397,15 +399,7 @@ bool ESPTool::hard_reset()
 
 QByteArray ESPTool::quietCommand(Opcode op, const QByteArray &payload, unsigned int timeoutMs)
 {
-    QByteArray packet;
-    packet.append(char(0x00));
-    packet.append(char(op));
-    char length[2];
-    qToLittleEndian(quint16(payload.size()), length);
-    packet.append(length, 2);
-    appendWord(packet, 0);
-    packet.append(payload);
-    if (!communicator.write(packet))
+    if (!communicator.write(request(op, payload)))
         return QByteArray();
     QElapsedTimer elapsed;
     elapsed.start();
@@ -422,7 +416,7 @@ QByteArray ESPTool::quietCommand(Opcode op, const QByteArray &payload, unsigned 
 bool ESPTool::lineAnswers()
 {
     const QByteArray answer = quietCommand(ESP_READ_REG, words({EFUSE_WORD0}), lineCheckTimeoutMs);
-    return answer.size() >= headerSize + 2 && quint8(answer.at(answer.size() - 2)) == 0;
+    return answerStatus(answer) == 0;
 }
 
 bool ESPTool::switch_baudrate(unsigned int baud)
@@ -433,9 +427,7 @@ bool ESPTool::switch_baudrate(unsigned int baud)
     protocol.flush(true);
     const QByteArray answer =
         quietCommand(ESP_CHANGE_BAUDRATE, words({baud, old}), baudAnswerTimeoutMs);
-    const bool accepted =
-        answer.size() >= headerSize + 2 && quint8(answer.at(answer.size() - 2)) == 0;
-    if (!accepted) {
+    if (answerStatus(answer) != 0) {
         // Ignored or refused: the loader still talks at the old rate.
         if (lineAnswers()) {
             emit notice(QStringLiteral("The board did not switch to %1 baud; staying at %2 baud")
@@ -1160,14 +1152,15 @@ bool ESPTool::write_flash_file(QIODevice *device, const QString &name, bool firm
                                unsigned int address, unsigned char size, unsigned char mode,
                                unsigned char freq)
 {
-    const auto unreadable = [&](const QString &format) {
+    const auto unreadable = [&] {
+        const QString format = firmware ? QStringLiteral("Cannot read firmware from %1: %2")
+                                        : QStringLiteral("Cannot read data from %1: %2");
         reportOperationError(BadRequest, format.arg(name, device ? device->errorString()
                                                                  : QStringLiteral("no device")));
         return false;
     };
     if (!device || !device->seek(0))
-        return unreadable(firmware ? QStringLiteral("Cannot read firmware from %1: %2")
-                                   : QStringLiteral("Cannot read data from %1: %2"));
+        return unreadable();
     // The fit check comes before anything reads the file: a huge file is refused at once.
     const quint64 flashSize = ESPImageParser::flash_size_bytes(size);
     const auto fileSize = quint64(qMax<qint64>(device->size(), 0));
@@ -1186,20 +1179,19 @@ bool ESPTool::write_flash_file(QIODevice *device, const QString &name, bool firm
     if (firmware) {
         parser = std::make_unique<ESPImageParser>();
         if (!parser->load(device, mode, size, freq))
-            return unreadable(QStringLiteral("Cannot read firmware from %1: %2"));
+            return unreadable();
         expected = parser->md5();
     } else {
         expected = get_md5(device);
         if (!device->seek(0))
-            return unreadable(QStringLiteral("Cannot read data from %1: %2"));
+            return unreadable();
     }
 
     bool written = false;
     if (stubRunning) {
         QByteArray image;
         if (!readImage(device, parser.get(), total, &image))
-            return unreadable(firmware ? QStringLiteral("Cannot read firmware from %1: %2")
-                                       : QStringLiteral("Cannot read data from %1: %2"));
+            return unreadable();
         parser.reset();
         // What was read is what the flash must hold: a file that changed meanwhile is caught.
         if (!firmware)
@@ -1394,8 +1386,8 @@ bool ESPTool::writeCompressed(const QByteArray &data, unsigned int address, int 
         static_cast<unsigned int>(quint64(data.size()) * eraseMsPerMegabyte / 1000000);
     const QByteArray answer =
         quietCommand(ESP_FLASH_DEFL_BEGIN, begin, qMax(defaultTimeoutMs, eraseMs));
-    const int answerSize = answer.size();
-    if (answerSize >= headerSize + 2 && quint8(answer.at(answerSize - 2)) == stubInvalidCommand) {
+    const int status = answerStatus(answer);
+    if (status == stubInvalidCommand) {
         deflateRefused = true;
         emit notice(
             QStringLiteral("The flash loader does not take compressed data; writing uncompressed"));
@@ -1407,8 +1399,8 @@ bool ESPTool::writeCompressed(const QByteArray &data, unsigned int address, int 
                                  .arg(uint(ESP_FLASH_DEFL_BEGIN), 2, 16, QLatin1Char('0')));
         return false;
     }
-    if (answerSize < headerSize + 2 || quint8(answer.at(answerSize - 2)) != 0) {
-        reportCommandError(answerSize >= headerSize + 2 ? quint8(answer.at(answerSize - 2)) : 0);
+    if (status != 0) {
+        reportCommandError(qMax(status, 0));
         return false;
     }
 

@@ -224,6 +224,8 @@ private:
     void waitForPacket(unsigned int timeoutMs);
     // Sends a request and waits for its answer without reporting anything: for probes whose
     // failure has a fallback. The answer, or empty.
+    // The framed request for `op`: header, checksum of a data block's data, payload.
+    static QByteArray request(Opcode op, const QByteArray &payload);
     QByteArray quietCommand(Opcode op, const QByteArray &payload, unsigned int timeoutMs);
     // Classic auto-reset into the boot loader; false when the port has no modem lines.
     bool enterBootLoader(unsigned int gpio0HoldMs);

@@ -1,6 +1,7 @@
 #include "modemlineregistry.h"
 
-#include <QFileInfo>
+#include "serial/qcomport.h"
+
 #include <QHash>
 #include <QMutex>
 #include <QMutexLocker>
@@ -26,12 +27,6 @@ Registry &registry()
     return instance;
 }
 
-QString key(const QString &path)
-{
-    const QString canonical = QFileInfo(path).canonicalFilePath();
-    return canonical.isEmpty() ? path : canonical;
-}
-
 } // namespace
 
 quint64 ModemLineRegistry::add(const QString &path, Setter setter)
@@ -39,7 +34,7 @@ quint64 ModemLineRegistry::add(const QString &path, Setter setter)
     Registry &r = registry();
     QMutexLocker lock(&r.mutex);
     const quint64 number = ++r.lastNumber;
-    r.setters.insert(key(path), Registration{number, std::move(setter)});
+    r.setters.insert(QComPort::canonicalPortPath(path), Registration{number, std::move(setter)});
     return number;
 }
 
@@ -47,12 +42,12 @@ void ModemLineRegistry::remove(const QString &path)
 {
     Registry &r = registry();
     QMutexLocker lock(&r.mutex);
-    r.setters.remove(key(path));
+    r.setters.remove(QComPort::canonicalPortPath(path));
 }
 
 void ModemLineRegistry::remove(const QString &path, quint64 registration)
 {
-    const QString name = key(path);
+    const QString name = QComPort::canonicalPortPath(path);
     Registry &r = registry();
     QMutexLocker lock(&r.mutex);
     const auto found = r.setters.constFind(name);
@@ -62,7 +57,7 @@ void ModemLineRegistry::remove(const QString &path, quint64 registration)
 
 ModemLineRegistry::Setter ModemLineRegistry::find(const QString &path)
 {
-    const QString wanted = key(path);
+    const QString wanted = QComPort::canonicalPortPath(path);
     Registry &r = registry();
     QMutexLocker lock(&r.mutex);
     return r.setters.value(wanted).setter;

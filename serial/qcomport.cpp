@@ -39,12 +39,6 @@ bool isExtraPort(const QString &name)
                        [&](const auto &entry) { return entry.name == name; });
 }
 
-QString canonical(const QString &path)
-{
-    const QString resolved = QFileInfo(path).canonicalFilePath();
-    return resolved.isEmpty() ? path : resolved;
-}
-
 uint valueOr(const QHash<QString, QVariant> &settings, const QString &key, uint fallback)
 {
     const auto it = settings.constFind(key);
@@ -88,17 +82,24 @@ QStringList availableComPorts()
     return names;
 }
 
+QString canonicalPortPath(const QString &path)
+{
+    const QString resolved = QFileInfo(path).canonicalFilePath();
+    return resolved.isEmpty() ? path : resolved;
+}
+
 QString resolvePortName(const QString &name)
 {
     if (name.isEmpty())
         return QString();
     // A name without a leading slash may mean a device in /dev (ttyUSB0, pts/3); links
     // (by-id, by-path) name the device they point to.
-    QStringList wanted{canonical(name)};
+    QStringList wanted{canonicalPortPath(name)};
     if (!name.startsWith(QLatin1Char('/')))
-        wanted << canonical(QStringLiteral("/dev/") + name);
+        wanted << canonicalPortPath(QStringLiteral("/dev/") + name);
     for (const PortEntry &entry : availablePortEntries()) {
-        if (entry.name == name || entry.path == name || wanted.contains(canonical(entry.path)))
+        if (entry.name == name || entry.path == name ||
+            wanted.contains(canonicalPortPath(entry.path)))
             return entry.path;
     }
     return QString();
@@ -223,9 +224,9 @@ bool setupComPortFromHash(const QString &portName, const QHash<QString, QVariant
         // A device path or a link to one (/dev/ttyUSB0, /dev/serial/by-id/...) names the same
         // port as its enumeration name.
         if (!found && portName.contains(QLatin1Char('/'))) {
-            const QString wanted = canonical(portName);
+            const QString wanted = canonicalPortPath(portName);
             for (const QSerialPortInfo &info : infos) {
-                if (canonical(info.systemLocation()) == wanted) {
+                if (canonicalPortPath(info.systemLocation()) == wanted) {
                     port.setPort(info);
                     found = true;
                     break;

@@ -37,6 +37,16 @@ struct PortEntry
     QString manufacturer;
     quint16 vendorId = 0; // 0 when unknown
     quint16 productId = 0;
+
+    // "10c4:ea60", or empty when the adapter gave no identifiers.
+    QString vendorProduct() const
+    {
+        if (vendorId == 0 && productId == 0)
+            return QString();
+        return QStringLiteral("%1:%2")
+            .arg(vendorId, 4, 16, QLatin1Char('0'))
+            .arg(productId, 4, 16, QLatin1Char('0'));
+    }
 };
 
 // Why a port could not be opened.
@@ -53,6 +63,10 @@ enum class OpenFailure {
 ESPUTILITY_CORE_EXPORT QVector<PortEntry> availablePortEntries();
 // Their names.
 ESPUTILITY_CORE_EXPORT QStringList availableComPorts();
+
+// `path` with symbolic links resolved, or as it is when it does not exist: two names of one
+// device compare equal.
+ESPUTILITY_CORE_EXPORT QString canonicalPortPath(const QString &path);
 
 // The device path that `name` stands for: /dev/ttyUSB0 for ttyUSB0, /dev/ttyUSB0 or an extra
 // path as it is, a symbolic link (/dev/serial/by-id/...) resolved; compared with the

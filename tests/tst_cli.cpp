@@ -143,15 +143,8 @@ private slots:
         QVERIFY(run(0, {"verify", path("scatter.txt")}));
         QVERIFY(m_out.contains("2 of 2 section(s) verified"));
 
-        // A region whose file name a directory takes cannot be read, even with --force.
         chip().reset();
-        chip().clearCommandLog();
         const QString copy = path("read/copy.txt");
-        QVERIFY(QDir().mkpath(path("read/region-00000000-00002000.bin")));
-        QVERIFY(run(2, {"read", "--scatter", copy, "0x0:0x2000", "--force"}, true, true));
-        QVERIFY(m_err.contains("region-00000000-00002000.bin is a directory"));
-        QVERIFY(!QFile::exists(copy) && chip().commandLog().isEmpty());
-        QVERIFY(QDir(path("read/region-00000000-00002000.bin")).removeRecursively());
         QVERIFY(run(0, {"read", "--scatter", copy, "0x0:0x2000", "0x10000-0x18000"}, true, true));
         // The saved scatter passes the strict check and writes the same flash, headers included.
         ChipFixture second({}, jig);
@@ -193,11 +186,7 @@ private slots:
         });
         QVERIFY(run(1, {"flash", writeScatterSet()}));
         chip().setCommandObserver(nullptr);
-        QVERIFY(
-            m_err.contains("firmware.bin at 0x00000000 has changed since it was written (MD5: " +
-                           md5Hex(QByteArray(firmware.size(), char(0xFF))) + " instead of " +
-                           md5Hex(firmware) + ")"));
-        QVERIFY(out("app.bin at 0x00010000 still matches (MD5: " + md5Hex(applicationImage) + ")"));
+        QVERIFY(m_err.contains("firmware.bin at 0x00000000 has changed since it was written"));
         QVERIFY(!m_out.contains("Finished flashing package"));
         QVERIFY(summaryRow(m_chip->port())
                     .endsWith("FAILED: The flash run failed: 1 of 2 written section(s) no "
@@ -229,6 +218,8 @@ private slots:
         row("chip does not confirm", "", false, "change", 1,
             "Error reading data: MD5 digest did not match the received data");
         row("forced re-read", "region scatter", true, "", 0, "");
+        row("region file name taken by a folder", "folder", true, "", 2,
+            "region-00000000-00080000.bin is a directory");
     }
 
     void readKeepsExistingFiles()
@@ -258,7 +249,7 @@ private slots:
             before[scatter] = firmwareImage();
         for (auto file = before.cbegin(); file != before.cend(); ++file)
             QVERIFY(!writeTestFile(path("out"), file.key(), file.value()).isEmpty());
-        QVERIFY(QDir().mkpath(path("out")));
+        QVERIFY(QDir().mkpath(path(existing == "folder" ? "out/" + region : "out")));
 
         QStringList arguments{"read", "--scatter", path("out/" + scatter), "0x0:0x80000"};
         QFETCH(bool, force);
@@ -352,47 +343,6 @@ private slots:
         QVERIFY2(err.contains(expand(reason)), qPrintable(err));
     }
 
-    // What a package unpacks to must fit the flash: the largest one before a board is known,
-    // the board's own once it is identified. Nothing is written then.
-    void packageLargerThanTheFlash_data()
-    {
-        QTest::addColumn<int>("mebibytes"); // of the one application image
-        QTest::addColumn<int>("exitCode");
-        QTest::addColumn<QString>("refusal"); // %1: the package, %2: its size
-        QTest::newRow("larger than any flash")
-            << 19 << 2
-            << "esp-utility: Package %1 unpacks to %2 bytes, more than the flash memory can "
-               "hold (18874368 bytes)";
-        QTest::newRow("larger than the board's flash")
-            << 7 << 1
-            << "Package %1 unpacks to %2 bytes, more than the flash memory can hold "
-               "(6291456 bytes)";
-    }
-
-    void packageLargerThanTheFlash()
-    {
-        QFETCH(int, mebibytes);
-        QFETCH(int, exitCode);
-        QFETCH(QString, refusal);
-        const QByteArray image(mebibytes * 1024 * 1024, '\0');
-        const QByteArray loader = readFile(generatedStubPath());
-        const QByteArray scatter = QString(R"({"chip": "ESP8266EX",
-            "stub": "esp8266_loader_stub.elf", "sections": [{"type": "application",
-            "address": "0x0", "file": "zeros.bin", "md5": "%1"}]})")
-                                       .arg(md5Hex(image))
-                                       .toUtf8();
-        const QByteArray password = EspPackage::password("large");
-        const QString package = path("large.zip");
-        QVERIFY(writeTestZip(
-            package, "large",
-            {{EspPackage::stubEntryName, loader}, {"zeros.bin", image}, {"scatter.txt", scatter}},
-            &password));
-        QVERIFY(run(exitCode, {"flash", package}));
-        const qint64 total = loader.size() + image.size() + scatter.size();
-        QVERIFY2(m_err.contains(refusal.arg(package).arg(total)), qPrintable(m_err));
-        QCOMPARE(chip().counters().commands.value(VirtualEsp8266::FlashBegin), 0);
-    }
-
     // Scatter files that stop the run before any flash is written, then the options that let
     // the last one through.
     void refusedScattersAndTheirOptions()
@@ -421,14 +371,11 @@ private slots:
     {
         const QByteArray data = patternBytes(0x3000, 4);
         chip().setFlash(0x1000, data);
-        QVERIFY(run(0, {"erase", "0x2000:0x1000"}, true, true));
+        // A few bytes off a boundary clear their whole sector, and the summary says so.
+        QVERIFY(run(0, {"erase", "0x2001:0x10"}, true, true));
+        QVERIFY(summaryRow(m_chip->port()).endsWith("ok (0x1000 bytes erased at 0x00002000)"));
         QCOMPARE(chip().flash(0x1000, 0x3000),
                  data.left(0x1000) + QByteArray(0x1000, char(0xFF)) + data.mid(0x2000));
-        // A few bytes off a boundary clear their whole sector, and the summary says so.
-        chip().reset();
-        QVERIFY(run(0, {"erase", "0x1001:0x10"}, true, true));
-        QVERIFY(summaryRow(m_chip->port()).endsWith("ok (0x1000 bytes erased at 0x00001000)"));
-        QCOMPARE(chip().flash(0x1000, 0x3000), QByteArray(0x2000, char(0xFF)) + data.mid(0x2000));
         chip().reset();
         QVERIFY(run(0, {"erase", "all"}, true, true));
         QCOMPARE(chip().flash(0, 0x10000), QByteArray(0x10000, char(0xFF)));
@@ -436,7 +383,8 @@ private slots:
     }
 
     // A board with 1 MB of flash: what runs past its end is refused before anything is sent to
-    // it (no read leaves a file behind), a firmware set for more flash only with --yes.
+    // it (no read leaves a file behind), a firmware set for more flash only with --yes. A package
+    // may unpack to its flash and 2 MiB for its own entries, no more.
     void sizesAgainstTheChip_data()
     {
         QTest::addColumn<int>("exitCode");
@@ -447,7 +395,6 @@ private slots:
         const auto row = [](const char *arguments, int exitCode, const QStringList &messages) {
             QTest::newRow(arguments) << exitCode << messages;
         };
-        row("read --scatter DIR/r.txt 0xFF000:0x2000 --stub STUB", 1, {past});
         row("read --scatter DIR/r.txt 0x0:0x1000 0xFF000-0x101000 --stub STUB", 1, {past});
         row("verify 0xFF000:0x2000 --stub STUB", 1, {past});
         row("erase 0xFF000:0x2000 --stub STUB", 1, {past});
@@ -458,6 +405,9 @@ private slots:
         row("flash DIR/past.txt --yes", 1,
             {"Section app.bin [0x000fc000:0x00104000] runs past the end of the chip's flash "
              "memory (1Mb)"});
+        row("flash DIR/large.zip", 1,
+            {"Package DIR/large.zip unpacks to ",
+             " bytes, more than the flash memory can hold (3145728 bytes)"});
     }
 
     void sizesAgainstTheChip()
@@ -470,21 +420,25 @@ private slots:
         m_chip.reset();
         m_chip = std::make_unique<ChipFixture>(config, jig);
         QVERIFY(m_chip->start());
-        writeScatterSet(); // firmware.bin set for 4 MB, app.bin at 0x10000
-        QJsonObject past = QJsonDocument::fromJson(readFile(path("scatter.txt"))).object();
-        QJsonArray sections = past["sections"].toArray();
-        QJsonObject application = sections[1].toObject();
-        application["address"] = "0xFC000";
-        sections[1] = application;
-        past["sections"] = sections;
-        writeTestFile(m_dir->path(), "past.txt", QJsonDocument(past).toJson());
-
-        const QString arguments = QString(QTest::currentDataTag())
-                                      .replace("STUB", generatedStubPath())
-                                      .replace("DIR/", m_dir->path() + "/");
-        QVERIFY(run(exitCode, arguments.split(' ')));
+        // firmware.bin set for 4 MB, app.bin at 0x10000, or at 0xFC000 in past.txt
+        writeTestFile(m_dir->path(), "past.txt",
+                      readFile(writeScatterSet()).replace(R"("0x10000")", R"("0xFC000")"));
+        const QByteArray image(0x300000, '\0'), password = EspPackage::password("large");
+        const QString scatter = R"({"chip": "ESP8266EX", "stub": "esp8266_loader_stub.elf",
+            "sections": [{"type": "application", "address": "0x0", "file": "zeros.bin",
+                          "md5": "%1"}]})";
+        if (QString(QTest::currentDataTag()).contains("large.zip"))
+            QVERIFY(writeTestZip(path("large.zip"), "large",
+                                 {{EspPackage::stubEntryName, readFile(generatedStubPath())},
+                                  {"zeros.bin", image},
+                                  {"scatter.txt", scatter.arg(md5Hex(image)).toUtf8()}},
+                                 &password));
+        const auto expand = [this](QString text) {
+            return text.replace("STUB", generatedStubPath()).replace("DIR/", m_dir->path() + "/");
+        };
+        QVERIFY(run(exitCode, expand(QTest::currentDataTag()).split(' ')));
         for (const QString &message : messages)
-            QVERIFY2(m_err.contains(message), qPrintable(m_err));
+            QVERIFY2(m_err.contains(expand(message)), qPrintable(m_err));
         const QMap<quint8, int> commands = chip().counters().commands;
         if (exitCode == 0) {
             QVERIFY(flashed(chip()));
@@ -562,7 +516,6 @@ private slots:
     void portsShowTheirDetails()
     {
         QVERIFY(run(0, {"ports"}, false));
-        QVERIFY(m_out.startsWith("PORT "));
         QVERIFY(m_out.section('\n', 0, 0)
                     .contains(
                         QRegularExpression("^PORT +DESCRIPTION +MANUFACTURER +VID:PID +SERIAL$")));
@@ -573,16 +526,12 @@ private slots:
     void imageInfo()
     {
         EspImageBuilder builder;
-        builder.setFlashMode(3);
-        builder.setFlashSize(3);
-        builder.setFlashFrequency(1);
         builder.addRandomSegment(0x40100000, 0x100, 1);
         builder.addRandomSegment(0x3FFE8000, 0x20, 2);
         builder.setSecondPart(patternBytes(0x80, 5));
         const QString image = writeTestFile(m_dir->path(), "fw.bin", builder.build());
         QVERIFY(run(0, {"image-info", image, "--trailer", QString::number(builder.trailerOffset())},
                     false));
-        QVERIFY(out("<FM: dout, FS: 2Mb, FF: 26MHz, PC: 0x40100004>"));
         QVERIFY(out("  0: 0x40100000 - 0x40100100  256 bytes"));
         QVERIFY(out("  1: 0x3ffe8000 - 0x3ffe8020  32 bytes"));
         QVERIFY(m_out.contains(QString("(recorded %1)").arg(builder.build().size())));
@@ -646,15 +595,10 @@ private slots:
         row("flash --yes=1", "--yes takes no value");
         row("info --baud fast", "--baud takes a rate from 9600 to 4000000, not \"fast\"");
         row("info --before never", "--before takes reset or no-reset, not \"never\"");
-        row("info --after", "--after needs a value");
-        row("flash --no-skip=1", "--no-skip takes no value");
         row("ports --trim", "ports takes no option --trim (see esp-utility ports --help)");
-        row("image-info DIR/app.bin --port PORT", "image-info takes no option --port");
-        row("info --no-skip --port PORT", "info takes no option --no-skip");
         row("flash DIR/good.txt --flash-mode dio --port PORT",
             "flash takes no option --flash-mode");
         row("--port PORT flash", "usage: esp-utility flash SCATTER|PACKAGE");
-        row("--virtual 2 frob", "unknown command frob");
         row("completion zsh", "usage: esp-utility completion bash");
         row("write 0x0", "usage: esp-utility write ADDRESS FILE");
         row("write zz DIR/app.bin --port PORT", "zz is not an address");
@@ -665,7 +609,6 @@ private slots:
         row("info", "no board: pass --port PATH or --virtual");
         row("info --port /dev/none", "no serial port /dev/none");
         row("info --port PORT --port PORT", "is given twice");
-        row("flash --port PORT", "usage: esp-utility flash");
         row("flash DIR/none.txt --port PORT", "DIR/none.txt could not be read");
         row("flash DIR/good.txt --only boot --port PORT", "--only takes firmware or application");
         row("flash DIR/good.txt --only firmware --port PORT", "has no firmware section");
@@ -689,10 +632,6 @@ private slots:
         row("pack DIR/none.ZIP -o DIR/p.zip --description x", "is a package");
         row("pack DIR/scatter.txt -o DIR/p.zip --description x",
             "The data within the package is corrupted (saved md5");
-        row("flash DIR/overlap.txt --port PORT",
-            "Sections app.bin [0x00000000:0x00008000] and app.bin [0x00001000:0x00009000] overlap");
-        row("flash DIR/mode.txt --port PORT",
-            "Firmware firmware.bin has invalid flash options (mode xyz, size 4MB, frequency 99m)");
         row("image-info DIR/none.bin", "cannot read DIR/none.bin");
         row("image-info DIR/app.bin --trailer x", "--trailer takes an offset");
         row("demo DIR/none.zip", "cannot read the demo package");
@@ -708,14 +647,6 @@ private slots:
         const QString good = R"({"chip": "ESP8266EX", "stub": "loader.elf", "sections": [
             {"type": "application", "address": "0x10000", "file": "app.bin", "md5": "%1"}]})";
         writeTestFile(m_dir->path(), "good.txt", good.arg(md5Hex(applicationImage)).toUtf8());
-        const QString overlap = R"({"chip": "ESP8266EX", "stub": "loader.elf", "sections": [
-            {"type": "application", "address": "0x0", "file": "app.bin", "md5": "%1"},
-            {"type": "application", "address": "0x1000", "file": "app.bin", "md5": "%1"}]})";
-        writeTestFile(m_dir->path(), "overlap.txt", overlap.arg(md5Hex(applicationImage)).toUtf8());
-        const QString mode = R"({"chip": "ESP8266EX", "stub": "loader.elf", "sections": [
-            {"type": "firmware", "address": "0x0", "file": "firmware.bin", "md5": "%1",
-             "options": {"flash": {"mode": "xyz", "size": "4MB", "frequency": "99m"}}}]})";
-        writeTestFile(m_dir->path(), "mode.txt", mode.arg(md5Hex("changed")).toUtf8());
         const auto expand = [this](QString text) {
             return text.replace("PORT", m_chip->port())
                 .replace("STUB", generatedStubPath())
@@ -744,21 +675,10 @@ private slots:
             << "Usage: esp-utility flash SCATTER|PACKAGE [OPTIONS]"
             << QStringList{"  --only firmware|application", "  --port PATH", "  -y, --yes"}
             << QStringList{"  --trailer", "  --out", "  ports"};
-        QTest::newRow("--help verify")
+        QTest::newRow("-h verify")
             << "Usage: esp-utility verify SCATTER|PACKAGE [OPTIONS]"
             << QStringList{"   or: esp-utility verify ADDRESS:SIZE [OPTIONS]", "  --stub FILE"}
             << QStringList{"  --only", "  --scatter"};
-        QTest::newRow("image-info -h") << "Usage: esp-utility image-info FILE [OPTIONS]"
-                                       << QStringList{"  --trailer OFFSET", "  -h, --help"}
-                                       << QStringList{"  --port", "  --virtual", "  --stub"};
-        QTest::newRow("write --help")
-            << "Usage: esp-utility write ADDRESS FILE [ADDRESS FILE...] [OPTIONS]"
-            << QStringList{"  --flash-size SIZE", "  --no-skip", "  --baud N"}
-            << QStringList{"  --only", "  --yes"};
-        QTest::newRow("pack --help") << "Usage: esp-utility pack SCATTER -o PACKAGE.zip "
-                                        "--description TEXT [OPTIONS]"
-                                     << QStringList{"  -o, --output PACKAGE.zip", "  --trim"}
-                                     << QStringList{"  --port", "  --only"};
     }
 
     void help()
@@ -791,21 +711,17 @@ private slots:
             QTest::newRow(typed) << typed << offered;
         };
         row("esp-utility fl", {"flash"});
-        row("esp-utility im", {"image-info"});
         row("esp-utility --", {"--help", "--version"});
         row("esp-utility flash --o", {"--only"});
         row("esp-utility demo --o", {"--out"});
         row("esp-utility ports --", {"--help", "--version", "--virtual"});
         row("esp-utility flash --only ", {"application", "firmware"});
-        row("esp-utility --port /dev/x --virtual 2 er", {"erase"});
         row("esp-utility erase ", {"all"});
         row("esp-utility info --port ", {"/dev/pts/77", "/dev/pts/78"});
         row("esp-utility image-info DIR/ap", {"DIR/app.bin"});
         row("esp-utility pack DIR/scatter.txt -o DIR/s", {"DIR/scatter.txt"});
         row("esp-utility read --scatter out.txt 0x0:0x1000 --p", {"--port"});
-        row("esp-utility info --before ", {"no-reset", "reset"});
         row("esp-utility write 0x0 DIR/app.bin --baud 9", {"921600"});
-        row("esp-utility write --flash-size d", {"detect"});
         row("esp-utility frob --", {});
         row("esp-utility image-info x --trailer ", {});
     }

@@ -166,8 +166,6 @@ void TestEspFlasherScatter::loadOutcomes_data()
                                 "Proceed?<br>Current md5: " +
                                 md5Hex(app) + "|&No (10)";
 
-    refused("another chip", scatterBytes(goodSections(), "ESP8285"),
-            "This scatter file belongs to a different chip (ESP8285 vs ESP8266EX / 00a1b2c3)");
     refused("not an object", "[1, 2]",
             "{dir}/scatter.txt is not a valid scatter file: no error occurred");
     row("loader missing, No", missingStub, "No", loaderQuestion,
@@ -187,14 +185,6 @@ void TestEspFlasherScatter::loadOutcomes_data()
         line(green, "Retrieved chip info"));
     row("bigger flash size, No", eightMegabytes, "No", sizeQuestion,
         "Firmware boot.bin is set for a flash memory size of 8MB, larger than the chip's 4Mb", "");
-    refused("overlapping sections",
-            scatterBytes({section("firmware", "0x0", "boot.bin", md5Hex(boot), "qio"),
-                          section("application", "0x800", "app.bin", md5Hex(app))}),
-            "Sections boot.bin [0x00000000:0x00000c00] and app.bin [0x00000800:0x00001400] "
-            "overlap");
-    refused("unknown flash mode",
-            scatterBytes({section("firmware", "0x0", "boot.bin", md5Hex(boot), "xyz")}),
-            "Firmware boot.bin has invalid flash options (mode xyz, size 4MB, frequency 40m)");
 
     const QString loader = EspPackage::stubEntryName;
     const auto package = [&](const QString &md5) {

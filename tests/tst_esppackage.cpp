@@ -208,30 +208,11 @@ private slots:
         QCOMPARE(m_log, expected);
     }
 
-    // Each failing step logs one error, its reason after the text.
-    void writerFailures()
-    {
-        const auto expectFailure = [this](const QString &target, const QString &stub,
-                                          const QString &prefix) {
-            EspPackageWriter packer = writer();
-            QVERIFY(!((target.isEmpty() || packer.open(target)) && packer.addStub(path(stub)) &&
-                      packer.addSection(row(ScatterSection::Application, 0, "none.bin"),
-                                        m_dir.path(), true)));
-            QCOMPARE(m_log, QStringList("E:" + packer.lastError()));
-            QVERIFY2(packer.lastError().startsWith(prefix), qPrintable(packer.lastError()));
-        };
-        const QString noDir = path("no/dir/p.zip"), zip = path("f.zip");
-        expectFailure(noDir, "stub.elf", "File " + noDir + " is not writable: ");
-        expectFailure(zip, "none.elf", "Stub file could not be copied: ");
-        expectFailure(zip, "stub.elf", "File " + path("none.bin") + " could not be copied: ");
-        expectFailure(QString(), "stub.elf", "No package is open for writing");
-    }
-
-    // Refused or failed packing changes nothing on disk: the sources and a previous package
-    // stay as they were, and no temporary file is left.
+    // Refused or failed packing logs one error and changes nothing on disk: the sources and a
+    // previous package stay as they were, and no temporary file is left.
     void failedPackingChangesNothing_data()
     {
-        QTest::addColumn<QString>("target");
+        QTest::addColumn<QString>("target"); // empty: not opened
         QTest::addColumn<QString>("loader");
         QTest::addColumn<QStringList>("sections");
         QTest::addColumn<QString>("error"); // {dir}: the folder
@@ -254,6 +235,11 @@ private slots:
             "its own esp8266_loader_stub.elf under that name");
         row("missing section file", "p.zip", "stub.elf", {"a/app.bin", "none.bin"},
             "File {dir}/none.bin could not be copied: No such file or directory");
+        row("missing loader", "p.zip", "none.elf", {},
+            "Stub file could not be copied: No such file or directory");
+        row("target folder missing", "no/dir/p.zip", "stub.elf", {},
+            "File {dir}/no/dir/p.zip is not writable: No such file or directory");
+        row("not opened", "", "stub.elf", {}, "No package is open for writing");
     }
 
     void failedPackingChangesNothing()
@@ -286,9 +272,9 @@ private slots:
         QVector<ScatterSection> rows;
         for (const QString &file : sections)
             rows << row(ScatterSection::Application, 0x1000 * rows.size(), file);
-        QVERIFY(packer.open(dir.filePath(target)));
-        QVERIFY(!(packer.addStub(dir.filePath(loader)) && packer.addSections(rows, dir, false) &&
-                  packer.finish(chipDescription)));
+        const bool opened = target.isEmpty() || packer.open(dir.filePath(target));
+        QVERIFY(!(opened && packer.addStub(dir.filePath(loader)) &&
+                  packer.addSections(rows, dir, false) && packer.finish(chipDescription)));
         QCOMPARE(m_log, QStringList("E:" + error.replace("{dir}", dir.path())));
         QCOMPARE(contents(), before);
     }

@@ -4,14 +4,13 @@
 #include "tools/imagegen/espimagebuilder.h"
 #include "worker/esptoolworker.h"
 
-#include "serial/modemlineregistry.h"
-
-#include <QScopeGuard>
 #include <QSerialPort>
 #include <QtTest>
 
 // The worker: parameter checks, then in its own thread against the virtual ESP8266. Whole-chip
-// erase and verification are covered end to end by the dialog's tests.
+// erase, verification, connect options, resets, unopenable and unplugged ports are covered end
+// to end by the dialog's tests; reads that fail by the command line's; the ROM loader's writes by
+// the protocol client's.
 Q_DECLARE_METATYPE(VirtualEsp8266::Config)
 
 namespace {
@@ -195,111 +194,28 @@ private slots:
                                              "(fast), or frequency (80m) is invalid"});
         QVERIFY(outcome.result);
         QCOMPARE(session.chip().flash(0x40000, quint32(image.size())), withHeader(image, 1, 0x50));
-        // A read into a file that cannot be written sends nothing.
+        // A read hands back the digest the chip confirmed; one into a file that cannot be
+        // written, or into a device it would replace, sends nothing.
+        const QString copy = m_dir.filePath("copy.bin");
+        outcome = session.run(Cmd::ReadData, {copy, 0x10000u, uint(app.size())});
+        QCOMPARE(outcome.results, QVariantList{ESPTool::get_data_md5(app)});
+        QFile read(copy);
+        QVERIFY(read.open(QIODevice::ReadOnly));
+        QCOMPARE(read.readAll(), app);
         const QString unwritable = m_dir.filePath("no-such-dir/read.bin");
         QFile probe(unwritable);
         QVERIFY(!probe.open(QIODevice::WriteOnly));
         session.chip().clearCommandLog();
-        outcome = session.run(Cmd::ReadData, {unwritable, 0u, 0x1000u});
-        QVERIFY(!outcome.result);
-        QCOMPARE(outcome.errors, QStringList{"Invalid parameters: cannot write to " + unwritable +
-                                             " (" + probe.errorString() + ")"});
+        for (const auto &[target, reason] :
+             {qMakePair(unwritable, probe.errorString()),
+              qMakePair(QString("/dev/null"), QString("not a regular file"))}) {
+            outcome = session.run(Cmd::ReadData, {target, 0u, 0x1000u});
+            QVERIFY(!outcome.result);
+            QCOMPARE(outcome.errors, QStringList{"Invalid parameters: cannot write to " + target +
+                                                 " (" + reason + ")"});
+        }
         QCOMPARE(session.chip().commandLog().size(), 0);
         QVERIFY(session.run(Cmd::Disconnect).result);
-    }
-
-    // A read replaces its target only with data whose MD5 the chip confirmed. Otherwise the
-    // command fails, the previous file stays as it was and nothing is left beside it.
-    void readReplacesOnlyAConfirmedFile_data()
-    {
-        QTest::addColumn<QString>("fault");
-        QTest::addColumn<QString>("error"); // the first error() text starts so; empty: none
-        const QString mismatch = "Error reading data: MD5 digest did not match the received data";
-        QTest::newRow("confirmed") << ""
-                                   << "";
-        QTest::newRow("flash changes under the read") << "change" << mismatch;
-        // Whichever fails first: sending an acknowledgement or waiting for data.
-        QTest::newRow("port vanishes mid-read") << "vanish"
-                                                << "esptool failed: ";
-        QTest::newRow("target is no regular file")
-            << "device"
-            << "Invalid parameters: cannot write to /dev/null (not a regular file)";
-    }
-
-    void readReplacesOnlyAConfirmedFile()
-    {
-        QFETCH(QString, fault);
-        QFETCH(QString, error);
-        QTemporaryDir folder;
-        const QByteArray previous = "a good backup";
-        const QString target =
-            fault == "device" ? "/dev/null" : writeTestFile(folder.path(), "region.bin", previous);
-        const QByteArray flash = EspImageBuilder::pseudoRandomBytes(0x80000, 71);
-        Session session;
-        session.chip().setFlash(0x100000, flash);
-        QVERIFY(session.start());
-        session.chip().setCommandObserver([&](const VirtualEsp8266::CommandRecord &record) {
-            if (record.opcode != VirtualEsp8266::ReadFlash)
-                return;
-            if (fault == "change") // the first block is on its way already
-                session.chip().setFlash(0x100000, "changed");
-            else if (fault == "vanish") // after a few acknowledgements
-                session.chip().armVanishAfterBytes(40);
-        });
-        const auto outcome = session.run(Cmd::ReadData, {target, 0x100000u, 0x80000u});
-        QCOMPARE(outcome.result, error.isEmpty());
-        QCOMPARE(outcome.errors.value(0).left(error.size()), error);
-        if (fault == "device")
-            return;
-        QFile file(target);
-        QVERIFY(file.open(QIODevice::ReadOnly));
-        QCOMPARE(file.readAll(), error.isEmpty() ? flash : previous);
-        QCOMPARE(outcome.results,
-                 error.isEmpty() ? QVariantList{ESPTool::get_data_md5(flash)} : QVariantList());
-        QCOMPARE(QDir(folder.path()).entryList(QDir::Files), QStringList{"region.bin"});
-    }
-
-    void romLoaderWrites_data()
-    {
-        QTest::addColumn<bool>("firmware");
-        QTest::addColumn<uint>("address");
-        QTest::addColumn<int>("size");
-        QTest::addColumn<uint>("erased");
-        // The ROM erases n + min(16 - start sector mod 16, n) sectors for a request of n, so the
-        // requests are made smaller, and an odd count takes two: exactly the sectors written.
-        QTest::newRow("data across a 64 KiB boundary") << false << 0x2F400u << 0x1C00 << 0x2000u;
-        QTest::newRow("firmware off a boundary") << true << 0x41000u << 9000 << 0x3000u;
-    }
-
-    void romLoaderWrites()
-    {
-        QFETCH(bool, firmware);
-        QFETCH(uint, address);
-        QFETCH(int, size);
-        const QByteArray source = firmware ? firmwareImage(size, address)
-                                           : EspImageBuilder::pseudoRandomBytes(size, address);
-        // The size code given is 4 MB, the mode and frequency are kept.
-        const QByteArray expected = firmware ? withHeader(source, 1, 0x41) : source;
-        const QString path = saveFile("rom.bin", source);
-        Session session;
-        // Old contents of all zero bits: whatever the ROM leaves unerased shows.
-        session.chip().setFlash(address / 0x1000 * 0x1000, QByteArray(0x10000, '\0'));
-        QVERIFY(session.start(false));
-        const auto outcome =
-            firmware ? session.run(Cmd::WriteFirmware, {path, address, "4MB", "", "keep"})
-                     : session.run(Cmd::WriteData, {path, address, "4MB"});
-        // The ROM loader cannot report the MD5 that ends every write: the write ends false.
-        QVERIFY(!outcome.result);
-        QCOMPARE(outcome.errors.last(),
-                 toolError("MD5 checksum is not supported by the ROM loader", 3));
-        QCOMPARE(outcome.errors.size(), firmware ? 2 : 1); // and the warning about the texts
-        QCOMPARE(session.chip().counters().commands.value(VirtualEsp8266::FlashData),
-                 (expected.size() + 0x3FF) / 0x400);
-        QFETCH(uint, erased); // from the start of the first sector
-        const int before = int(address % 0x1000), after = int(erased) - before - expected.size();
-        QCOMPARE(session.chip().flash(address - before, 0x10000),
-                 QByteArray(before, char(0xFF)) + expected + QByteArray(after, char(0xFF)) +
-                     QByteArray(0x10000 - int(erased), '\0'));
     }
 
     void refusedFiles_data()
@@ -438,99 +354,6 @@ private slots:
         QVERIFY(session.run(Cmd::WriteData, {path, 0x40000u, "4MB"}).result);
         QCOMPARE(board.chip().flash(0x40000, quint32(data.size())), data);
         QCOMPARE(session.errors.size(), 1);
-    }
-
-    void connectOptionsAndHardReset()
-    {
-        Session session;
-        QVERIFY(session.fixture.start());
-        QMutex mutex;
-        QVector<QPair<bool, bool>> lines; // (DTR, RTS), set from the worker's thread
-        // Recorded on their way to the chip's reset circuit.
-        const quint64 registration =
-            ModemLineRegistry::add(session.fixture.port(), [&](bool dtr, bool rts) {
-                QMutexLocker lock(&mutex);
-                lines.append({dtr, rts});
-                session.chip().setModemLines(dtr, rts);
-            });
-        const auto unregister =
-            qScopeGuard([&] { ModemLineRegistry::remove(session.fixture.port(), registration); });
-        QSignalSpy notices(session.worker, &ESPToolWorker::notice);
-        const QVariantMap options{{ESPToolWorker::BaudOption, 921600u}};
-        QVERIFY(session.run(Cmd::Connect, {session.fixture.port(), options}).result);
-        QVERIFY(session.run(Cmd::LoadStub, {generatedStubPath()}).result);
-        QCOMPARE(session.chip().baudRate(), 921600u); // once the loader runs
-        const QVariantMap reset{{ESPToolWorker::HardResetOption, true}};
-        QVERIFY(session.run(Cmd::Disconnect, {reset}).result);
-        ModemLineRegistry::remove(session.fixture.port()); // the board's own lines too
-        // The reset into the boot loader, then an EN pulse with GPIO0 released.
-        QCOMPARE(lines,
-                 (QVector<QPair<bool, bool>>{
-                     {false, true}, {true, false}, {false, false}, {false, true}, {false, false}}));
-        QTRY_COMPARE(session.chip().loaderState(), VirtualEsp8266::LoaderState::Firmware);
-        QCOMPARE(notices.count(), 0);
-        QCOMPARE(session.errors, QStringList());
-
-        // Without the registry entry the pseudo-terminal has no modem lines: one notice per
-        // connection, and a loader that was not reset is found running.
-        session.chip().reset(); // into its boot loader, as a jig holds it
-        for (int connection = 0; connection < 2; ++connection) {
-            QVERIFY(session.run(Cmd::Connect, {session.fixture.port()}).result);
-            QVERIFY(session.run(Cmd::LoadStub, {generatedStubPath()}).result);
-            QVERIFY(session.run(Cmd::Disconnect, {reset}).result);
-        }
-        const QString notReset =
-            "The board is not reset: " + session.fixture.port() + " has no modem lines (DTR/RTS)";
-        QCOMPARE(notices.count(), 3);
-        QCOMPARE(notices.at(0).first().toString(), notReset);
-        QCOMPARE(notices.at(1).first().toString(), notReset);
-        QVERIFY(notices.at(2).first().toString().contains("already running"));
-        QVERIFY(session.chip().stubRunning());
-    }
-
-    void connectToAPortThatCannotBeOpened_data()
-    {
-        QTest::addColumn<QString>("port");
-        QTest::addColumn<QString>("reason");
-        QTest::newRow("missing") << "/dev/nonexistent-port"
-                                 << "no such port";
-        QTest::newRow("regular file") << "file"
-                                      << "not a serial device";
-    }
-
-    void connectToAPortThatCannotBeOpened()
-    {
-        QFETCH(QString, port);
-        QFETCH(QString, reason);
-        if (port == "file") {
-            port = saveFile("not-a-port", "x");
-            qputenv("ESP_UTILITY_EXTRA_PORTS", port.toLocal8Bit());
-        }
-        Session session;
-        const auto outcome = session.run(Cmd::Connect, {port});
-        qunsetenv("ESP_UTILITY_EXTRA_PORTS");
-        QVERIFY(!outcome.result);
-        // One line with the reason, and the failure stands for the commands that follow.
-        QCOMPARE(outcome.errors,
-                 QStringList{"Cannot open " + port + ": " + reason +
-                             (reason == "no such port" ? " (is the board plugged in?)" : "")});
-        QVERIFY(!session.run(Cmd::Disconnect).result);
-        QCOMPARE(session.errors.size(), 1);
-    }
-
-    // A port that goes away between commands is reported once (one that goes away during a
-    // command fails that command instead, above); a disconnect says nothing.
-    void portLostBetweenCommands()
-    {
-        Session session;
-        QVERIFY(session.start(false));
-        QVERIFY(session.run(Cmd::Disconnect).result);
-        QVERIFY(session.run(Cmd::Connect, {session.fixture.port()}).result);
-        QCOMPARE(session.lost, QStringList());
-        session.chip().vanishNow();
-        QVERIFY(QTest::qWaitFor([&] { return !session.lost.isEmpty(); }, 5000));
-        QVERIFY(!session.run(Cmd::GetInfo).result);
-        QCOMPARE(session.lost.size(), 1);
     }
 
     void commandsQueuedRightAfterConnect_data()

@@ -236,26 +236,23 @@ private slots:
         QTest::addColumn<uint>("detected");
         QTest::addColumn<QString>("answer");
         QTest::addColumn<QString>("result"); // the error, or "loads"
-        QTest::newRow("size unknown") << "firmware 0 fw.bin" << 0u << ""
-                                      << "loads";
-        QTest::newRow("as big as the chip") << "firmware 0 fw.bin" << 0x400000u << ""
-                                            << "loads";
-        QTest::newRow("bigger, confirmed") << "firmware 0 fw.bin" << 0x100000u << "Yes"
-                                           << "loads";
-        QTest::newRow("bigger, declined")
-            << "firmware 0 fw.bin" << 0x100000u << "No"
-            << "Firmware fw.bin is set for a flash memory size of 4MB, larger than the chip's 1Mb";
-        QTest::newRow("past the chip's end is not asked about")
-            << "firmware 0 fw.bin | application 0xFFF00 app.bin" << 0x100000u << ""
-            << "Section app.bin [0x000fff00:0x001002e8] runs past the end of the chip's flash "
-               "memory (1Mb)";
-        QTest::newRow("application sized by the chip alone")
-            << "application 0xFFF00 app.bin" << 0x100000u << ""
-            << "Section app.bin [0x000fff00:0x001002e8] runs past the end of its flash memory "
-               "size 1Mb";
-        QTest::newRow("a template is not checked")
-            << "firmware 0 fw.bin | application 0xFFF00 app.bin" << 0x100000u << ""
-            << "";
+        const auto row = [](const char *name, const char *sections, uint detected,
+                            const char *answer, const QString &result = "loads") {
+            QTest::newRow(name) << sections << detected << answer << result;
+        };
+        const char *const twoSections = "firmware 0 fw.bin | application 0xFFF00 app.bin";
+        row("size unknown", "firmware 0 fw.bin", 0, "");
+        row("as big as the chip", "firmware 0 fw.bin", 0x400000, "");
+        row("bigger, confirmed", "firmware 0 fw.bin", 0x100000, "Yes");
+        row("bigger, declined", "firmware 0 fw.bin", 0x100000, "No",
+            "Firmware fw.bin is set for a flash memory size of 4MB, larger than the chip's 1Mb");
+        row("past the chip's end is not asked about", twoSections, 0x100000, "",
+            "Section app.bin [0x000fff00:0x001002e8] runs past the end of the chip's flash "
+            "memory (1Mb)");
+        row("application sized by the chip alone", "application 0xFFF00 app.bin", 0x100000, "",
+            "Section app.bin [0x000fff00:0x001002e8] runs past the end of its flash memory "
+            "size 1Mb");
+        row("a template is not checked", twoSections, 0x100000, "", "");
     }
 
     void againstTheChip()

@@ -22,3 +22,14 @@ QString hexlify(const QByteArray &data, bool upper)
     const QByteArray hex = data.toHex();
     return QString::fromLatin1(upper ? hex.toUpper() : hex);
 }
+
+QString hex8(quint32 value)
+{
+    return QStringLiteral("%1").arg(value, 8, 16, QLatin1Char('0'));
+}
+
+QString regionText(quint64 start, quint64 end)
+{
+    const QChar zero(QLatin1Char('0'));
+    return QStringLiteral("[0x%1:0x%2]").arg(start, 8, 16, zero).arg(end, 8, 16, zero);
+}

@@ -13,3 +13,8 @@ ESPUTILITY_CORE_EXPORT unsigned int parseUnsignedInteger(const QString &text, bo
 
 // Two hexadecimal digits per byte, no separators; upper case when asked.
 ESPUTILITY_CORE_EXPORT QString hexlify(const QByteArray &data, bool upper);
+
+// Eight lower-case hexadecimal digits, no prefix: how addresses appear in messages.
+ESPUTILITY_CORE_EXPORT QString hex8(quint32 value);
+// "[0x00001000:0x00002000]": a half-open range of flash addresses in messages.
+ESPUTILITY_CORE_EXPORT QString regionText(quint64 start, quint64 end);

@@ -245,7 +245,7 @@ void ESPToolWorker::doGetInfo()
     QString flashText;
     unsigned int flashSize = 0;
     if (answering())
-        chipId = QStringLiteral("%1").arg(tool->get_chip_id(), 8, 16, QLatin1Char('0'));
+        chipId = hex8(tool->get_chip_id());
     if (answering())
         mac = QString::fromLatin1(tool->get_chip_mac().toHex().toUpper());
     if (answering()) {
@@ -335,22 +335,16 @@ void ESPToolWorker::doReadData(const QVariantList &params)
     QByteArray chipDigest;
     tool->read_flash(params.at(1).toUInt(), params.at(2).toUInt(), &received, &chipDigest);
 
-    if (!received.writeError().isEmpty()) {
+    QString problem;
+    if (!received.writeError().isEmpty())
+        problem = QStringLiteral("Error reading data: cannot save %1 (%2)")
+                      .arg(path, received.writeError());
+    else if (chipDigest.isEmpty() || chipDigest != received.md5())
+        problem = QStringLiteral("Error reading data: MD5 digest did not match the received data");
+    if (!problem.isEmpty() || failed) {
         file.cancelWriting();
-        emit error(QStringLiteral("Error reading data: cannot save %1 (%2)")
-                       .arg(path, received.writeError()));
-        emit finished(false, ReadData, {});
-        return;
-    }
-    if (chipDigest.isEmpty() || chipDigest != received.md5()) {
-        file.cancelWriting();
-        emit error(
-            QStringLiteral("Error reading data: MD5 digest did not match the received data"));
-        emit finished(false, ReadData, {});
-        return;
-    }
-    if (failed) {
-        file.cancelWriting();
+        if (!problem.isEmpty())
+            emit error(problem);
         emit finished(false, ReadData, {});
         return;
     }

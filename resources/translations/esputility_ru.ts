@@ -59,7 +59,7 @@ Turn it off to write everything.</source>
     </message>
     <message>
         <location line="+11"/>
-        <location filename="../../flasher/espflasher.cpp" line="+484"/>
+        <location filename="../../flasher/espflasher.cpp" line="+476"/>
         <location line="+34"/>
         <source>Connect</source>
         <translation>Подключить</translation>
@@ -187,7 +187,7 @@ To erase the entire flash, input 0x911 when asked to select the address/size.</s
         <translation>Порт %1:</translation>
     </message>
     <message>
-        <location filename="../../flasher/flashplan.cpp" line="+333"/>
+        <location filename="../../flasher/flashplan.cpp" line="+328"/>
         <source>Flasher error: </source>
         <translation>Ошибка прошивки: </translation>
     </message>
@@ -368,7 +368,7 @@ The tool will be closed</source>
         <translation>Обновление завершено.</translation>
     </message>
     <message>
-        <location line="-490"/>
+        <location line="-487"/>
         <source>Description: %1</source>
         <translation>Описание: %1</translation>
     </message>
@@ -379,11 +379,11 @@ The tool will be closed</source>
     </message>
     <message>
         <location line="+2"/>
-        <source>VID:PID: %1:%2</source>
-        <translation>Идентификаторы USB (VID:PID): %1:%2</translation>
+        <source>VID:PID: %1</source>
+        <translation>Идентификаторы USB (VID:PID): %1</translation>
     </message>
     <message>
-        <location line="+5"/>
+        <location line="+2"/>
         <source>Serial number: %1</source>
         <translation>Серийный номер: %1</translation>
     </message>
