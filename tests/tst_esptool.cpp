@@ -305,10 +305,33 @@ private slots:
             expected += {{false, true}, {true, false}, {false, false}};
         QCOMPARE(lines, expected);
         QCOMPARE(notices.count(), 0);
-        if (!session.tool.isConnected() || session.tool.isFailed())
+        if (!session.tool.isConnected() || session.tool.isFailed()) {
             QCOMPARE(session.tool.connectFailure(), ESPTool::ConnectFailure::SyncUnanswered);
-        else
-            QVERIFY(!session.tool.isStubRunning() && session.lineIsClean());
+            return;
+        }
+        QVERIFY(!session.tool.isStubRunning() && session.lineIsClean());
+        // After the job: an EN pulse with GPIO0 released starts the firmware.
+        lines.clear();
+        QVERIFY(session.tool.hard_reset());
+        QCOMPARE(lines, (QVector<QPair<bool, bool>>{{false, true}, {false, false}}));
+        QTRY_COMPARE(session.chip().loaderState(), VirtualEsp8266::LoaderState::Firmware);
+        QCOMPARE(session.tool.read_reg(efuseWord0), 0xFFFFFFFFu); // the firmware does not answer
+    }
+
+    void portWithoutModemLines()
+    {
+        Session session({}, VirtualBoard::Wiring::Jig);
+        QVERIFY(session.fixture.start());
+        QSignalSpy notices(&session.tool, &ESPTool::notice);
+        QSignalSpy errors(&session.tool, &ESPTool::operationError);
+        // A pseudo-terminal has no DTR/RTS: the reset is skipped, said once, and the board in
+        // boot mode is reached all the same, its boot message notwithstanding.
+        QVERIFY(session.tool.esp_connect(session.fixture.port(), throughReset()));
+        QVERIFY(!session.tool.hard_reset());
+        QCOMPARE(notices.count(), 1);
+        QVERIFY(notices.first().first().toString().contains("no modem lines"));
+        QCOMPARE(errors.count(), 0);
+        QVERIFY(session.lineIsClean());
     }
 
     void reconnectToRunningLoader()
