@@ -18,12 +18,25 @@ namespace {
 constexpr unsigned int efuseWord0 = 0x3FF00050;
 using Reply = ScriptedPeer::Reply;
 
-QStringList texts(const QSignalSpy &spy)
+// The texts of operationError (its second argument) or of notice (its first).
+QStringList texts(const QSignalSpy &spy, int argument = 1)
 {
     QStringList result;
     for (const QList<QVariant> &call : spy)
-        result << call.at(1).toString();
+        result << call.at(argument).toString();
     return result;
+}
+
+// Progress in image bytes: never going back, complete at the end.
+bool progressComplete(const QSignalSpy &progress, int total)
+{
+    int last = 0;
+    for (const QList<QVariant> &call : progress) {
+        if (call.at(0).toInt() != total || call.at(1).toInt() < last)
+            return false;
+        last = call.at(1).toInt();
+    }
+    return last == total;
 }
 
 ESPTool::ConnectOptions throughReset()
@@ -57,31 +70,14 @@ struct Session
     ESPTool tool; // destroyed before the chip
 };
 
-const auto ok = [](quint8 opcode) { return ScriptedPeer::success(opcode); };
-
-// Records the modem lines on their way to the chip's reset circuit (in place of the fixture's
-// registration, while it lives).
-struct LineRecorder
+bool write(ESPTool &tool, QByteArray image, quint32 address)
 {
-    LineRecorder(VirtualEsp8266 &chip, const QString &port) : port(port)
-    {
-        registration = ModemLineRegistry::add(port, [this, &chip](bool dtr, bool rts) {
-            changes.append({dtr, rts});
-            chip.setModemLines(dtr, rts);
-        });
-    }
-    ~LineRecorder() { ModemLineRegistry::remove(port, registration); }
-    LineRecorder(const LineRecorder &) = delete;
-    LineRecorder &operator=(const LineRecorder &) = delete;
+    QBuffer buffer(&image);
+    return buffer.open(QIODevice::ReadOnly) &&
+           tool.write_flash_file(&buffer, "image.bin", false, address, 4, 0, 0);
+}
 
-    const QString port;
-    quint64 registration = 0;
-    QVector<QPair<bool, bool>> changes; // (DTR, RTS) as asserted
-};
-
-using Lines = QVector<QPair<bool, bool>>;
-// The classic sequence: EN low, then EN released with GPIO0 low, then GPIO0 released.
-const Lines bootSequence{{false, true}, {true, false}, {false, false}};
+const auto ok = [](quint8 opcode) { return ScriptedPeer::success(opcode); };
 
 QByteArray dataOf(const QVector<VirtualEsp8266::EraseRecord> &erases)
 {
@@ -210,10 +206,8 @@ private slots:
                 record.opcode == VirtualEsp8266::FlashDeflData)
                 chip.setFlash(0x20000, "X");
         });
-        QByteArray data(0x1000, 'd');
-        QBuffer buffer(&data);
-        QVERIFY(buffer.open(QIODevice::ReadOnly));
-        QVERIFY(!session.tool.write_flash_file(&buffer, "data.bin", false, 0x20000, 4, 0, 0));
+        const QByteArray data(0x1000, 'd');
+        QVERIFY(!write(session.tool, data, 0x20000));
         QCOMPARE(texts(errors).mid(4), // after the refusals alone
                  QStringList{"Flashing failed: incorrect MD5 (saved " + md5Hex(data) +
                              " vs returned " + md5Hex("X" + data.mid(1)) + ")"});
@@ -296,24 +290,30 @@ private slots:
         config.gpio0SampleDelayMs = bootHoldMs;
         Session session(config); // powered up into its firmware
         QVERIFY(session.fixture.start());
-        LineRecorder circuit(session.chip(), session.fixture.port());
+        QVector<QPair<bool, bool>> lines; // (DTR, RTS) on their way to the chip's reset circuit
+        const QString port = session.fixture.port();
+        const quint64 registration = ModemLineRegistry::add(port, [&](bool dtr, bool rts) {
+            lines.append({dtr, rts});
+            session.chip().setModemLines(dtr, rts);
+        });
+        const auto unregister = qScopeGuard([&] { ModemLineRegistry::remove(port, registration); });
         QSignalSpy notices(&session.tool, &ESPTool::notice);
-        QTEST(session.tool.esp_connect(session.fixture.port(), throughReset()), "connected");
-        Lines expected;
+        QTEST(session.tool.esp_connect(port, throughReset()), "connected");
+        // Each try: EN low, then EN released with GPIO0 low, then GPIO0 released.
+        QVector<QPair<bool, bool>> expected;
         for (int i = 0; i < sequences; ++i)
-            expected += bootSequence;
-        QCOMPARE(circuit.changes, expected);
+            expected += {{false, true}, {true, false}, {false, false}};
+        QCOMPARE(lines, expected);
         QCOMPARE(notices.count(), 0);
         if (!session.tool.isConnected() || session.tool.isFailed()) {
             QCOMPARE(session.tool.connectFailure(), ESPTool::ConnectFailure::SyncUnanswered);
             return;
         }
-        QVERIFY(!session.tool.isStubRunning());
-        QVERIFY(session.lineIsClean());
+        QVERIFY(!session.tool.isStubRunning() && session.lineIsClean());
         // After the job: an EN pulse with GPIO0 released starts the firmware.
-        circuit.changes.clear();
+        lines.clear();
         QVERIFY(session.tool.hard_reset());
-        QCOMPARE(circuit.changes, (Lines{{false, true}, {false, false}}));
+        QCOMPARE(lines, (QVector<QPair<bool, bool>>{{false, true}, {false, false}}));
         QTRY_COMPARE(session.chip().loaderState(), VirtualEsp8266::LoaderState::Firmware);
         QCOMPARE(session.tool.read_reg(efuseWord0), 0xFFFFFFFFu); // the firmware does not answer
     }
@@ -354,15 +354,9 @@ private slots:
         QVERIFY(session.tool.esp_connect(session.fixture.port(), throughReset()));
         QVERIFY(!session.tool.isStubRunning());
         QCOMPARE(session.chip().loaderState(), VirtualEsp8266::LoaderState::RomLoader);
-    }
-
-    // A refused synchronisation is no answer of a running loader: the retry finds the ROM.
-    void refusedSyncIsNoRunningLoader()
-    {
-        Session session;
-        QVERIFY(session.fixture.start());
+        // A refused synchronisation is no answer of a running loader: the retry finds the ROM.
         session.chip().armErrorStatus(1);
-        QSignalSpy notices(&session.tool, &ESPTool::notice);
+        notices.clear();
         QVERIFY(session.tool.esp_connect(session.fixture.port(), throughReset()));
         QVERIFY(!session.tool.isStubRunning());
         QCOMPARE(notices.count(), 0);
@@ -393,10 +387,10 @@ private slots:
         QVERIFY(session.tool.switch_baudrate(921600));
         QCOMPARE(session.chip().baudRate(), baud);
         QVERIFY(session.tool.portInfo().endsWith(QStringLiteral("@%1").arg(baud)));
-        QCOMPARE(notices.count(), fault.isEmpty() ? 0 : 1);
-        if (!fault.isEmpty())
-            QCOMPARE(notices.first().first().toString(),
-                     "The board did not switch to 921600 baud; staying at 115200 baud");
+        QCOMPARE(texts(notices, 0), fault.isEmpty()
+                                        ? QStringList()
+                                        : QStringList{"The board did not switch to 921600 baud; "
+                                                      "staying at 115200 baud"});
         QCOMPARE(errors.count(), 0);
         QVERIFY(!session.tool.isFailed());
         QVERIFY(session.lineIsClean());
@@ -432,20 +426,10 @@ private slots:
         session.chip().clearCounters();
         for (const auto &[address, bytes] :
              {qMakePair(0x40000u, first), qMakePair(0x80123u, second)}) {
-            QByteArray copy = bytes;
-            QBuffer buffer(&copy);
-            QVERIFY(buffer.open(QIODevice::ReadOnly));
             progress.clear();
-            QVERIFY(session.tool.write_flash_file(&buffer, "app.bin", false, address, 4, 0, 0));
+            QVERIFY(write(session.tool, bytes, address));
             QCOMPARE(session.chip().flash(address, quint32(bytes.size())), bytes);
-            // Progress in image bytes, never going back, complete at the end.
-            int last = 0;
-            for (const QList<QVariant> &call : progress) {
-                QCOMPARE(call.at(0).toInt(), bytes.size());
-                QVERIFY(call.at(1).toInt() >= last);
-                last = call.at(1).toInt();
-            }
-            QCOMPARE(last, bytes.size());
+            QVERIFY(progressComplete(progress, bytes.size()));
         }
         QCOMPARE(errors.count(), 0);
         const auto &commands = session.chip().counters().commands;
@@ -454,16 +438,16 @@ private slots:
         if (loaderTakesThem) {
             QCOMPARE(commands.value(VirtualEsp8266::FlashData), 0);
             QVERIFY2(sent < total / 2, qPrintable(QString::number(sent)));
-            QCOMPARE(notices.count(), 0);
         } else {
             // Refused once; the second write does not ask again.
             QCOMPARE(commands.value(VirtualEsp8266::FlashDeflBegin), 1);
             QCOMPARE(commands.value(VirtualEsp8266::FlashDeflData), 0);
             QVERIFY2(sent > total, qPrintable(QString::number(sent)));
-            QCOMPARE(notices.count(), 1);
-            QCOMPARE(notices.first().first().toString(),
-                     "The flash loader does not take compressed data; writing uncompressed");
         }
+        QCOMPARE(texts(notices, 0),
+                 loaderTakesThem ? QStringList()
+                                 : QStringList{"The flash loader does not take compressed data; "
+                                               "writing uncompressed"});
         QVERIFY(session.lineIsClean());
     }
 
@@ -520,13 +504,9 @@ private slots:
         const QByteArray firmware = EspImageBuilder::pseudoRandomBytes(9248, 6);
         for (const auto &[address, bytes] :
              {qMakePair(0x3000u, application), qMakePair(0u, firmware)}) {
-            QByteArray copy = bytes;
-            QBuffer buffer(&copy);
-            QVERIFY(buffer.open(QIODevice::ReadOnly));
             session.chip().clearCounters();
             // The ROM cannot check the MD5 of what it wrote; that is its only complaint.
-            QCOMPARE(session.tool.write_flash_file(&buffer, "part.bin", false, address, 4, 0, 0),
-                     loader);
+            QCOMPARE(write(session.tool, bytes, address), loader);
         }
         const QString noMd5 = "MD5 checksum is not supported by the ROM loader";
         // (each time followed by the mismatch against the missing digest)
@@ -547,10 +527,7 @@ private slots:
         // A lone sector cannot be erased exactly by the ROM: refused before anything is erased.
         if (!loader) {
             session.chip().clearCounters();
-            QByteArray small(100, 's');
-            QBuffer buffer(&small);
-            QVERIFY(buffer.open(QIODevice::ReadOnly));
-            QVERIFY(!session.tool.write_flash_file(&buffer, "small.bin", false, 0x5000, 4, 0, 0));
+            QVERIFY(!write(session.tool, QByteArray(100, 's'), 0x5000));
             QVERIFY(texts(errors).value(0).startsWith(
                 "The ROM loader cannot erase the single sector at 0x00005000"));
             QVERIFY(session.chip().counters().erases.isEmpty());
@@ -578,32 +555,20 @@ private slots:
         QFETCH(int, changedAt);
         Session session;
         QVERIFY(session.start(true));
-        QByteArray image = EspImageBuilder::pseudoRandomBytes(0x40000, 8);
+        const QByteArray image = EspImageBuilder::pseudoRandomBytes(0x40000, 8);
         session.chip().setFlash(0x100000, image);
         if (changedAt >= 0)
             session.chip().setFlash(0x100000 + changedAt, QByteArray(4096, 'x'));
         session.tool.setSkipUnchanged(skip);
-        QBuffer buffer(&image);
-        QVERIFY(buffer.open(QIODevice::ReadOnly));
         session.chip().clearCounters();
         QSignalSpy notices(&session.tool, &ESPTool::notice);
         QSignalSpy progress(&session.tool, &ESPTool::operationProgress);
-        QVERIFY(session.tool.write_flash_file(&buffer, "app.bin", false, 0x100000, 4, 0, 0));
+        QVERIFY(write(session.tool, image, 0x100000));
         QCOMPARE(session.chip().flash(0x100000, 0x40000), image);
         QTEST(dataOf(session.chip().counters().erases), "erases");
         QFETCH(QString, notice);
-        QStringList noticeTexts;
-        for (const QList<QVariant> &call : notices)
-            noticeTexts << call.first().toString();
-        QCOMPARE(noticeTexts.contains(notice), !notice.isEmpty());
-        // Progress counts image bytes, skipped ones included, and never goes back.
-        int last = 0;
-        for (const QList<QVariant> &call : progress) {
-            QCOMPARE(call.at(0).toInt(), 0x40000);
-            QVERIFY(call.at(1).toInt() >= last);
-            last = call.at(1).toInt();
-        }
-        QCOMPARE(last, 0x40000);
+        QCOMPARE(texts(notices, 0).contains(notice), !notice.isEmpty());
+        QVERIFY(progressComplete(progress, 0x40000)); // skipped bytes count too
     }
 
     void spiCommandCompletionPolling()

@@ -8,6 +8,7 @@
 
 #include <QtTest>
 
+#include <atomic>
 #include <fcntl.h>
 #include <memory>
 #include <optional>
@@ -40,6 +41,22 @@ QByteArray words(std::initializer_list<quint32> values)
 QByteArray begin(quint32 offset, quint32 size, quint32 blockSize)
 {
     return words({size, (size + blockSize - 1) / blockSize, blockSize, offset});
+}
+
+// One request of a scripted exchange: opcode, checksum byte, payload.
+QByteArray step(quint8 opcode, const QByteArray &payload, quint8 checksum = 0)
+{
+    return QByteArray(1, char(opcode)) + char(checksum) + payload;
+}
+
+// A data block (FLASH_DATA, FLASH_DEFL_DATA, MEM_DATA) with its header; `damage` spoils the
+// checksum.
+QByteArray dataStep(quint8 opcode, const QByteArray &data, quint32 sequence, quint8 damage = 0)
+{
+    quint8 sum = 0xEF;
+    for (const char c : data)
+        sum ^= quint8(c);
+    return step(opcode, words({quint32(data.size()), sequence, 0, 0}) + data, sum ^ damage);
 }
 
 struct Answer
@@ -76,13 +93,9 @@ public:
         return sendPacket(QByteArray(1, 0) + char(opcode) + char(size) + char(size >> 8) +
                           words({sum}) + payload);
     }
-    // FLASH_DATA / MEM_DATA with its data header and checksum.
-    bool sendData(quint8 opcode, const QByteArray &data, quint32 sequence)
+    bool send(const QByteArray &step)
     {
-        quint8 sum = 0xEF;
-        for (const char c : data)
-            sum ^= quint8(c);
-        return sendCommand(opcode, words({quint32(data.size()), sequence, 0, 0}) + data, sum);
+        return sendCommand(quint8(step[0]), step.mid(2), quint8(step[1]));
     }
     // The next complete frame, unescaped; empty when none arrives in time. Plain RFC 1055 on
     // whole frames: bytes outside a frame are skipped, every escape byte starts a valid pair or
@@ -91,27 +104,21 @@ public:
     {
         const QDeadlineTimer deadline(timeoutMs);
         for (;;) {
-            while (m_decoded < m_wire.size()) {
-                const bool delimiter = m_wire[m_decoded++] == '\xC0';
-                if (!m_inFrame) {
-                    m_inFrame = delimiter;
-                    m_frameStart = m_decoded;
-                    continue;
-                }
-                if (!delimiter)
-                    continue;
-                const QByteArray raw = m_wire.mid(m_frameStart, m_decoded - 1 - m_frameStart);
-                m_frameStart = m_decoded;
-                if (raw.isEmpty())
-                    continue;
-                m_inFrame = false;
-                const QByteArray frame =
-                    QByteArray(raw).replace("\xDB\xDC", "\xC0").replace("\xDB\xDD", "\xDB");
-                if (raw.size() - frame.size() == raw.count('\xDB'))
-                    return frame;
+            int start = m_wire.indexOf('\xC0', m_decoded);
+            while (start >= 0 && m_wire.mid(start + 1, 1) == "\xC0")
+                ++start;
+            const int end = start < 0 ? -1 : m_wire.indexOf('\xC0', start + 1);
+            if (end < 0) {
+                if (!receive(deadline))
+                    return QByteArray();
+                continue;
             }
-            if (!receive(deadline))
-                return QByteArray();
+            m_decoded = end + 1;
+            const QByteArray raw = m_wire.mid(start + 1, end - start - 1);
+            const QByteArray frame =
+                QByteArray(raw).replace("\xDB\xDC", "\xC0").replace("\xDB\xDD", "\xDB");
+            if (raw.size() - frame.size() == raw.count('\xDB'))
+                return frame;
         }
     }
     // Drops what arrives until the line has been quiet for `quietMs`, as a host drains its
@@ -120,7 +127,6 @@ public:
     {
         while (receive(QDeadlineTimer(quietMs))) {
         }
-        m_inFrame = false;
         const QByteArray dropped = m_wire.mid(m_decoded);
         m_decoded = m_wire.size();
         return dropped;
@@ -155,7 +161,7 @@ public:
     {
         const quint32 size = quint32(code.size());
         return command(V::MemBegin, begin(loaderAddress, size, size)).status() == ok &&
-               sendData(V::MemData, code, 0) && readAnswer().status() == ok &&
+               send(dataStep(V::MemData, code, 0)) && readAnswer().status() == ok &&
                command(V::MemEnd, words({0, loaderAddress})).status() == ok &&
                readFrame() == "OHAI";
     }
@@ -178,25 +184,8 @@ private:
     int m_fd = -1;
     QByteArray m_wire;
     int m_decoded = 0; // bytes of m_wire already run through the decoder
-    bool m_inFrame = false;
-    int m_frameStart = 0;
     bool m_hungUp = false;
 };
-
-// One request of a scripted exchange: opcode, checksum byte, payload.
-QByteArray step(quint8 opcode, const QByteArray &payload, quint8 checksum = 0)
-{
-    return QByteArray(1, char(opcode)) + char(checksum) + payload;
-}
-
-// A data block (FLASH_DATA, FLASH_DEFL_DATA) with its header; `damage` spoils the checksum.
-QByteArray dataStep(quint8 opcode, const QByteArray &data, quint32 sequence, quint8 damage = 0)
-{
-    quint8 sum = 0xEF;
-    for (const char c : data)
-        sum ^= quint8(c);
-    return step(opcode, words({quint32(data.size()), sequence, 0, 0}) + data, sum ^ damage);
-}
 
 // A zlib stream (header + deflate data) of `data`.
 QByteArray zlibStream(const QByteArray &data)
@@ -372,7 +361,7 @@ private slots:
         QFETCH(int, state);
         QVERIFY(startChip());
         QCOMPARE(m_client->command(V::MemBegin, begin(loaderAddress, 0x100, 0x1800)).status(), ok);
-        QVERIFY(m_client->sendData(V::MemData, pattern(0x100, 4), 0));
+        QVERIFY(m_client->send(dataStep(V::MemData, pattern(0x100, 4), 0)));
         QCOMPARE(m_client->readAnswer().status(), ok);
         const Answer end = m_client->command(V::MemEnd, words({execute, entry}));
         QCOMPARE(end.opcode, quint8(V::MemEnd));
@@ -585,26 +574,51 @@ private slots:
 
     void gpio0SampleDelay_data()
     {
-        QTest::addColumn<bool>("heldUntilBoot"); // DTR kept asserted until the chip booted
+        QTest::addColumn<int>("heldMs"); // GPIO0 kept low after EN rose; -1: until the chip booted
+        QTest::addColumn<bool>("busy");  // a command holds the chip's thread meanwhile
         QTest::addColumn<int>("bootMode");
-        QTest::newRow("GPIO0 released right after EN") << false << int(V::BootMode::Firmware);
-        QTest::newRow("GPIO0 held until the boot") << true << int(V::BootMode::Download);
+        QTest::newRow("GPIO0 released right after EN") << 0 << false << int(V::BootMode::Firmware);
+        QTest::newRow("GPIO0 held until the boot") << -1 << false << int(V::BootMode::Download);
+        QTest::newRow("chip busy: GPIO0 still read at its time")
+            << 400 << true << int(V::BootMode::Download);
     }
 
     void gpio0SampleDelay()
     {
-        QFETCH(bool, heldUntilBoot);
+        QFETCH(int, heldMs);
+        QFETCH(bool, busy);
         V::Config config;
         config.gpio0SampleDelayMs = 300;
         QVERIFY(startChip(config));
         m_client->discardInput(); // power-up messages
+        // Holds the chip's thread at the first record it hands over; shared with the observer,
+        // which may run on after this function.
+        struct Hold
+        {
+            QSemaphore reached, release;
+            std::atomic_bool taken{false};
+        };
+        const auto hold = std::make_shared<Hold>();
+        const auto unblock = qScopeGuard([hold] { hold->release.release(); });
+        if (busy) {
+            m_chip->setCommandObserver([hold](const V::CommandRecord &) {
+                if (!hold->taken.exchange(true)) {
+                    hold->reached.release();
+                    hold->release.acquire();
+                }
+            });
+            QVERIFY(m_client->sendCommand(V::Sync, syncPayload));
+            QVERIFY(hold->reached.tryAcquire(1, 5000));
+        }
         m_chip->setModemLines(false, true);
         m_chip->setModemLines(true, false);
         QCOMPARE(m_chip->resetCount(), 0); // GPIO0 not read yet: silent
-        QVERIFY(m_client->discardInput().isEmpty());
-        if (heldUntilBoot)
+        QVERIFY(busy || m_client->discardInput().isEmpty());
+        if (heldMs < 0)
             QTRY_COMPARE(m_chip->resetCount(), 1);
+        QThread::msleep(ulong(qMax(heldMs, 0)));
         m_chip->setModemLines(false, false);
+        hold->release.release();
         QTRY_COMPARE(m_chip->resetCount(), 1);
         QTEST(int(m_chip->bootMode()), "bootMode");
     }
@@ -616,30 +630,6 @@ private slots:
         QVERIFY(m_client->sendCommand(V::ReadReg, words({0x00C000DB}), 0xC0));
         QVERIFY(m_client->readAnswer().valid);
         QCOMPARE(m_chip->commandLog().last().wireBytes, 2 + 12 + 3);
-    }
-
-    void gpio0ReadAtItsTimeWhenTheChipIsBusy()
-    {
-        V::Config config;
-        config.gpio0SampleDelayMs = 30;
-        QVERIFY(startChip(config));
-        // The command observer holds the chip's thread while the host runs the whole sequence.
-        QSemaphore observing;
-        QSemaphore release;
-        m_chip->setCommandObserver([&](const V::CommandRecord &) {
-            observing.release();
-            release.acquire();
-        });
-        QVERIFY(m_client->sendCommand(V::Sync, syncPayload));
-        QVERIFY(observing.tryAcquire(1, 5000));
-        m_chip->setModemLines(false, true);
-        m_chip->setModemLines(true, false);
-        QThread::msleep(80); // GPIO0 is read meanwhile, still low
-        m_chip->setModemLines(false, false);
-        release.release();
-        m_chip->setCommandObserver({});
-        QCOMPARE(m_chip->resetCount(), 1);
-        QCOMPARE(int(m_chip->bootMode()), int(V::BootMode::Download));
     }
 
     void resetLines()
@@ -842,7 +832,7 @@ private slots:
         QCOMPARE(m_client->command(V::FlashDeflBegin, begin(offset, size, 0x4000)).status(), ok);
         QByteArray answered;
         for (const QByteArray &request : qAsConst(steps)) {
-            QVERIFY(m_client->sendCommand(quint8(request[0]), request.mid(2), quint8(request[1])));
+            QVERIFY(m_client->send(request));
             const Answer answer = m_client->readAnswer();
             QCOMPARE(answer.opcode, quint8(request[0]));
             answered += char(answer.status());
@@ -852,14 +842,12 @@ private slots:
         // outside that range.
         const quint32 start = offset / sector * sector;
         const quint32 end = (offset + size + sector - 1) / sector * sector;
-        const QByteArray flash = m_chip->flash(0, flashSpan);
-        QCOMPARE(flash.left(int(start)), QByteArray(int(start), untouched));
-        QCOMPARE(flash.mid(int(end)), QByteArray(int(flashSpan - end), untouched));
-        QCOMPARE(flash.mid(int(start), int(offset - start)),
-                 QByteArray(int(offset - start), char(0xFF)));
-        QCOMPARE(flash.mid(int(offset + size), int(end - offset - size)),
-                 QByteArray(int(end - offset - size), char(0xFF)));
+        QByteArray flash = m_chip->flash(0, flashSpan);
         QCOMPARE(flash.mid(int(offset), int(size)) == data, written);
+        QByteArray expected(flashSpan, untouched);
+        expected.replace(int(start), int(end - start), QByteArray(int(end - start), char(0xFF)));
+        QCOMPARE(flash.replace(int(offset), int(size), QByteArray(int(size), char(0xFF))),
+                 expected);
         const auto erases = m_chip->counters().erases;
         QCOMPARE(erases.size(), 1);
         QCOMPARE(int(erases[0].kind), int(V::EraseKind::StubDeflBegin));
