@@ -354,12 +354,22 @@ private slots:
         QVERIFY(session.tool.esp_connect(session.fixture.port(), throughReset()));
         QVERIFY(!session.tool.isStubRunning());
         QCOMPARE(session.chip().loaderState(), VirtualEsp8266::LoaderState::RomLoader);
-        // A refused synchronisation is no answer of a running loader: the retry finds the ROM.
-        session.chip().armErrorStatus(1);
-        notices.clear();
-        QVERIFY(session.tool.esp_connect(session.fixture.port(), throughReset()));
-        QVERIFY(!session.tool.isStubRunning());
-        QCOMPARE(notices.count(), 0);
+        // A refused synchronisation, a single answer like a loader's, is no running loader:
+        // the retry finds the ROM.
+        QByteArray refusal = QByteArray::fromHex("0108020000000000") + QByteArray("\x01\x05", 2);
+        refusal = ESPProtocol::encode(refusal);
+        std::atomic<int> syncs{0};
+        ScriptedPeer peer([&](const QByteArray &request) -> QList<Reply> {
+            if (quint8(request.at(1)) != ESPTool::ESP_SYNC)
+                return {};
+            return ++syncs == 1 ? QList<Reply>{{refusal, 0}} : ScriptedPeer::syncBurst();
+        });
+        ESPTool tool;
+        QSignalSpy peerNotices(&tool, &ESPTool::notice);
+        QVERIFY(tool.esp_connect(peer.port()));
+        QVERIFY(!tool.isStubRunning());
+        QCOMPARE(peerNotices.count(), 0);
+        QCOMPARE(syncs.load(), 2);
     }
 
     void baudSwitch_data()
